@@ -1,0 +1,3 @@
+#include "ZImage/ThreadCount.h"
+
+int threadCount = 1;

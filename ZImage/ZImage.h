@@ -1,0 +1,105 @@
+// ZImage: the one image type of the system.
+//
+// A thin owner around an IFL bitmap record (imagefile/IflBitmap.h), so that a
+// ZImage can be handed to IFL's load and save calls as it stands. Pixels are
+// interleaved (R, G, B, A in that order), rows are bytesPerLine apart, and a
+// pixel's components are 8-bit or 16-bit unsigned or 32-bit float with 1.0 as
+// full scale. Failures throw ZException; a function that returns succeeded.
+//
+// ZImage has no locks: several threads may read one image, and parallel pixel
+// loops write disjoint rows of one image.
+#pragma once
+
+#include "ZImage/ZException.h"
+#include "imagefile/IflBitmap.h"
+
+#include <cstdint>
+
+class QImage;
+class QString;
+
+class ZImage {
+public:
+    // Colour type codes of the formats the system converts between.
+    static constexpr int Gray = 2;
+    static constexpr int RGB = 16;
+    static constexpr int RGBA = 32;
+    // Resampling modes of ResizeTo; 0 picks by the scale.
+    static constexpr int Bilinear = 2;
+    static constexpr int Supersample = 8;
+
+    ZImage() = default;
+    ZImage(int width, int height, int typeCode, int bits, bool clear = true,
+           void* externalData = nullptr, int externalStride = 0);
+    ~ZImage();
+
+    ZImage(const ZImage&) = delete;
+    ZImage& operator=(const ZImage&) = delete;
+    ZImage(ZImage&& other) noexcept;
+    ZImage& operator=(ZImage&& other) noexcept;
+
+    // (Re)allocates. A bitmap of the same size and format is kept without
+    // allocating (and zeroed if `clear`). With `externalData` the image adopts
+    // that memory, bytes per line `externalStride`, and never frees it.
+    void Create(int width, int height, int typeCode, int bits, bool clear = true,
+                void* externalData = nullptr, int externalStride = 0);
+    void Free();
+    // Deep copy; the copy always owns its pixels.
+    void CopyFrom(const ZImage& other);
+    // Resampled copy into `target`. interpolation 0 chooses supersampling
+    // (area-weighted) when shrinking and bilinear when enlarging. Factors of
+    // 0.0 are derived from the sizes. Same size: a plain CopyFrom.
+    void ResizeTo(ZImage& target, int newWidth, int newHeight, int interpolation = 0,
+                  double xFactor = 0.0, double yFactor = 0.0, double xShift = 0.0,
+                  double yShift = 0.0) const;
+
+    // Pixel format conversion (ZImage_Copy.cpp).
+    void Copy(int srcX, int srcY, int width, int height, ZImage& target, int dstX, int dstY) const;
+    void CopyTo(ZImage& target, int colourType, int depth) const;
+    void ToQImage(QImage& image) const;
+
+    bool IsEmpty() const { return bitmap == nullptr; }
+    bool OwnsData() const { return ownsData != 0; }
+    IflBitmap* Bitmap() const { return bitmap; }
+
+    int BytesPerPixel() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->bytesPerPixel;
+    }
+    int BytesPerLine() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->bytesPerLine;
+    }
+    int BitsPerComponent() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->bitsPerComponent;
+    }
+    int Width() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->width;
+    }
+    int Height() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->height;
+    }
+    int BitmapType() const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->type;
+    }
+    // Address of pixel (x, y); no bounds check.
+    std::uint8_t* PixelAt(int x, int y) const {
+        Z_CHECK(bitmap, Z_INVALID_BITMAP);
+        return bitmap->data + static_cast<std::ptrdiff_t>(y) * bitmap->bytesPerLine +
+               static_cast<std::ptrdiff_t>(x) * bitmap->bytesPerPixel;
+    }
+
+    // Component count of a type code, by the masks IFL uses for its wider
+    // classes; 0 for a code in no class.
+    static int ComponentsOfType(int typeCode);
+
+private:
+    void Release();
+
+    IflBitmap* bitmap = nullptr;
+    unsigned char ownsData = 1;
+};

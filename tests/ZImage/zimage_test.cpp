@@ -1,0 +1,334 @@
+// ZImage: the bitmap record, its lifecycle and ownership, and resampling.
+// Run under ASan in CI, so a leak or a double free of adopted memory fails.
+#include "ZImage/ZImage.h"
+
+#include <cmath>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+#include <vector>
+
+namespace {
+
+std::string locationOf(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const ZException& e) {
+        return e.location()->toStdString() + " | " + e.what();
+    }
+    return "no exception";
+}
+
+template <typename T>
+T* row(const ZImage& image, int y) {
+    return reinterpret_cast<T*>(image.PixelAt(0, y));
+}
+
+} // namespace
+
+TEST(ZImageCreate, FillsTheRecordAndPadsLinesToFourBytes) {
+    ZImage image(3, 1, ZImage::RGB, 8);
+    const IflBitmap& b = *image.Bitmap();
+    EXPECT_EQ(image.BytesPerPixel(), 3);
+    EXPECT_EQ(image.BytesPerLine(), 12);
+    EXPECT_EQ(image.Width(), 3);
+    EXPECT_EQ(image.Height(), 1);
+    EXPECT_EQ(image.BitmapType(), ZImage::RGB);
+    EXPECT_EQ(image.BitsPerComponent(), 8);
+    EXPECT_EQ(b.componentsPerPixel, 3);
+    EXPECT_EQ(b.linePadding, 4);
+    EXPECT_EQ(b.transparentIndex, 65535);
+    EXPECT_EQ(b.coloursUsed, 0u);
+    EXPECT_EQ(b.palette, nullptr);
+    EXPECT_EQ(b.origin, 0);
+    EXPECT_TRUE(image.OwnsData());
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(b.data[i], 0) << "cleared pixels";
+
+    const ZImage wide(5, 2, ZImage::RGBA, 32, false);
+    EXPECT_EQ(wide.BytesPerPixel(), 16);
+    EXPECT_EQ(wide.BytesPerLine(), 80);
+    const ZImage grey(5, 1, ZImage::Gray, 16);
+    EXPECT_EQ(grey.BytesPerLine(), 12);
+    EXPECT_EQ(grey.Bitmap()->coloursUsed, 256u);
+}
+
+TEST(ZImageCreate, TypeCodesAreClassifiedByMaskInOrder) {
+    EXPECT_EQ(ZImage::ComponentsOfType(0x1), 1);
+    EXPECT_EQ(ZImage::ComponentsOfType(0x7 | 0x40), 1) << "grey mask is tested first";
+    EXPECT_EQ(ZImage::ComponentsOfType(0x40), 3);
+    EXPECT_EQ(ZImage::ComponentsOfType(0x1000), 3);
+    EXPECT_EQ(ZImage::ComponentsOfType(0x80), 4);
+    EXPECT_EQ(ZImage::ComponentsOfType(0x2000), 4);
+    EXPECT_EQ(ZImage::ComponentsOfType(0x8), 0);
+
+    ZImage paletted(4, 4, 4, 8);
+    ASSERT_NE(paletted.Bitmap()->palette, nullptr);
+    EXPECT_EQ(paletted.Bitmap()->coloursUsed, 256u);
+    for (int i = 0; i < 1024; ++i)
+        ASSERT_EQ(paletted.Bitmap()->palette[i], 0);
+}
+
+TEST(ZImageCreate, RefusesUnknownTypeCode) {
+    ZImage image;
+    const std::string where = locationOf([&] { image.Create(2, 2, 0, 8); });
+    EXPECT_NE(where.find("ZImage/ZImage.cpp"), std::string::npos) << where;
+    EXPECT_NE(where.find("Invalid Parameter"), std::string::npos) << where;
+    EXPECT_NE(locationOf([&] { image.Create(2, 2, 0x8, 8); }).find("Invalid Parameter"),
+              std::string::npos);
+}
+
+TEST(ZImageCreate, RefusesAStrideBeyondThirtyTwoBits) {
+    ZImage image;
+    const std::string where = locationOf([&] { image.Create(1 << 29, 1, ZImage::RGBA, 32); });
+    EXPECT_NE(where.find("Not enough memory"), std::string::npos) << where;
+}
+
+TEST(ZImageCreate, SameFormatKeepsTheBufferAndClearsOnlyWhenAsked) {
+    ZImage image(4, 3, ZImage::RGBA, 8);
+    std::uint8_t* const data = image.Bitmap()->data;
+    std::memset(data, 0xAB, 4 * 4 * 3);
+    image.Create(4, 3, ZImage::RGBA, 8, false);
+    EXPECT_EQ(image.Bitmap()->data, data);
+    EXPECT_EQ(data[17], 0xAB) << "clear false leaves the old pixels";
+    image.Create(4, 3, ZImage::RGBA, 8, true);
+    EXPECT_EQ(image.Bitmap()->data, data);
+    EXPECT_EQ(data[17], 0);
+    image.Create(4, 3, ZImage::RGBA, 16, false);
+    EXPECT_EQ(image.BitsPerComponent(), 16);
+}
+
+TEST(ZImageAccessors, EmptyImageGivesInvalidBitmapFromTheHeader) {
+    const ZImage empty;
+    EXPECT_TRUE(empty.IsEmpty());
+    const std::vector<std::function<void()>> accessors = {
+        [&] { (void)empty.BytesPerPixel(); }, [&] { (void)empty.BytesPerLine(); },
+        [&] { (void)empty.BitsPerComponent(); }, [&] { (void)empty.Width(); },
+        [&] { (void)empty.Height(); },        [&] { (void)empty.BitmapType(); },
+        [&] { (void)empty.PixelAt(0, 0); }};
+    std::set<std::string> seen;
+    for (const auto& accessor : accessors) {
+        const std::string where = locationOf(accessor);
+        EXPECT_NE(where.find("File: \"ZImage/ZImage.h\" Line: "), std::string::npos) << where;
+        EXPECT_NE(where.find("| Invalid Bitmap"), std::string::npos) << where;
+        seen.insert(where);
+    }
+    EXPECT_EQ(seen.size(), accessors.size()) << "each accessor has its own line";
+}
+
+TEST(ZImageOwnership, AdoptedMemoryIsNeverFreedAndReCreateOwnsItsOwn) {
+    std::vector<std::uint8_t> outside(6 * 5, 7);
+    {
+        ZImage image(2, 5, ZImage::RGB, 8, false, outside.data(), 6);
+        EXPECT_FALSE(image.OwnsData());
+        EXPECT_EQ(image.Bitmap()->linePadding, 2) << "a stride of 6 is not a multiple of 4";
+        EXPECT_EQ(image.BytesPerLine(), 6);
+        EXPECT_EQ(image.PixelAt(1, 2), outside.data() + 2 * 6 + 3);
+        // Re-created with memory of its own, the image owns and frees it (no leak under ASan).
+        image.Create(3, 3, ZImage::RGB, 8);
+        EXPECT_TRUE(image.OwnsData());
+        EXPECT_NE(image.Bitmap()->data, outside.data());
+    }
+    {
+        ZImage cleared(2, 5, ZImage::RGB, 8, true, outside.data(), 8);
+        EXPECT_EQ(cleared.Bitmap()->linePadding, 4);
+        EXPECT_EQ(outside[0], 0) << "adopted memory is cleared too";
+    }
+    EXPECT_EQ(outside.size(), 30u);
+}
+
+TEST(ZImageCopyFrom, DeepCopiesRecordPixelsPaletteAndText) {
+    std::vector<std::uint8_t> outside(8 * 2);
+    for (std::size_t i = 0; i < outside.size(); ++i)
+        outside[i] = static_cast<std::uint8_t>(i * 3);
+    ZImage source(2, 2, ZImage::RGBA, 8, false, outside.data(), 8);
+    IflBitmap& record = *source.Bitmap();
+    char text[] = "caption";
+    record.text = text;
+    record.value0 = 11;
+    record.value1 = -4;
+    record.link0 = &record;
+
+    ZImage copy;
+    copy.CopyFrom(source);
+    record.text = nullptr; // the source never owned it
+    ASSERT_FALSE(copy.IsEmpty());
+    EXPECT_TRUE(copy.OwnsData());
+    const IflBitmap& c = *copy.Bitmap();
+    EXPECT_NE(c.data, outside.data());
+    EXPECT_EQ(std::memcmp(c.data, outside.data(), outside.size()), 0);
+    ASSERT_NE(c.text, nullptr);
+    EXPECT_NE(c.text, text);
+    EXPECT_STREQ(c.text, "caption");
+    EXPECT_EQ(c.link0, nullptr);
+    EXPECT_EQ(c.link1, nullptr);
+    EXPECT_EQ(c.value0, 11);
+    EXPECT_EQ(c.value1, -4);
+    EXPECT_EQ(c.width, 2);
+    EXPECT_EQ(c.bytesPerLine, 8);
+
+    ZImage paletted(2, 2, 4, 8);
+    paletted.Bitmap()->palette[1023] = 9;
+    ZImage paletteCopy;
+    paletteCopy.CopyFrom(paletted);
+    ASSERT_NE(paletteCopy.Bitmap()->palette, paletted.Bitmap()->palette);
+    EXPECT_EQ(paletteCopy.Bitmap()->palette[1023], 9);
+
+    ZImage empty;
+    paletteCopy.CopyFrom(empty);
+    EXPECT_TRUE(paletteCopy.IsEmpty());
+}
+
+TEST(ZImageMove, TransfersTheBitmap) {
+    ZImage a(3, 3, ZImage::Gray, 8);
+    IflBitmap* const record = a.Bitmap();
+    ZImage b(std::move(a));
+    EXPECT_TRUE(a.IsEmpty());
+    EXPECT_EQ(b.Bitmap(), record);
+    ZImage c;
+    c = std::move(b);
+    EXPECT_EQ(c.Bitmap(), record);
+}
+
+TEST(ZImageResize, EmptySourceThrowsWithLocationOnly) {
+    const ZImage empty;
+    ZImage target;
+    try {
+        empty.ResizeTo(target, 2, 2);
+        FAIL();
+    } catch (const ZException& e) {
+        EXPECT_STREQ(e.what(), "");
+        EXPECT_TRUE(e.location()->startsWith(QStringLiteral("File: \"ZImage/ZImage_Resize.cpp\"")));
+    }
+}
+
+TEST(ZImageResize, SameSizeCopiesWhateverTheArguments) {
+    ZImage source(3, 2, ZImage::RGB, 16);
+    row<std::uint16_t>(source, 1)[4] = 1234;
+    ZImage target;
+    source.ResizeTo(target, 3, 2, 12345, -1.0, 7.0, 3.0, 3.0);
+    EXPECT_EQ(row<std::uint16_t>(target, 1)[4], 1234);
+    EXPECT_NE(target.Bitmap()->data, source.Bitmap()->data);
+}
+
+TEST(ZImageResize, UnsupportedTypeGivesAClearedTarget) {
+    ZImage source(4, 4, 4, 8);
+    std::memset(source.Bitmap()->data, 200, 16);
+    ZImage target;
+    source.ResizeTo(target, 2, 3);
+    EXPECT_EQ(target.Width(), 2);
+    EXPECT_EQ(target.Height(), 3);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 2; ++x)
+            EXPECT_EQ(*target.PixelAt(x, y), 0);
+}
+
+// Every format variant, both modes, shrinking and enlarging: a constant image stays constant.
+TEST(ZImageResize, ConstantImagesStayConstant) {
+    struct Size {
+        int w, h;
+    };
+    const Size sizes[] = {{7, 5}, {3, 11}, {20, 20}, {1, 1}};
+    for (int type : {ZImage::Gray, ZImage::RGB, ZImage::RGBA}) {
+        for (int bits : {8, 16, 32}) {
+            ZImage source(13, 9, type, bits);
+            const int values = 13 * ZImage::ComponentsOfType(type);
+            for (int y = 0; y < 9; ++y) {
+                for (int i = 0; i < values; ++i) {
+                    const int c = i % ZImage::ComponentsOfType(type);
+                    if (bits == 8)
+                        row<std::uint8_t>(source, y)[i] = static_cast<std::uint8_t>(40 + 50 * c);
+                    else if (bits == 16)
+                        row<std::uint16_t>(source, y)[i] = static_cast<std::uint16_t>(1000 + 9000 * c);
+                    else
+                        row<float>(source, y)[i] = 0.125f + 0.25f * c;
+                }
+            }
+            for (const Size& s : sizes) {
+                for (int mode : {0, ZImage::Bilinear, ZImage::Supersample}) {
+                    ZImage target;
+                    source.ResizeTo(target, s.w, s.h, mode);
+                    const int components = ZImage::ComponentsOfType(type);
+                    for (int y = 0; y < s.h; ++y) {
+                        for (int i = 0; i < s.w * components; ++i) {
+                            const int c = i % components;
+                            if (bits == 8)
+                                ASSERT_EQ(row<std::uint8_t>(target, y)[i], 40 + 50 * c);
+                            else if (bits == 16)
+                                ASSERT_EQ(row<std::uint16_t>(target, y)[i], 1000 + 9000 * c);
+                            else
+                                ASSERT_FLOAT_EQ(row<float>(target, y)[i], 0.125f + 0.25f * c);
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(ZImageResize, SupersamplingConservesTheMean) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<float> value(0.0f, 1.0f);
+    ZImage source(60, 45, ZImage::RGBA, 32);
+    double sourceSum[4] = {};
+    for (int y = 0; y < 45; ++y)
+        for (int i = 0; i < 60 * 4; ++i)
+            sourceSum[i % 4] += (row<float>(source, y)[i] = value(random));
+
+    struct Size {
+        int w, h;
+    };
+    for (const Size s : {Size{20, 15}, Size{24, 18}, Size{12, 9}, Size{15, 5}}) {
+        ZImage target;
+        source.ResizeTo(target, s.w, s.h); // shrinking picks supersampling
+        double targetSum[4] = {};
+        for (int y = 0; y < s.h; ++y)
+            for (int i = 0; i < s.w * 4; ++i)
+                targetSum[i % 4] += row<float>(target, y)[i];
+        for (int c = 0; c < 4; ++c)
+            EXPECT_NEAR(targetSum[c] / (s.w * s.h), sourceSum[c] / (60 * 45), 1e-5)
+                << s.w << "x" << s.h << " channel " << c;
+    }
+
+    // A 2 x 2 block average is exact.
+    ZImage bytes(4, 2, ZImage::Gray, 8);
+    const std::uint8_t pixels[2][4] = {{10, 20, 100, 101}, {30, 40, 102, 103}};
+    for (int y = 0; y < 2; ++y)
+        std::memcpy(bytes.PixelAt(0, y), pixels[y], 4);
+    ZImage half;
+    bytes.ResizeTo(half, 2, 1, ZImage::Supersample);
+    EXPECT_EQ(*half.PixelAt(0, 0), 25);
+    EXPECT_EQ(*half.PixelAt(1, 0), 102) << "101.5 rounds to the even neighbour";
+}
+
+TEST(ZImageResize, BilinearReproducesALinearRamp) {
+    ZImage source(10, 6, ZImage::Gray, 32);
+    for (int y = 0; y < 6; ++y)
+        for (int x = 0; x < 10; ++x)
+            row<float>(source, y)[x] = 0.05f * x + 0.1f * y;
+    ZImage target;
+    source.ResizeTo(target, 25, 15); // enlarging picks bilinear
+    const double fx = 25.0 / 10.0, fy = 15.0 / 6.0;
+    int checked = 0;
+    for (int y = 0; y < 15; ++y) {
+        for (int x = 0; x < 25; ++x) {
+            const double sx = (x + 0.5) / fx - 0.5, sy = (y + 0.5) / fy - 0.5;
+            if (sx < 0 || sy < 0 || sx > 9 || sy > 5)
+                continue; // outside the source centres the edge repeats
+            EXPECT_NEAR(row<float>(target, y)[x], 0.05 * sx + 0.1 * sy, 1e-6) << x << "," << y;
+            ++checked;
+        }
+    }
+    EXPECT_GT(checked, 200);
+}
+
+TEST(ZImageResize, ExplicitFactorAndShiftMoveTheSamplingGrid) {
+    ZImage source(8, 1, ZImage::Gray, 32);
+    for (int x = 0; x < 8; ++x)
+        row<float>(source, 0)[x] = static_cast<float>(x);
+    ZImage target;
+    // Factor 1 with a shift of 2 pixels samples the source two pixels on.
+    source.ResizeTo(target, 4, 1, ZImage::Bilinear, 1.0, 1.0, 2.0, 0.0);
+    for (int x = 0; x < 4; ++x)
+        EXPECT_FLOAT_EQ(row<float>(target, 0)[x], static_cast<float>(x + 2));
+}

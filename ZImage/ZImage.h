@@ -14,6 +14,8 @@
 #include "imagefile/IflBitmap.h"
 
 #include <cstdint>
+#include <memory>
+#include <span>
 
 class QImage;
 class QString;
@@ -57,6 +59,12 @@ public:
     void Copy(int srcX, int srcY, int width, int height, ZImage& target, int dstX, int dstY) const;
     void CopyTo(ZImage& target, int colourType, int depth) const;
     void ToQImage(QImage& image) const;
+
+    // Haze removal on RGBA float images (ZImageHaze.cpp, see ZImageHaze.h).
+    std::unique_ptr<float[]> estimateDarkChannel(std::span<float, 3> airlight) const;
+    std::unique_ptr<float[]> upsampleDarkChannel(const float* map, const ZImage& working) const;
+    void applyHazeRemoval(const float* airDepthMap, std::span<const float, 3> airlight,
+                          float strength);
 
     bool IsEmpty() const { return bitmap == nullptr; }
     bool OwnsData() const { return ownsData != 0; }

@@ -1,0 +1,60 @@
+// Haze removal: from an RGBA float photograph to the same photograph with the
+// veil of the atmosphere taken out, by the dark channel prior.
+//
+// The model is I = J t + A (1 - t): the observed colour I mixes the scene
+// radiance J with the airlight A by the transmission t. The costly part, a map
+// of how strongly each pixel is veiled, is computed once on a working copy of
+// about 100,000 pixels (so its cost does not grow with the photograph),
+// carried back to full size by joint bilateral upsampling, and cached in the
+// image's HazeSettings; the user's strength acts only in the last, cheap pass.
+//
+// The stages are members of ZImage (declared in ZImage.h, implemented in
+// ZImageHaze.cpp) and take only RGBA images with 32-bit float components
+// (type code 32, depth 32, 1.0 full scale); anything else throws
+// ZException("Invalid Bitmap"). Each per-pixel stage is one OpenMP region over
+// rows with `threadCount` threads and a static split; no result depends on the
+// thread count.
+//
+//   ZImage::estimateDarkChannel(airlight)      working image -> map D, airlight
+//   ZImage::upsampleDarkChannel(D, working)    full image    -> full-size map
+//   ZImage::applyHazeRemoval(map, A, s)        full image, changed in place
+//
+// Maps are row-major float arrays of width x height without padding, owned by
+// the std::unique_ptr that hands them out.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+class ZImage;
+
+// The per-image record of the tool. The plug-in makes one per image of the
+// host, the preview keeps its map between changes of the strength.
+struct HazeSettings {
+    // In percent; 0 leaves the image untouched.
+    std::int32_t strength = 0;
+    // Colour of the atmosphere, written by the run that computed airDepthMap.
+    std::array<float, 3> airlight{};
+    // Full-size veil map of the image it was computed for, or null while not
+    // computed. A map is only valid for an image of the same size.
+    std::unique_ptr<float[]> airDepthMap;
+};
+
+struct HazeWorkingSize {
+    int width;
+    int height;
+};
+
+// Size of the working copy for a photograph of width x height: about 100,000
+// pixels at the photograph's aspect ratio, whether that shrinks or enlarges.
+// Never less than 1 x 1, for needle-thin pictures. Throws "Invalid Parameter"
+// for an empty size.
+HazeWorkingSize hazeWorkingSize(int width, int height);
+
+// Removes the haze from `image` in place with settings.strength. With strength
+// 0 nothing happens at all. Otherwise the veil map is computed when
+// settings.airDepthMap is null (writing it and settings.airlight) and reused
+// when it is not. On an exception the image is unchanged and airDepthMap
+// stays null; nothing leaks.
+void runHazeRemoval(ZImage& image, HazeSettings& settings);

@@ -1,0 +1,68 @@
+// Internals of the haze removal, shared with its tests: the size rules, the
+// weight tables of the upsampling and the ordered map of the airlight search.
+#pragma once
+
+#include <cstddef>
+#include <limits>
+#include <map>
+
+namespace haze {
+
+// Radius of the minimum filter's square window, from the working image: it
+// grows with the image so that the window covers a similar share of it.
+inline int windowRadius(int width, int height) {
+    return (width > height ? width : height) / 100 + 1;
+}
+
+// Rows' worth of pixels the airlight candidates hold: one row up to a height
+// of 1999, then one more per thousand rows.
+inline int candidateRows(int height) {
+    return height > 1000 ? height / 1000 : 1;
+}
+
+// Joint bilateral weights. The range weight is the normal density with
+// standard deviation 0.1 at index / 1000, rounded to 6 significant digits,
+// for index -2000 to 2000; the spatial weight is the 5 x 5 integer kernel over
+// 571, for dx, dy in -2 to 2.
+double rangeWeight(int index);
+double spatialWeight(int dx, int dy);
+
+// Range table index of a colour difference: truncated towards zero after
+// scaling by 1000, clamped to the table since HDR pixels exceed 1.0 (a NaN
+// difference takes the far end, the least similar).
+inline int rangeIndex(float difference) {
+    const float v = 1000.0f * difference;
+    if (v > -2000.0f && v < 2000.0f) return static_cast<int>(v);
+    return v <= -2000.0f ? -2000 : 2000;
+}
+
+// The airlight candidates: pixel addresses ordered by dark value. Of equal
+// dark values the one inserted last comes first, so the smallest entry that
+// is replaced is always the newest of its value, and a walk from the front
+// meets newer pixels of one value before older ones.
+class TopPixelMap {
+public:
+    using Entries = std::multimap<float, const float*>;
+
+    // NaN cannot be ordered; it ranks below every number.
+    void insert(float key, const float* pixel) {
+        if (key != key) key = -std::numeric_limits<float>::infinity();
+        // A hint at the first equal key places the new entry right before it.
+        entries.emplace_hint(entries.lower_bound(key), key, pixel);
+    }
+    // Drops the first entry and inserts the new one.
+    void replaceSmallest(float key, const float* pixel) {
+        entries.erase(entries.begin());
+        insert(key, pixel);
+    }
+    float smallestKey() const { return entries.begin()->first; }
+    std::size_t size() const { return entries.size(); }
+    bool empty() const { return entries.empty(); }
+    Entries::const_iterator begin() const { return entries.begin(); }
+    Entries::const_iterator end() const { return entries.end(); }
+
+private:
+    Entries entries;
+};
+
+} // namespace haze

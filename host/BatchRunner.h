@@ -1,0 +1,24 @@
+// The command-line run: options and the batch over the files given.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+class PluginHost;
+class SkyrinseApplication;
+
+struct BatchOptions {
+    int strength = -1; // -1: the stored default, else 60
+    int threads = 0;   // 0: the CPUs available to the process
+    bool verbose = false;
+};
+
+// Parse the option texts; false with a message for the user when they are not
+// whole numbers in range (strength 0 to 100, threads 1 to 1024).
+bool parseStrength(bool given, const QString& text, int& strength, QString& error);
+bool parseThreads(bool given, const QString& text, int& threads, QString& error);
+
+// Dehazes every file through the plug-in, one line per file on standard
+// error; returns the process exit status: 0 when all succeeded, else 1.
+int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& files,
+             const BatchOptions& options);

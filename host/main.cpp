@@ -1,0 +1,70 @@
+// skyrinse: removes the haze from photographs through the haze plug-in.
+//
+//   skyrinse [--strength N] [--threads N] [--verbose] FILE...
+//
+// Each FILE is written as FILE_dehazed.<suffix> beside it, in the same format
+// and depth, with its metadata. A failure is reported with its text and
+// location and the batch goes on; the exit status is 0 only if every file
+// was written.
+#include "host/BatchRunner.h"
+#include "host/PluginHost.h"
+#include "host/SkyrinseApplication.h"
+
+#include <QCommandLineParser>
+#include <cstdio>
+
+int main(int argc, char** argv) {
+    SkyrinseApplication app(argc, argv);
+    app.setApplicationVersion(QStringLiteral(SKYRINSE_VERSION));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QCoreApplication::translate("main", "Removes atmospheric haze from photographs. Each FILE "
+                                            "is written as FILE_dehazed beside it."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption strength(
+        QStringLiteral("strength"),
+        QCoreApplication::translate("main", "Strength of the correction in percent, 0 to 100 "
+                                            "(default: the stored default, else 60)."),
+        QStringLiteral("N"));
+    const QCommandLineOption threads(
+        QStringLiteral("threads"),
+        QCoreApplication::translate("main", "Worker threads (default: the CPUs available)."),
+        QStringLiteral("N"));
+    const QCommandLineOption verbose(
+        QStringLiteral("verbose"),
+        QCoreApplication::translate("main", "Report the plug-in, the settings and the solver's "
+                                            "statistics."));
+    const QCommandLineOption plugin(
+        QStringLiteral("plugin"),
+        QCoreApplication::translate("main", "Load the haze plug-in from PATH."),
+        QStringLiteral("PATH"));
+    parser.addOptions({strength, threads, verbose, plugin});
+    parser.addPositionalArgument(QStringLiteral("FILE"),
+                                 QCoreApplication::translate("main", "Photographs to dehaze."),
+                                 QStringLiteral("FILE..."));
+    parser.process(app);
+
+    BatchOptions options;
+    options.verbose = parser.isSet(verbose);
+    QString error;
+    if (!parseStrength(parser.isSet(strength), parser.value(strength), options.strength, error) ||
+        !parseThreads(parser.isSet(threads), parser.value(threads), options.threads, error)) {
+        std::fprintf(stderr, "skyrinse: %s\n", qPrintable(error));
+        return 2;
+    }
+    if (parser.positionalArguments().isEmpty()) {
+        std::fprintf(stderr, "skyrinse: %s\n",
+                     qPrintable(QCoreApplication::translate("main", "no FILE given (see --help)")));
+        return 2;
+    }
+    app.setThreadCount(options.threads);
+
+    PluginHost host;
+    if (!host.load(parser.value(plugin))) {
+        std::fprintf(stderr, "skyrinse: %s\n", qPrintable(host.errorString()));
+        return 3;
+    }
+    return runBatch(app, host, parser.positionalArguments(), options);
+}

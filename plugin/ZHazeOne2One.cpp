@@ -1,0 +1,194 @@
+#include "plugin/ZHazeOne2One.h"
+
+#include "ZImage/ZImage.h"
+#include "ZImage/ZImageHaze.h"
+#include "plugin/PluginInfo.h"
+#include "plugin/ZIApplication.h"
+
+#include <QDir>
+#include <QDomDocument>
+#include <QFileInfo>
+
+namespace {
+
+// Gives the host's image back on every path out of processImage, so that a
+// failed run does not keep the source's pixels locked.
+class AcquiredImage {
+public:
+    explicit AcquiredImage(ZIHostImage* image) : m_image(image), m_pixels(image->acquireImage(1)) {}
+    ~AcquiredImage() { m_image->releaseImage(1); }
+    AcquiredImage(const AcquiredImage&) = delete;
+    AcquiredImage& operator=(const AcquiredImage&) = delete;
+    const ZImage& pixels() const {
+        Z_CHECK(m_pixels, Z_INVALID_BITMAP);
+        return *m_pixels;
+    }
+
+private:
+    ZIHostImage* m_image;
+    ZImage* m_pixels;
+};
+
+} // namespace
+
+ZHazeOne2One::ZHazeOne2One(QObject* parent) : QObject(parent) {
+    setObjectName(QStringLiteral("ZHazeOne2One"));
+    m_defaultSettings = loadSettings(QDomElement());
+}
+
+ZHazeOne2One::~ZHazeOne2One() {
+    clearSettingsMap();
+    freeSettings(m_defaultSettings);
+}
+
+QString ZHazeOne2One::name() const { return QStringLiteral("Skyrinse"); }
+QString ZHazeOne2One::author() const { return PluginInfo::author(); }
+QString ZHazeOne2One::company() const { return PluginInfo::company(); }
+QString ZHazeOne2One::version() const { return PluginInfo::version(); }
+QString ZHazeOne2One::id() const { return PluginInfo::processId(); }
+
+QString ZHazeOne2One::description() const {
+    // The missing blank after "layer." is part of the translation key.
+    return tr("Haze is an atmospheric phenomenon that can affect outdoor photos. Everything far "
+              "from the shooter seems to be covered by a white layer.This plugin helps you to "
+              "remove the haze and clean your photo. To do that, it analyses each pixel to "
+              "calculate the depth of air.");
+}
+
+QIcon ZHazeOne2One::icon() const {
+    return QIcon(QStringLiteral(":/%1/Resources/ZHaze.png").arg(PluginInfo::processId()));
+}
+
+QIcon ZHazeOne2One::beforeAfterIcon() const {
+    return QIcon(QStringLiteral(":/%1/Resources/ZHazeBeforeAfter.png").arg(PluginInfo::processId()));
+}
+
+QWizardPage* ZHazeOne2One::wizardPage() {
+    // The interactive page with its preview belongs to the wizard, which is
+    // not part of this build yet; hosts fall back to the command line.
+    return m_page.data();
+}
+
+void ZHazeOne2One::saveDefaults() {
+    ZIApplication* host = ZIApplication::instance();
+    if (!host || !m_defaultSettings)
+        return;
+    host->setValue(PluginInfo::processId(), PluginInfo::strengthKey(),
+                   QVariant(static_cast<int>(m_defaultSettings->strength)));
+}
+
+HazeSettings* ZHazeOne2One::loadSettings(QDomElement element) {
+    auto settings = std::make_unique<HazeSettings>();
+    settings->strength = 0;
+    if (ZIApplication* host = ZIApplication::instance())
+        settings->strength = host->value(PluginInfo::processId(), PluginInfo::strengthKey(),
+                                         QVariant(QStringLiteral("0")))
+                                 .toInt();
+    if (!element.isNull())
+        settings->strength =
+            element.attribute(PluginInfo::strengthKey(), QStringLiteral("0")).toInt(nullptr, 10);
+    return settings.release();
+}
+
+QDomElement ZHazeOne2One::saveSettings(const HazeSettings* settings) {
+    QDomDocument document(name());
+    QDomElement element = document.createElement(name());
+    element.setAttribute(PluginInfo::strengthKey(), static_cast<qlonglong>(settings->strength));
+    return element;
+}
+
+void ZHazeOne2One::copySettings(HazeSettings* target, const HazeSettings* source) {
+    if (target && source)
+        target->strength = source->strength;
+}
+
+void ZHazeOne2One::freeSettings(HazeSettings* settings) {
+    std::unique_ptr<HazeSettings> owned(settings);
+}
+
+void ZHazeOne2One::rememberDefaults(HazeSettings* settings) {
+    copySettings(m_defaultSettings, settings);
+}
+
+void ZHazeOne2One::clearSettingsMap() {
+    for (HazeSettings* settings : std::as_const(m_settingsMap))
+        freeSettings(settings);
+    m_settingsMap.clear();
+}
+
+void ZHazeOne2One::configureImages(const QStringList& paths) {
+    clearSettingsMap();
+    ZIApplication* host = ZIApplication::instance();
+    if (!host)
+        return;
+    for (const QString& path : paths) {
+        ZIHostImage* image = host->image(path);
+        if (!image)
+            continue;
+        if (HazeSettings* old = m_settingsMap.value(image, nullptr))
+            freeSettings(old); // the same file listed twice keeps one record
+        m_settingsMap.insert(image, loadSettings(QDomElement()));
+    }
+}
+
+QDomElement ZHazeOne2One::settingsElement(const QString& path) {
+    ZIApplication* host = ZIApplication::instance();
+    ZIHostImage* image = host ? host->image(path) : nullptr;
+    if (HazeSettings* settings = m_settingsMap.value(image, nullptr))
+        return saveSettings(settings);
+    HazeSettings* fresh = loadSettings(QDomElement());
+    const QDomElement element = saveSettings(fresh);
+    freeSettings(fresh);
+    return element;
+}
+
+QString ZHazeOne2One::outputPathFor(const QString& sourcePath, bool forcesTiff) {
+    const QFileInfo info(sourcePath);
+    const QString suffix = forcesTiff ? QStringLiteral("tiff") : info.suffix().toLower();
+    return info.absolutePath() + QDir::separator() + info.completeBaseName() +
+           tr("_dehazed") + QLatin1Char('.') + suffix;
+}
+
+int ZHazeOne2One::targetType(int channelCount) {
+    if (channelCount == 1)
+        return ZImage::Gray;
+    if (channelCount == 3)
+        return ZImage::RGB;
+    return ZImage::RGBA;
+}
+
+int ZHazeOne2One::targetDepth(int bitDepth) {
+    if (bitDepth < 9)
+        return 8;
+    if (bitDepth <= 16)
+        return 16;
+    return 32;
+}
+
+void ZHazeOne2One::runHazeRemoval(ZImage& image, HazeSettings* settings) const {
+    ::runHazeRemoval(image, *settings);
+}
+
+void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* settings,
+                                QString& outputPath) {
+    ZIApplication* host = ZIApplication::instance();
+    Z_CHECK(host && settings, Z_INVALID_PARAMETER);
+    ZIHostImage* image = host->image(sourcePath);
+    Z_CHECK(image, Z_INVALID_PARAMETER);
+
+    const bool forcesTiff = image->forcesTiff();
+    outputPath = outputPathFor(sourcePath, forcesTiff);
+    const QString format = QFileInfo(outputPath).suffix();
+
+    ZImage working;
+    {
+        const AcquiredImage source(image);
+        source.pixels().CopyTo(working, ZImage::RGBA, 32);
+        runHazeRemoval(working, settings);
+    }
+
+    ZImage output;
+    working.CopyTo(output, targetType(image->channelCount()), targetDepth(image->bitDepth()));
+    working.Free();
+    output.Save(outputPath, format, -1, sourcePath);
+}

@@ -128,48 +128,54 @@ constexpr Op Copy = Op::Copy, Conv = Op::Convert, Drop = Op::Drop, Place = Op::P
 constexpr Chain kFloatRgbToWordRgba{
     F4, 1.0f, {Step{Op::Fill, X, X}, Step{Place, S, X}, Step{Conv, X, T}}};
 
-// Rows: source format; columns: target format; both in the order
-// F RGBA, F RGB, F grey, W RGBA, W RGB, W grey, B RGBA, B RGB, B grey.
+// Rows: source format; columns: target format. Each row has one line per
+// target depth (F, W, B), and each line the targets RGBA, RGB, grey.
+// clang-format off
 constexpr std::array<std::array<Chain, 9>, 9> kChains{{
     // F RGBA
-    {direct(Copy), direct(Drop), direct(Gray), direct(Conv), through(F3, Drop, Conv),
-     through(F1, Gray, Conv), direct(Conv), through(F3, Drop, Conv), through(F1, Gray, Conv)},
+    {direct(Copy),                             direct(Drop),               direct(Gray),
+     direct(Conv),                             through(F3, Drop, Conv),    through(F1, Gray, Conv),
+     direct(Conv),                             through(F3, Drop, Conv),    through(F1, Gray, Conv)},
     // F RGB
-    {filled(1.0f, Place), direct(Copy), direct(Gray), kFloatRgbToWordRgba, direct(Conv),
-     through(F1, Gray, Conv), filledThrough(255.0f, B3, Conv, Place), direct(Conv),
-     through(F1, Gray, Conv)},
+    {filled(1.0f, Place),                      direct(Copy),               direct(Gray),
+     kFloatRgbToWordRgba,                      direct(Conv),               through(F1, Gray, Conv),
+     filledThrough(255.0f, B3, Conv, Place),   direct(Conv),               through(F1, Gray, Conv)},
     // F grey
-    {filled(1.0f, Spread), direct(Spread), direct(Copy), filledThrough(65535.0f, W1, Conv, Spread),
-     through(W1, Conv, Spread), direct(Conv), filledThrough(255.0f, B1, Conv, Spread),
-     through(B1, Conv, Spread), direct(Conv)},
-    // W RGBA
-    {direct(Conv), through(F4, Conv, Drop), through(F4, Conv, Gray), direct(Copy), direct(Drop),
-     direct(Gray), direct(Conv), through(W3, Drop, Conv), through(W1, Gray, Conv)},
-    // W RGB
-    {filledThrough(1.0f, F3, Conv, Place), direct(Conv), through(F3, Conv, Gray),
-     filled(65535.0f, Place), direct(Copy), direct(Gray), filledThrough(255.0f, B3, Conv, Place),
-     direct(Conv), through(W1, Gray, Conv)},
-    // W grey: alpha is full in both RGBA cells, so a grey 16-bit photograph
-    // is not read as transparent.
-    {filledThrough(1.0f, F1, Conv, Spread), through(F1, Conv, Spread), direct(Conv),
-     filled(65535.0f, Spread), direct(Spread), direct(Copy),
-     filledThrough(255.0f, B1, Conv, Spread), through(B1, Conv, Spread), direct(Conv)},
-    // B RGBA
-    {direct(Conv), through(F4, Conv, Drop), through(F4, Conv, Gray), direct(Conv),
-     through(W4, Conv, Drop), through(W4, Conv, Gray), direct(Copy), direct(Drop), direct(Gray)},
-    // B RGB
-    {filledThrough(1.0f, F3, Conv, Place), direct(Conv), through(F3, Conv, Gray),
-     filledThrough(65535.0f, W3, Conv, Place), direct(Conv), through(W3, Conv, Gray),
-     filled(255.0f, Place), direct(Copy), direct(Gray)},
-    // B grey
-    {filledThrough(1.0f, F1, Conv, Spread), through(F1, Conv, Spread), direct(Conv),
+    {filled(1.0f, Spread),                     direct(Spread),             direct(Copy),
      filledThrough(65535.0f, W1, Conv, Spread), through(W1, Conv, Spread), direct(Conv),
-     filled(255.0f, Spread), direct(Spread), direct(Copy)},
+     filledThrough(255.0f, B1, Conv, Spread),  through(B1, Conv, Spread),  direct(Conv)},
+    // W RGBA
+    {direct(Conv),                             through(F4, Conv, Drop),    through(F4, Conv, Gray),
+     direct(Copy),                             direct(Drop),               direct(Gray),
+     direct(Conv),                             through(W3, Drop, Conv),    through(W1, Gray, Conv)},
+    // W RGB
+    {filledThrough(1.0f, F3, Conv, Place),     direct(Conv),               through(F3, Conv, Gray),
+     filled(65535.0f, Place),                  direct(Copy),               direct(Gray),
+     filledThrough(255.0f, B3, Conv, Place),   direct(Conv),               through(W1, Gray, Conv)},
+    // W grey: alpha is full in both wider RGBA cells too, so that a grey
+    // 16-bit photograph is not read as transparent.
+    {filledThrough(1.0f, F1, Conv, Spread),    through(F1, Conv, Spread),  direct(Conv),
+     filled(65535.0f, Spread),                 direct(Spread),             direct(Copy),
+     filledThrough(255.0f, B1, Conv, Spread),  through(B1, Conv, Spread),  direct(Conv)},
+    // B RGBA
+    {direct(Conv),                             through(F4, Conv, Drop),    through(F4, Conv, Gray),
+     direct(Conv),                             through(W4, Conv, Drop),    through(W4, Conv, Gray),
+     direct(Copy),                             direct(Drop),               direct(Gray)},
+    // B RGB
+    {filledThrough(1.0f, F3, Conv, Place),     direct(Conv),               through(F3, Conv, Gray),
+     filledThrough(65535.0f, W3, Conv, Place), direct(Conv),               through(W3, Conv, Gray),
+     filled(255.0f, Place),                    direct(Copy),               direct(Gray)},
+    // B grey
+    {filledThrough(1.0f, F1, Conv, Spread),    through(F1, Conv, Spread),  direct(Conv),
+     filledThrough(65535.0f, W1, Conv, Spread), through(W1, Conv, Spread), direct(Conv),
+     filled(255.0f, Spread),                   direct(Spread),             direct(Copy)},
 }};
+// clang-format on
 
-// The table is checked when the library is compiled: each step must find the
-// formats it works on, and the last step must write the target. A wrong entry
-// fails the build instead of converting a picture wrongly.
+// The shape of the table is checked when the library is compiled: each step
+// must find the formats it works on, a scratch image must be written before
+// it is read, and the last step must write the target. An entry that does not
+// join up fails the build; the values it produces are the tests' business.
 constexpr bool stepFits(Op op, Format from, Format to, float alpha) {
     switch (op) {
     case Op::Copy:

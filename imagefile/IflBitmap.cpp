@@ -1,13 +1,14 @@
 #include "imagefile/IflBitmap.h"
+#include "imagefile/internal/IflMetadata.h"
 
 #include <cstdlib>
 
 void iflFreeBitmap(IflBitmap* bitmap) {
-    if (!bitmap)
-        return;
+    if (!bitmap) return;
     std::free(bitmap->data);
     std::free(bitmap->palette);
     std::free(bitmap->text);
+    ifl::freeMetadata(bitmap);
     std::free(bitmap);
 }
 

@@ -2,8 +2,8 @@
 //
 // Record and pixels are allocated with the C allocator and released together by
 // iflFreeBitmap, which frees the record, its pixel data, its palette and its
-// text. A caller that lends its own pixels to a record sets data to null before
-// handing the record to iflFreeBitmap.
+// text, and the metadata block that IFL may hang on link0. A caller that lends its own pixels to a
+// record sets data to null before handing the record to iflFreeBitmap.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ struct IflBitmap {
     std::uint32_t coloursUsed;        // 256 for type codes 2 and 4, else 0
     std::uint8_t* palette;            // null, or 1024 bytes for type code 4
     std::uint8_t* data;               // the pixel array
-    void* link0;                      // cleared by ZImage::CopyFrom
+    void* link0;                      // IFL's metadata block, or null; cleared by ZImage::CopyFrom
     void* link1;                      // cleared by ZImage::CopyFrom
     std::int32_t value0;              // kept by ZImage::CopyFrom
     std::int32_t value1;              // kept by ZImage::CopyFrom

@@ -1,0 +1,85 @@
+// The metadata block that an IFL bitmap record can carry, and the moves of
+// metadata between files, records and encoder attributes.
+//
+// The block hangs on IflBitmap::link0 and is owned by the record: iflFreeBitmap
+// frees it, and ZImage::CopyFrom clears the pointer, so a copy never shares it.
+// EXIF, IPTC and XMP are kept as Exiv2 holds them, so that maker notes, GPS
+// and unknown tags travel as whole blocks; the ICC profile and the XMP packet
+// are kept as bytes and written back unchanged.
+#pragma once
+
+#include "imagefile/IflBitmap.h"
+
+// Exiv2 0.27 still hands out std::auto_ptr in its headers.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#include <exiv2/exiv2.hpp>
+#pragma GCC diagnostic pop
+
+#include <OpenImageIO/imageio.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct IflMetadata {
+    std::vector<std::uint8_t> icc;
+    Exiv2::ExifData exif;
+    Exiv2::ByteOrder exifByteOrder = Exiv2::littleEndian;
+    Exiv2::IptcData iptc;
+    std::string xmp; // the packet as found in the file
+
+    bool empty() const { return icc.empty() && exif.empty() && iptc.empty() && xmp.empty(); }
+};
+
+struct IflIptc {
+    Exiv2::IptcData data;
+};
+
+struct IflExif {
+    Exiv2::ExifData data;
+    Exiv2::ByteOrder byteOrder = Exiv2::littleEndian;
+};
+
+struct IflXmp {
+    std::string packet;
+};
+
+namespace ifl {
+
+// The block of a record, or null.
+IflMetadata* metadataOf(const IflBitmap* bitmap);
+// The block of a record, made empty if there was none.
+IflMetadata& ensureMetadata(IflBitmap* bitmap);
+// Frees the block of a record and clears the link.
+void freeMetadata(IflBitmap* bitmap);
+
+// While one of these lives on a thread, Exiv2's warnings on that thread are
+// appended to `sink` instead of going to standard error.
+class Exiv2Warnings {
+public:
+    explicit Exiv2Warnings(std::vector<std::string>& sink);
+    ~Exiv2Warnings();
+    Exiv2Warnings(const Exiv2Warnings&) = delete;
+    Exiv2Warnings& operator=(const Exiv2Warnings&) = delete;
+
+private:
+    std::vector<std::string>* previous;
+};
+
+// Reads profile and metadata of a file. Exiv2 reads the formats it knows;
+// for the others (EXR, HDR...) what the decoder found is taken from `spec`.
+// Never fails: what cannot be read is named in `warnings` and left out.
+void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetadata& out,
+                  std::vector<std::string>& warnings);
+
+// Puts the metadata into encoder attributes, for formats Exiv2 cannot write.
+void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec);
+
+// Writes the metadata into an encoded JPEG, PNG, TIFF or WebP file held in
+// memory. All kinds are tried at once; if that fails, each kind alone, and the
+// ones that still fail are dropped and named in `warnings`.
+void embedMetadata(std::vector<std::uint8_t>& file, const IflMetadata& metadata, bool withIcc,
+                   bool tiff, std::vector<std::string>& warnings);
+
+} // namespace ifl

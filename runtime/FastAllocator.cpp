@@ -217,6 +217,44 @@ std::vector<CacheEntryView> currentThreadCache()
     return view;
 }
 
+void trimThreadCache()
+{
+    if (tlsSlot.number == 0)
+        return;
+    CacheRecord* record = state().slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
+    if (record == nullptr)
+        return;
+    // Entries move, so no foreign release may scan meanwhile.
+    std::lock_guard guard(runtimeLock());
+    const int count = record->count.load(std::memory_order_relaxed);
+    int kept = 0;
+    for (int i = 0; i < count; ++i) {
+        Entry& entry = record->entries[i];
+        if (!entry.busy.load(std::memory_order_acquire)) {
+            heapFree(entry.block);
+            continue;
+        }
+        if (kept != i) {
+            Entry& to = record->entries[kept];
+            to.block = entry.block;
+            to.asked = entry.asked;
+            to.systemSize = entry.systemSize;
+            to.aligned.store(entry.aligned.load(std::memory_order_relaxed),
+                             std::memory_order_relaxed);
+            to.busy.store(true, std::memory_order_relaxed);
+        }
+        ++kept;
+    }
+    for (int i = kept; i < count; ++i) {
+        Entry& entry = record->entries[i];
+        entry.block = nullptr;
+        entry.asked = entry.systemSize = 0;
+        entry.aligned.store(nullptr, std::memory_order_relaxed);
+        entry.busy.store(false, std::memory_order_relaxed);
+    }
+    record->count.store(kept, std::memory_order_release);
+}
+
 int fastSlotsInUse() noexcept
 {
     return state().used.load(std::memory_order_relaxed);

@@ -20,6 +20,11 @@ struct CacheEntryView {
 // allocation). Reads the thread's own record, so call it on the owner thread.
 std::vector<CacheEntryView> currentThreadCache();
 
+// Returns the calling thread's idle cached blocks to the system heap; blocks
+// still in use stay cached. For a thread about to go quiet for a long time,
+// and for tests that need an empty cache.
+void trimThreadCache();
+
 // Thread slots taken so far.
 int fastSlotsInUse() noexcept;
 

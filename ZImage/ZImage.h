@@ -13,6 +13,7 @@
 #include "ZImage/ZException.h"
 #include "imagefile/IflBitmap.h"
 
+#include <QtContainerFwd>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -59,6 +60,16 @@ public:
     void Copy(int srcX, int srcY, int width, int height, ZImage& target, int dstX, int dstY) const;
     void CopyTo(ZImage& target, int colourType, int depth) const;
     void ToQImage(QImage& image) const;
+
+    // Image files (ZImage_Save.cpp). Save writes the image in `format` (a name
+    // or suffix in any case), with the ICC profile and metadata of
+    // `metadataSource` when it is not empty; `quality` is a format-dependent
+    // index, -1 for the defaults. What could not be carried over, and the
+    // library's own text of a failure, are appended to `notes` if given.
+    void Save(const QString& fileName, const QString& format, int quality,
+              const QString& metadataSource, QStringList* notes = nullptr);
+    // Decodes a picture file into this image.
+    void Load(const QString& fileName);
 
     // Haze removal on RGBA float images (ZImageHaze.cpp, see ZImageHaze.h).
     std::unique_ptr<float[]> estimateDarkChannel(std::span<float, 3> airlight) const;
@@ -111,3 +122,8 @@ private:
     IflBitmap* bitmap = nullptr;
     unsigned char ownsData = 1;
 };
+
+// Explains a failed write of `size` bytes to fileName: throws if the folder's
+// volume has less room than that, or if the file cannot be written; returns
+// otherwise. Leaves no new file behind.
+void CheckForDiskSpace(const QString& fileName, qint64 size, const QString& location);

@@ -1,0 +1,242 @@
+// applyHazeRemoval and runHazeRemoval: the transmission bound, the clamps, the
+// working size, the cached map, thread independence, failure without change,
+// and the recovery of a synthetic hazy scene.
+#include "ZImage/ZImageHaze.h"
+
+#include "HazeTestImages.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+using hazetest::Rgba;
+
+namespace {
+
+TEST(ApplyHazeRemoval, TransmissionHasAFloorOfOneTenth) {
+    ZImage image = hazetest::makeImage(1, 1, [](int, int) {
+        return Rgba{0.78f, 0.6f, 0.5f, 1.0f};
+    });
+    const std::array<float, 3> a{0.8f, 0.55f, 0.45f};
+    const float map = 0.95f; // 1 - 0.95 would be 0.05
+    image.applyHazeRemoval(&map, a, 1.0f);
+    const float* p = hazetest::pixel(image, 0, 0);
+    EXPECT_EQ((0.78f - 0.8f) / 0.1f + 0.8f, p[0]);
+    EXPECT_NEAR(0.6f, p[0], 1e-5f);
+    EXPECT_EQ((0.6f - 0.55f) / 0.1f + 0.55f, p[1]);
+    EXPECT_EQ((0.5f - 0.45f) / 0.1f + 0.45f, p[2]);
+    EXPECT_EQ(1.0f, p[3]);
+}
+
+TEST(ApplyHazeRemoval, FollowsTheHazeModelAboveTheFloor) {
+    ZImage image = hazetest::makeImage(3, 1, [](int x, int) {
+        return Rgba{0.2f + 0.1f * static_cast<float>(x), 0.4f, 0.9f, 0.5f};
+    });
+    const std::array<float, 3> a{0.5f, 0.6f, 0.7f};
+    const std::vector<float> map{0.2f, 0.5f, -0.5f};
+    image.applyHazeRemoval(map.data(), a, 0.6f);
+    for (int x = 0; x < 3; ++x) {
+        const float t = static_cast<float>(1.0 - map[x] * 0.6f);
+        const float* p = hazetest::pixel(image, x, 0);
+        EXPECT_FLOAT_EQ((0.2f + 0.1f * static_cast<float>(x) - 0.5f) / t + 0.5f, p[0]);
+        EXPECT_FLOAT_EQ((0.4f - 0.6f) / t + 0.6f, p[1]);
+        EXPECT_FLOAT_EQ((0.9f - 0.7f) / t + 0.7f, p[2]);
+        EXPECT_EQ(0.5f, p[3]) << "alpha is never changed";
+    }
+    // A negative map value means t above 1: no upper bound, the pixel moves
+    // towards the airlight.
+    EXPECT_GT(hazetest::pixel(image, 2, 0)[1], 0.4f);
+}
+
+TEST(ApplyHazeRemoval, ClampsBelowZeroButNotAboveOne) {
+    ZImage image = hazetest::makeImage(2, 1, [](int x, int) {
+        return x == 0 ? Rgba{0.1f, 0.1f, 0.1f, 1.0f} : Rgba{0.99f, 0.99f, 0.99f, 1.0f};
+    });
+    const std::array<float, 3> a{0.9f, 0.9f, 0.9f};
+    const std::vector<float> map{0.8f, 0.8f};
+    image.applyHazeRemoval(map.data(), a, 1.0f);
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(0.0f, hazetest::pixel(image, 0, 0)[c]);
+        EXPECT_GT(hazetest::pixel(image, 1, 0)[c], 1.0f);
+    }
+}
+
+TEST(ApplyHazeRemoval, TransparentPixelsStayBitForBit) {
+    ZImage image = hazetest::makeImage(2, 2, [](int x, int y) {
+        return Rgba{0.3f, 0.2f, 0.1f, x == y ? 0.0f : 1.0f};
+    });
+    const std::array<float, 3> a{0.9f, 0.9f, 0.9f};
+    const std::vector<float> map(4, 0.5f);
+    image.applyHazeRemoval(map.data(), a, 1.0f);
+    EXPECT_EQ(0.3f, hazetest::pixel(image, 0, 0)[0]);
+    EXPECT_EQ(0.1f, hazetest::pixel(image, 1, 1)[2]);
+    EXPECT_NE(0.3f, hazetest::pixel(image, 1, 0)[0]);
+}
+
+TEST(ApplyHazeRemoval, RejectsOtherFormats) {
+    const std::array<float, 3> a{};
+    const std::vector<float> map(16);
+    ZImage rgb(4, 4, ZImage::RGB, 32), words(4, 4, ZImage::RGBA, 16), good(4, 4, ZImage::RGBA, 32);
+    EXPECT_THROW(rgb.applyHazeRemoval(map.data(), a, 0.5f), ZException);
+    EXPECT_THROW(words.applyHazeRemoval(map.data(), a, 0.5f), ZException);
+    EXPECT_THROW(good.applyHazeRemoval(nullptr, a, 0.5f), ZException);
+}
+
+TEST(HazeWorkingSize, AboutOneHundredThousandPixelsAtTheAspectRatio) {
+    const HazeWorkingSize photo = hazeWorkingSize(4000, 3000);
+    EXPECT_EQ(365, photo.width);
+    EXPECT_EQ(273, photo.height);
+    const HazeWorkingSize thumbnail = hazeWorkingSize(100, 80);
+    EXPECT_EQ(353, thumbnail.width);
+    EXPECT_EQ(282, thumbnail.height);
+}
+
+TEST(HazeWorkingSize, PanoramasBeyond21474ColumnsDoNotWrap) {
+    // 30000 x 100000 does not fit in 32 bits.
+    const HazeWorkingSize pano = hazeWorkingSize(30000, 2000);
+    EXPECT_EQ(1224, pano.width);
+    EXPECT_EQ(81, pano.height);
+    const HazeWorkingSize huge = hazeWorkingSize(200000, 10000);
+    EXPECT_EQ(1414, huge.width);
+    EXPECT_EQ(70, huge.height);
+    for (const int w : {21474, 21475, 50000, 1 << 20}) {
+        const HazeWorkingSize s = hazeWorkingSize(w, 7000);
+        const double area = static_cast<double>(s.width) * s.height;
+        EXPECT_GT(area, 90000.0) << w;
+        EXPECT_LE(area, 100000.0) << w;
+    }
+}
+
+TEST(HazeWorkingSize, NeverEmpty) {
+    EXPECT_EQ(1, hazeWorkingSize(1, 1000000).width);
+    EXPECT_EQ(1, hazeWorkingSize(10000000, 1).height);
+    EXPECT_THROW(hazeWorkingSize(0, 10), ZException);
+}
+
+TEST(RunHazeRemoval, StrengthZeroChangesNothing) {
+    ZImage image = hazetest::randomImage(64, 48, 90);
+    const auto before = hazetest::pixels(image);
+    HazeSettings settings;
+    settings.airlight = {-1.0f, -2.0f, -3.0f};
+    runHazeRemoval(image, settings);
+    const auto after = hazetest::pixels(image);
+    EXPECT_TRUE(hazetest::sameBits(before.data(), after.data(), before.size()));
+    EXPECT_EQ(nullptr, settings.airDepthMap);
+    EXPECT_EQ((std::array<float, 3>{-1.0f, -2.0f, -3.0f}), settings.airlight);
+}
+
+TEST(RunHazeRemoval, ReusesTheCachedMapAndAirlight) {
+    ZImage image = hazetest::randomImage(20, 10, 91);
+    ZImage expected;
+    expected.CopyFrom(image);
+    HazeSettings settings;
+    settings.strength = 40;
+    settings.airlight = {0.9f, 0.8f, 0.7f};
+    settings.airDepthMap = std::make_unique<float[]>(200);
+    for (int i = 0; i < 200; ++i)
+        settings.airDepthMap[i] = static_cast<float>(i) / 200.0f;
+    runHazeRemoval(image, settings);
+
+    expected.applyHazeRemoval(settings.airDepthMap.get(), settings.airlight, 0.4f);
+    EXPECT_EQ(hazetest::pixels(expected), hazetest::pixels(image));
+    EXPECT_EQ((std::array<float, 3>{0.9f, 0.8f, 0.7f}), settings.airlight);
+}
+
+// A scene J whose blue channel is 0 everywhere (so its dark channel is 0),
+// veiled with transmission 0.6 under airlight A, with a sky of pure A along
+// the top. The estimate must find A, a map of 1 - 0.6 below the sky, and
+// strength 100 must give J back.
+TEST(RunHazeRemoval, RecoversASyntheticHazyScene) {
+    const int w = 480, h = 360, skyRows = 90;
+    const std::array<float, 3> a{0.8f, 0.85f, 0.9f};
+    const float t = 0.6f;
+    std::mt19937 rng(92);
+    std::uniform_real_distribution<float> value(0.0f, 1.0f);
+    std::vector<Rgba> scene(static_cast<std::size_t>(w) * h);
+    for (Rgba& j : scene)
+        j = Rgba{value(rng), value(rng), 0.0f, 1.0f};
+    ZImage image = hazetest::makeImage(w, h, [&](int x, int y) {
+        if (y < skyRows) return Rgba{a[0], a[1], a[2], 1.0f};
+        const Rgba& j = scene[static_cast<std::size_t>(y) * w + x];
+        return Rgba{j.r * t + a[0] * (1 - t), j.g * t + a[1] * (1 - t), j.b * t + a[2] * (1 - t),
+                    1.0f};
+    });
+
+    HazeSettings settings;
+    settings.strength = 100;
+    runHazeRemoval(image, settings);
+    ASSERT_NE(nullptr, settings.airDepthMap);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(a[c], settings.airlight[c], 1e-5f);
+
+    // Away from the sky line, where windows and neighbourhoods mix the two.
+    for (int y = skyRows + 20; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            ASSERT_NEAR(1.0f - t, settings.airDepthMap[static_cast<std::size_t>(y) * w + x], 1e-5f);
+            const float* p = hazetest::pixel(image, x, y);
+            const Rgba& j = scene[static_cast<std::size_t>(y) * w + x];
+            ASSERT_NEAR(j.r, p[0], 1e-4f) << x << ", " << y;
+            ASSERT_NEAR(j.g, p[1], 1e-4f) << x << ", " << y;
+            ASSERT_NEAR(j.b, p[2], 1e-4f) << x << ", " << y;
+        }
+    // The sky is all haze: its map is 1 and its colour stays A.
+    EXPECT_NEAR(1.0f, settings.airDepthMap[w * 10 + 10], 1e-5f);
+    EXPECT_NEAR(a[1], hazetest::pixel(image, 10, 10)[1], 1e-4f);
+}
+
+TEST(RunHazeRemoval, VeryWidePanoramaRuns) {
+    // 22000 columns: the working size overflows 32-bit arithmetic.
+    ZImage image = hazetest::randomImage(22000, 3, 93, 0.2f, 0.9f);
+    HazeSettings settings;
+    settings.strength = 50;
+    runHazeRemoval(image, settings);
+    ASSERT_NE(nullptr, settings.airDepthMap);
+    for (int i = 0; i < 22000 * 3; ++i)
+        ASSERT_TRUE(std::isfinite(settings.airDepthMap[i])) << i;
+}
+
+TEST(RunHazeRemoval, AllBlackImageDoesNotFail) {
+    ZImage image = hazetest::makeImage(50, 40, [](int, int) { return Rgba{0, 0, 0, 1}; });
+    HazeSettings settings;
+    settings.strength = 60;
+    EXPECT_NO_THROW(runHazeRemoval(image, settings));
+    EXPECT_EQ((std::array<float, 3>{0.0f, 0.0f, 0.0f}), settings.airlight);
+    EXPECT_EQ(1.0f, hazetest::pixel(image, 3, 3)[3]);
+}
+
+TEST(RunHazeRemoval, FailureLeavesImageAndCacheAsTheyWere) {
+    ZImage image(30, 20, ZImage::RGB, 32);
+    hazetest::pixel(image, 1, 1)[0] = 0.25f;
+    HazeSettings settings;
+    settings.strength = 60;
+    EXPECT_THROW(runHazeRemoval(image, settings), ZException);
+    EXPECT_EQ(nullptr, settings.airDepthMap);
+    EXPECT_EQ(0.25f, hazetest::pixel(image, 1, 1)[0]);
+}
+
+TEST(RunHazeRemoval, ResultDoesNotDependOnThreadCount) {
+    const ZImage source = hazetest::randomImage(523, 389, 94);
+    std::vector<float> images[2], maps[2];
+    std::array<float, 3> airlights[2];
+    for (int threads = 1; threads <= 2; ++threads) {
+        hazetest::ThreadCountScope scope(threads);
+        ZImage image;
+        image.CopyFrom(source);
+        HazeSettings settings;
+        settings.strength = 75;
+        runHazeRemoval(image, settings);
+        images[threads - 1] = hazetest::pixels(image);
+        maps[threads - 1].assign(settings.airDepthMap.get(),
+                                 settings.airDepthMap.get() + 523 * 389);
+        airlights[threads - 1] = settings.airlight;
+    }
+    EXPECT_EQ(airlights[0], airlights[1]);
+    EXPECT_TRUE(hazetest::sameBits(maps[0].data(), maps[1].data(), maps[0].size()));
+    EXPECT_TRUE(hazetest::sameBits(images[0].data(), images[1].data(), images[0].size()));
+}
+
+} // namespace

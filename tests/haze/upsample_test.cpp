@@ -1,0 +1,228 @@
+// upsampleDarkChannel: the weight tables, the clipped neighbourhood, the
+// clamped range index for HDR values, transparency, against a brute-force
+// joint bilateral filter.
+#include "ZImage/ZImageHaze.h"
+#include "ZImage/ZImageHaze_p.h"
+
+#include "HazeTestImages.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <numbers>
+#include <random>
+#include <vector>
+
+using hazetest::Rgba;
+
+namespace {
+
+std::vector<float> randomMap(std::size_t n, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> value(-0.1f, 1.1f);
+    std::vector<float> m(n);
+    for (float& v : m)
+        v = value(rng);
+    return m;
+}
+
+// The filter written out pixel by pixel, with its own index arithmetic.
+std::vector<float> modelUpsample(const ZImage& full, const ZImage& working,
+                                 const std::vector<float>& map) {
+    const int w = full.Width(), h = full.Height();
+    const int sw = working.Width(), sh = working.Height();
+    const float fx = static_cast<float>(sw) / static_cast<float>(w);
+    const float fy = static_cast<float>(sh) / static_cast<float>(h);
+    auto index = [](float difference) {
+        const float v = std::trunc(1000.0f * difference);
+        return static_cast<int>(std::clamp(std::isnan(v) ? 2000.0f : v, -2000.0f, 2000.0f));
+    };
+    std::vector<float> out;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const float* p = hazetest::pixel(full, x, y);
+            if (p[3] == 0.0f) {
+                out.push_back(0.0f);
+                continue;
+            }
+            const int xs = static_cast<int>(static_cast<float>(x) * fx);
+            const int ys = static_cast<int>(static_cast<float>(y) * fy);
+            float weights = 0.0f, values = 0.0f;
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dx = -1; dx <= 1; ++dx) {
+                    const int u = xs + dx, v = ys + dy;
+                    if (u < 0 || v < 0 || u >= sw || v >= sh) continue;
+                    const float* q = hazetest::pixel(working, u, v);
+                    if (q[3] == 0.0f) continue;
+                    const float wt = static_cast<float>(haze::rangeWeight(index(p[0] - q[0])) *
+                                                        haze::spatialWeight(dx, dy) *
+                                                        haze::rangeWeight(index(p[1] - q[1])) *
+                                                        haze::rangeWeight(index(p[2] - q[2])));
+                    weights += wt;
+                    values += wt * map[static_cast<std::size_t>(v) * sw + u];
+                }
+            out.push_back(weights == 0.0f ? 0.0f : values / weights);
+        }
+    return out;
+}
+
+std::vector<float> upsample(const ZImage& full, const ZImage& working,
+                            const std::vector<float>& map) {
+    auto result = full.upsampleDarkChannel(map.data(), working);
+    return {result.get(), result.get() + static_cast<std::size_t>(full.Width()) * full.Height()};
+}
+
+TEST(HazeTables, RangeWeightIsTheRoundedNormalDensity) {
+    EXPECT_EQ(3.98942, haze::rangeWeight(0));
+    EXPECT_EQ(2.41971, haze::rangeWeight(100));
+    EXPECT_EQ(0.53991, haze::rangeWeight(200));
+    EXPECT_EQ(5.52095e-87, haze::rangeWeight(2000));
+    for (int i = -2000; i <= 2000; i += 7) {
+        const double x = i / 1000.0;
+        const double density = std::exp(-x * x / 0.02) / (0.1 * std::sqrt(2.0 * std::numbers::pi));
+        const double g = haze::rangeWeight(i);
+        EXPECT_NEAR(density, g, density * 5e-6) << i;
+        EXPECT_EQ(g, haze::rangeWeight(-i));
+        // Six significant digits exactly: printing with six gives it back.
+        char text[32];
+        std::snprintf(text, sizeof text, "%.5e", g);
+        EXPECT_EQ(g, std::strtod(text, nullptr)) << i;
+    }
+}
+
+TEST(HazeTables, SpatialWeightIsTheIntegerKernelOver571) {
+    EXPECT_EQ(127.0 / 571, haze::spatialWeight(0, 0));
+    EXPECT_EQ(52.0 / 571, haze::spatialWeight(1, 0));
+    EXPECT_EQ(52.0 / 571, haze::spatialWeight(0, -1));
+    EXPECT_EQ(31.0 / 571, haze::spatialWeight(-1, 1));
+    EXPECT_EQ(2.0 / 571, haze::spatialWeight(-2, 2));
+    double sum = 0.0;
+    for (int dx = -2; dx <= 2; ++dx)
+        for (int dy = -2; dy <= 2; ++dy)
+            sum += haze::spatialWeight(dx, dy);
+    EXPECT_NEAR(1.0, sum, 1e-12);
+}
+
+TEST(HazeTables, RangeIndexTruncatesTowardZeroAndClampsToTheTable) {
+    EXPECT_EQ(1, haze::rangeIndex(0.0015f));
+    EXPECT_EQ(-1, haze::rangeIndex(-0.0015f));
+    EXPECT_EQ(0, haze::rangeIndex(-0.0009f));
+    EXPECT_EQ(1999, haze::rangeIndex(1.9995f));
+    EXPECT_EQ(2000, haze::rangeIndex(2.5f));
+    EXPECT_EQ(-2000, haze::rangeIndex(-40.0f));
+    EXPECT_EQ(2000, haze::rangeIndex(std::numeric_limits<float>::infinity()));
+    EXPECT_EQ(-2000, haze::rangeIndex(-std::numeric_limits<float>::infinity()));
+    EXPECT_EQ(2000, haze::rangeIndex(std::numeric_limits<float>::quiet_NaN()));
+}
+
+TEST(UpsampleDarkChannel, MatchesModelWhenShrinkingAndEnlarging) {
+    const int sizes[][4] = {{37, 29, 11, 8}, {9, 7, 20, 15}, {50, 3, 17, 1}, {5, 5, 5, 5}};
+    unsigned seed = 40;
+    for (const auto& s : sizes) {
+        const ZImage full = hazetest::randomImage(s[0], s[1], seed++);
+        // Colours close to the full image's, so that weights are far from zero.
+        const ZImage working = hazetest::randomImage(s[2], s[3], seed++, 0.3f, 0.5f);
+        const auto map = randomMap(static_cast<std::size_t>(s[2]) * s[3], seed++);
+        EXPECT_EQ(modelUpsample(full, working, map), upsample(full, working, map))
+            << s[0] << " x " << s[1] << " from " << s[2] << " x " << s[3];
+    }
+}
+
+TEST(UpsampleDarkChannel, LastRowAndColumnSeeTwoByTwo) {
+    // Same colour everywhere, so only the spatial weights differ. Map values
+    // outside the clipped neighbourhood are NaN and would poison a wrong read.
+    const ZImage image = hazetest::makeImage(4, 4, [](int, int) {
+        return Rgba{0.4f, 0.5f, 0.6f, 1.0f};
+    });
+    std::vector<float> map(16, std::numeric_limits<float>::quiet_NaN());
+    map[2 * 4 + 2] = 0.1f;
+    map[2 * 4 + 3] = 0.2f;
+    map[3 * 4 + 2] = 0.3f;
+    map[3 * 4 + 3] = 0.4f;
+    const auto out = upsample(image, image, map);
+    const float expected = (31 * 0.1f + 52 * 0.2f + 52 * 0.3f + 127 * 0.4f) / (31 + 52 + 52 + 127);
+    EXPECT_NEAR(expected, out[15], 1e-6f);
+    // The first pixel's neighbourhood holds only NaNs.
+    EXPECT_TRUE(std::isnan(out[0]));
+}
+
+TEST(UpsampleDarkChannel, HdrValuesStayInsideTheTable) {
+    // Differences of up to 8 and down to -8 (EXR highlights, negative
+    // channels): the index saturates, weights stay finite, results match the
+    // clamped model.
+    const ZImage full = hazetest::randomImage(31, 23, 50, -4.0f, 8.0f);
+    const ZImage working = hazetest::randomImage(10, 7, 51, 0.0f, 1.0f);
+    const auto map = randomMap(70, 52);
+    const auto out = upsample(full, working, map);
+    EXPECT_EQ(modelUpsample(full, working, map), out);
+}
+
+TEST(UpsampleDarkChannel, FarColoursWeighNothing) {
+    // A highlight of 5.0 among working pixels near 0.5: the differences run
+    // past the table's end, the weights of those neighbours underflow to zero
+    // in single precision, and only the one working pixel of the highlight's
+    // own colour counts. Unclamped, the indices would read far outside the
+    // table.
+    const ZImage full = hazetest::makeImage(3, 3, [](int, int) {
+        return Rgba{5.0f, 0.5f, 0.5f, 1.0f};
+    });
+    const ZImage working = hazetest::makeImage(3, 3, [](int x, int y) {
+        return x == 2 && y == 0 ? Rgba{5.0f, 0.5f, 0.5f, 1.0f} : Rgba{0.5f, 0.5f, 0.5f, 1.0f};
+    });
+    const std::vector<float> map{0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 0.8f, 0.9f};
+    const auto out = upsample(full, working, map);
+    EXPECT_NEAR(0.3f, out[1], 1e-6f) << "the highlight's neighbour is in reach";
+    EXPECT_NEAR(0.3f, out[4], 1e-6f);
+    EXPECT_EQ(0.0f, out[0]) << "no neighbour of a similar colour";
+    EXPECT_EQ(0.0f, out[6]);
+}
+
+TEST(UpsampleDarkChannel, TransparencyGivesZero) {
+    ZImage full = hazetest::makeImage(6, 6, [](int x, int) {
+        return Rgba{0.5f, 0.5f, 0.5f, x == 0 ? 0.0f : 1.0f};
+    });
+    // The working image is transparent in its right half: full pixels whose
+    // neighbourhood lies there entirely have no weight at all.
+    const ZImage working = hazetest::makeImage(6, 6, [](int x, int) {
+        return Rgba{0.5f, 0.5f, 0.5f, x >= 3 ? 0.0f : 1.0f};
+    });
+    const std::vector<float> map(36, 0.7f);
+    const auto out = upsample(full, working, map);
+    for (int y = 0; y < 6; ++y) {
+        EXPECT_EQ(0.0f, out[y * 6 + 0]) << "transparent full pixel";
+        EXPECT_NEAR(0.7f, out[y * 6 + 1], 1e-6f);
+        EXPECT_NEAR(0.7f, out[y * 6 + 3], 1e-6f) << "one opaque column in reach";
+        EXPECT_EQ(0.0f, out[y * 6 + 4]) << "neighbourhood all transparent";
+        EXPECT_EQ(0.0f, out[y * 6 + 5]);
+    }
+}
+
+TEST(UpsampleDarkChannel, ResultDoesNotDependOnThreadCount) {
+    const ZImage full = hazetest::randomImage(401, 333, 60);
+    const ZImage working = hazetest::randomImage(120, 100, 61);
+    const auto map = randomMap(12000, 62);
+    std::vector<float> one, two;
+    {
+        hazetest::ThreadCountScope threads(1);
+        one = upsample(full, working, map);
+    }
+    {
+        hazetest::ThreadCountScope threads(2);
+        two = upsample(full, working, map);
+    }
+    EXPECT_TRUE(hazetest::sameBits(one.data(), two.data(), one.size()));
+}
+
+TEST(UpsampleDarkChannel, RejectsOtherFormatsOfEitherImage) {
+    const ZImage good(4, 4, ZImage::RGBA, 32);
+    const std::vector<float> map(16);
+    EXPECT_THROW(ZImage(4, 4, ZImage::RGB, 32).upsampleDarkChannel(map.data(), good), ZException);
+    EXPECT_THROW(ZImage(4, 4, ZImage::RGBA, 16).upsampleDarkChannel(map.data(), good), ZException);
+    EXPECT_THROW(good.upsampleDarkChannel(map.data(), ZImage(4, 4, ZImage::Gray, 32)), ZException);
+    EXPECT_THROW(good.upsampleDarkChannel(map.data(), ZImage(4, 4, ZImage::RGBA, 8)), ZException);
+    EXPECT_THROW(good.upsampleDarkChannel(nullptr, good), ZException);
+}
+
+} // namespace

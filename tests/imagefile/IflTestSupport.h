@@ -1,0 +1,156 @@
+// Helpers shared by the image file tests: scratch folders, files as bytes,
+// synthetic pictures and what Exiv2 reads back from a file.
+#pragma once
+
+#include "ZImage/ZImage.h"
+#include "imagefile/Ifl.h"
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#include <exiv2/exiv2.hpp>
+#pragma GCC diagnostic pop
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace ifltest {
+
+inline std::string dataFile(const std::string& name) {
+    return std::string(SKYRINSE_TEST_DATA) + "/" + name;
+}
+
+inline std::vector<std::uint8_t> readBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void writeBytes(const std::string& path, const std::vector<std::uint8_t>& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
+// Names of the entries of a folder, hidden ones included.
+inline QStringList entries(const QString& folder) {
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                                  QDir::Name);
+}
+
+// Component c of pixel (x, y), as a double in the unit of its depth.
+inline double component(const ZImage& image, int x, int y, int c) {
+    const std::uint8_t* p = image.PixelAt(x, y);
+    switch (image.BitsPerComponent()) {
+    case 8:
+        return p[c];
+    case 16: {
+        std::uint16_t v;
+        std::memcpy(&v, p + 2 * c, 2);
+        return v;
+    }
+    default: {
+        float v;
+        std::memcpy(&v, p + 4 * c, 4);
+        return v;
+    }
+    }
+}
+
+inline void setComponent(ZImage& image, int x, int y, int c, double value) {
+    std::uint8_t* p = image.PixelAt(x, y);
+    switch (image.BitsPerComponent()) {
+    case 8:
+        p[c] = static_cast<std::uint8_t>(value);
+        break;
+    case 16: {
+        const auto v = static_cast<std::uint16_t>(value);
+        std::memcpy(p + 2 * c, &v, 2);
+        break;
+    }
+    default: {
+        const auto v = static_cast<float>(value);
+        std::memcpy(p + 4 * c, &v, 4);
+        break;
+    }
+    }
+}
+
+// A smooth picture with a different ramp per component, so that swapped or
+// lost components show; floats run past 1.0 as HDR pictures do.
+inline ZImage makePicture(int width, int height, int type, int bits) {
+    ZImage image(width, height, type, bits);
+    const int components = ZImage::ComponentsOfType(type);
+    const double full = bits == 8 ? 255.0 : bits == 16 ? 65535.0 : 2.0;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (int c = 0; c < components; ++c) {
+                const double t = (c % 2 == 0) ? double(x) / (width - 1) : double(y) / (height - 1);
+                const double v = c == 3 ? 0.25 + 0.5 * t : (0.1 + 0.8 * (c == 2 ? 1.0 - t : t));
+                setComponent(image, x, y, c, bits == 32 ? v * full : std::round(v * full));
+            }
+    return image;
+}
+
+// Largest difference between two pictures of the same layout; with
+// `relative`, relative to the pixel's largest component, as shared-exponent
+// codecs round.
+inline double maxDifference(const ZImage& a, const ZImage& b, bool relative = false) {
+    double worst = 0.0;
+    const int components = a.BytesPerPixel() / (a.BitsPerComponent() / 8);
+    for (int y = 0; y < a.Height(); ++y)
+        for (int x = 0; x < a.Width(); ++x) {
+            double scale = 1e-6;
+            for (int c = 0; c < components; ++c)
+                scale = std::max(scale, std::abs(component(a, x, y, c)));
+            for (int c = 0; c < components; ++c) {
+                double d = std::abs(component(a, x, y, c) - component(b, x, y, c));
+                if (relative) d /= scale;
+                worst = std::max(worst, d);
+            }
+        }
+    return worst;
+}
+
+// What Exiv2 reads from a file.
+struct Metadata {
+    std::vector<std::uint8_t> icc;
+    std::map<std::string, std::string> exif;
+    std::multimap<std::string, std::string> iptc;
+    std::string xmp;
+};
+
+inline Metadata readMetadata(const std::string& path) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Metadata m;
+    Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path, false);
+    image->readMetadata();
+    if (image->iccProfileDefined())
+        m.icc.assign(image->iccProfile()->pData_,
+                     image->iccProfile()->pData_ + image->iccProfile()->size_);
+    for (const Exiv2::Exifdatum& d : image->exifData())
+        m.exif[d.key()] = d.toString();
+    for (const Exiv2::Iptcdatum& d : image->iptcData())
+        m.iptc.emplace(d.key(), d.toString());
+    m.xmp = image->xmpPacket();
+    return m;
+#pragma GCC diagnostic pop
+}
+
+inline bool hasKeyWith(const std::map<std::string, std::string>& exif, const std::string& prefix) {
+    return std::any_of(exif.begin(), exif.end(),
+                       [&](const auto& kv) { return kv.first.rfind(prefix, 0) == 0; });
+}
+
+} // namespace ifltest

@@ -1,0 +1,120 @@
+// The matching step of the analysis; see MatchingStep.h.
+//
+// The caller's arrays are read through their base (SparseView) instead of
+// being shifted to zero base in place: the entry receives them as const,
+// they may be shared with another thread or live in read-only memory, and
+// a failure half-way must not leave them shifted.
+#include "MatchingStep.h"
+
+#include "Scaling.h"
+#include "WeightedMatching.h"
+
+#include <algorithm>
+
+namespace spds {
+
+namespace {
+
+constexpr int kIntegerWork = -401;
+constexpr int kRealWork = -402;
+constexpr int kPermutationBlock = -403;
+constexpr int kScalingBlock = -404;
+
+void ensureHandleBlocks(const MatchingRequest& rq, IntBlock& permutation, Block<double>& scalings,
+                        MemoryCounter* counter) {
+    const std::int64_t n = rq.n;
+    const std::int64_t permWords = checkedAdd(checkedMul(n, std::max(1, rq.maxfct)), n + 3);
+    if (permutation.size() < permWords)
+        permutation = IntBlock(permWords, kPermutationBlock, counter);
+    if (scalings.size() < 2 * n) scalings = Block<double>(2 * n, kScalingBlock, counter);
+}
+
+template <class T>
+void writeScaling(const MatchingRequest& rq, int mode, std::span<const int> match,
+                  std::span<const T> u, std::span<const T> v, IntBlock& permutation,
+                  Block<double>& scalings) {
+    const std::size_t n = static_cast<std::size_t>(rq.n);
+    std::span<double> all = scalings.span();
+    buildScaling<T>(mode, rq.mtype, match, u, v, permutation.span().first(n), all.first(n),
+                    all.subspan(n, n));
+}
+
+template <class T>
+MatchingOutcome matchAndScale(const MatchingRequest& rq, IntBlock& permutation,
+                              Block<double>& scalings, const CompressedOrderer& order,
+                              MemoryCounter* counter) {
+    MatchingOutcome out;
+    const int n = rq.n;
+    const SparseView<T> stored = borrowView(n, rq.ia, rq.ja, static_cast<const T*>(rq.a));
+
+    IntBlock match(n, kIntegerWork, counter);
+    Block<T> u(n, kRealWork, counter);
+    Block<T> v(n, kRealWork, counter);
+
+    const bool symmetric = rq.mtype == -2;
+    SparseView<T> full;
+    if (symmetric) full = expandSymmetric(stored, counter, kIntegerWork);
+    const MatchingResult m =
+        weightedMatching<T>(symmetric ? full : stored, match.span(), u.span(), v.span(), counter);
+    out.ran = true;
+    out.matched = m.matched;
+    if (m.status == -2) {
+        out.error = -2;
+        out.internalCode = kRealWork;
+        return out;
+    }
+    if (m.status != 0) {
+        out.error = -6;
+        out.internalCode = -m.matched;
+        return out;
+    }
+    if (symmetric) {
+        out.pairOrder = symmetricPairOrder<T>(stored, full, match.span(), order, counter);
+        out.hasPairOrder = true;
+        out.fullIa = std::move(full.ownIa);
+        out.fullJa = std::move(full.ownJa);
+    }
+    writeScaling<T>(rq, rq.scaling ? kScalingFull : kScalingPermutationOnly, match.span(), u.span(),
+                    v.span(), permutation, scalings);
+    return out;
+}
+
+} // namespace
+
+MatchingOutcome runMatchingStep(const MatchingRequest& rq, IntBlock& permutation,
+                                Block<double>& scalings, const CompressedOrderer& order,
+                                MemoryCounter* counter) {
+    MatchingOutcome out;
+    try {
+        if (rq.matching == 0) {
+            if (rq.mtype > 10) {
+                ensureHandleBlocks(rq, permutation, scalings, counter);
+                writeScaling<double>(rq, kScalingIdentity, {}, {}, {}, permutation, scalings);
+            }
+            return out;
+        }
+        if (rq.matching < 0) return out;
+        // Both methods (iparm[12] = 1 and 2) are served by the same
+        // maximum-product matching.
+        ensureHandleBlocks(rq, permutation, scalings, counter);
+        if (rq.mtype != 11 && rq.mtype != -2) {
+            out.error = -5;
+            out.internalCode = kGuardMessage;
+            return out;
+        }
+        return rq.single ? matchAndScale<float>(rq, permutation, scalings, order, counter)
+                         : matchAndScale<double>(rq, permutation, scalings, order, counter);
+    } catch (const AllocationFailure& failure) {
+        out = MatchingOutcome{};
+        out.error = -2;
+        out.internalCode = failure.code;
+        return out;
+    } catch (const SizeOverflow&) {
+        out = MatchingOutcome{};
+        out.error = -2;
+        out.internalCode = kPermutationBlock;
+        return out;
+    }
+}
+
+} // namespace spds

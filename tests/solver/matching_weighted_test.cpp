@@ -1,0 +1,225 @@
+// Maximum-product matching: optimality against a dense assignment solver,
+// the scaling it implies, structurally singular input, and its failures.
+#include "matching_support.h"
+
+#include "solver/WeightedMatching.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+using namespace matching_test;
+using spds::AllocationFailure;
+using spds::borrowView;
+using spds::MatchingResult;
+using spds::weightedMatching;
+
+namespace {
+
+template <class T>
+struct Matched {
+    MatchingResult result;
+    std::vector<int> match;
+    std::vector<T> u;
+    std::vector<T> v;
+};
+
+template <class T>
+Matched<T> runMatching(const Csr<T>& m) {
+    Matched<T> r;
+    r.match.assign(m.n, -7);
+    r.u.assign(m.n, T(-7));
+    r.v.assign(m.n, T(-7));
+    r.result = weightedMatching<T>(borrowView(m.n, m.ia.data(), m.ja.data(), m.a.data()), r.match,
+                                   r.u, r.v);
+    return r;
+}
+
+template <class T>
+double tolerance() {
+    return std::is_same_v<T, float> ? 2e-4 : 1e-10;
+}
+
+template <class T>
+class WeightedMatchingTest : public ::testing::Test {};
+using ElementTypes = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(WeightedMatchingTest, ElementTypes);
+
+TYPED_TEST(WeightedMatchingTest, RandomMatricesReachTheOptimumAndScaleToOne) {
+    using T = TypeParam;
+    std::mt19937 rng(20240611);
+    const int sizes[] = {1, 2, 3, 5, 8, 13, 30, 64, 120, 200};
+    for (int n : sizes) {
+        for (int perRow : {1, 2, 4}) {
+            const Csr<T> m = randomUnsymmetric<T>(n, perRow, rng);
+            const Matched<T> r = runMatching(m);
+            SCOPED_TRACE(::testing::Message() << "n=" << n << " perRow=" << perRow);
+            ASSERT_EQ(r.result.status, 0);
+            ASSERT_EQ(r.result.matched, n);
+            ASSERT_TRUE(isPermutation(r.match.data(), n, 0));
+
+            double sum = 0;
+            for (int j = 0; j < n; ++j) {
+                ASSERT_TRUE(m.stored(r.match[j], j));
+                sum += std::log(std::abs(static_cast<double>(m.at(r.match[j], j))));
+            }
+            const double best = bestLogProduct(n, [&](int i, int j) { return m.at(i, j); });
+            EXPECT_NEAR(sum, best, tolerance<T>() * (1 + std::abs(best)));
+
+            // exp(u[i]) |a(i,j)| exp(v[j]) <= 1, = 1 on the matching.
+            for (int i = 0; i < n; ++i)
+                for (int k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k) {
+                    const int j = m.ja[k] - 1;
+                    const double s = std::exp(static_cast<double>(r.u[i])) *
+                                     std::abs(static_cast<double>(m.a[k])) *
+                                     std::exp(static_cast<double>(r.v[j]));
+                    EXPECT_LE(s, 1 + 10 * tolerance<T>());
+                    if (r.match[j] == i) {
+                        EXPECT_NEAR(s, 1.0, 10 * tolerance<T>());
+                    }
+                }
+        }
+    }
+}
+
+TYPED_TEST(WeightedMatchingTest, GreedyChoiceIsUndoneByAnAugmentingPath) {
+    using T = TypeParam;
+    // Row 0's largest entry is in column 0, but taking it leaves row 1 with
+    // nothing: the only perfect matching is (1,0), (0,1).
+    const Csr<T> m = fromEntries<T>(2, {{{0, T(10)}, {1, T(1)}}, {{0, T(1)}}});
+    const Matched<T> r = runMatching(m);
+    ASSERT_EQ(r.result.status, 0);
+    EXPECT_EQ(r.match[0], 1);
+    EXPECT_EQ(r.match[1], 0);
+}
+
+TYPED_TEST(WeightedMatchingTest, ProductBeatsSumOfLargestEntries) {
+    using T = TypeParam;
+    // Diagonal product 1 x 1; off-diagonal 4 x 2 = 8 wins although the
+    // diagonal holds the largest entry of column 0 and of column 1.
+    const Csr<T> m = fromEntries<T>(2, {{{0, T(1)}, {1, T(4)}}, {{0, T(2)}, {1, T(1)}}});
+    const Matched<T> r = runMatching(m);
+    ASSERT_EQ(r.result.status, 0);
+    EXPECT_EQ(r.match[0], 1);
+    EXPECT_EQ(r.match[1], 0);
+}
+
+TYPED_TEST(WeightedMatchingTest, ExplicitZerosAreNotMatched) {
+    using T = TypeParam;
+    const Csr<T> m = fromEntries<T>(
+        3, {{{0, T(0)}, {1, T(1)}}, {{0, T(3)}, {1, T(5)}}, {{1, T(2)}, {2, T(0.5)}}});
+    const Matched<T> r = runMatching(m);
+    ASSERT_EQ(r.result.status, 0);
+    for (int j = 0; j < 3; ++j)
+        EXPECT_NE(m.at(r.match[j], j), T(0)) << "column " << j;
+}
+
+TYPED_TEST(WeightedMatchingTest, ColumnOfOneEntryIsMatchedToIt) {
+    using T = TypeParam;
+    // Column 2 has one entry, in row 0; the optimum must use it.
+    const Csr<T> m =
+        fromEntries<T>(3, {{{0, T(100)}, {2, T(1e-3)}}, {{0, T(50)}, {1, T(1)}}, {{1, T(60)}}});
+    const Matched<T> r = runMatching(m);
+    ASSERT_EQ(r.result.status, 0);
+    EXPECT_EQ(r.match[2], 0);
+    EXPECT_EQ(r.match[0], 1);
+    EXPECT_EQ(r.match[1], 2);
+}
+
+TYPED_TEST(WeightedMatchingTest, StructurallySingularMatrixReportsMatchedCount) {
+    using T = TypeParam;
+    std::mt19937 rng(7);
+    for (int n : {2, 5, 17, 60}) {
+        Csr<T> m = randomUnsymmetric<T>(n, 3, rng);
+        // Empty column n/2 by zeroing its values: the stored zeros do not count.
+        const int dead = n / 2;
+        for (std::size_t k = 0; k < m.ja.size(); ++k)
+            if (m.ja[k] - 1 == dead) m.a[k] = T(0);
+        const int expected =
+            maximumCardinality(n, [&](int i, int j) { return m.at(i, j) != T(0); });
+        const Matched<T> r = runMatching(m);
+        EXPECT_EQ(r.result.status, -1) << "n=" << n;
+        EXPECT_EQ(r.result.matched, expected) << "n=" << n;
+        EXPECT_TRUE(isPermutation(r.match.data(), n, 0)) << "n=" << n;
+        for (int i = 0; i < n; ++i) {
+            EXPECT_EQ(r.u[i], T(0));
+            EXPECT_EQ(r.v[i], T(0));
+        }
+    }
+}
+
+TYPED_TEST(WeightedMatchingTest, EmptyRowIsSingularToo) {
+    using T = TypeParam;
+    const Csr<T> m = fromEntries<T>(3, {{{0, T(1)}, {1, T(2)}}, {}, {{2, T(3)}}});
+    const Matched<T> r = runMatching(m);
+    EXPECT_EQ(r.result.status, -1);
+    EXPECT_EQ(r.result.matched, 2);
+    EXPECT_TRUE(isPermutation(r.match.data(), 3, 0));
+}
+
+TYPED_TEST(WeightedMatchingTest, CallerArraysAreLeftAlone) {
+    using T = TypeParam;
+    std::mt19937 rng(99);
+    const Csr<T> m = randomUnsymmetric<T>(40, 3, rng);
+    Csr<T> copy = m;
+    runMatching(copy);
+    EXPECT_EQ(copy.ia, m.ia);
+    EXPECT_EQ(copy.ja, m.ja);
+    EXPECT_EQ(copy.a, m.a);
+}
+
+TYPED_TEST(WeightedMatchingTest, ZeroBasedCopyGivesTheSameMatching) {
+    using T = TypeParam;
+    std::mt19937 rng(5);
+    const Csr<T> m = randomUnsymmetric<T>(50, 3, rng);
+    std::vector<int> ia0(m.ia), ja0(m.ja);
+    for (int& x : ia0)
+        --x;
+    for (int& x : ja0)
+        --x;
+    std::vector<int> match0(m.n);
+    std::vector<T> u0(m.n), v0(m.n);
+    const MatchingResult r0 =
+        weightedMatching<T>(borrowView(m.n, ia0.data(), ja0.data(), m.a.data()), match0, u0, v0);
+    const Matched<T> r1 = runMatching(m);
+    EXPECT_EQ(r0.status, 0);
+    EXPECT_EQ(match0, r1.match);
+    EXPECT_EQ(u0, r1.u);
+    EXPECT_EQ(v0, r1.v);
+}
+
+// Failing the k-th allocation for k = 0, 1, ...: the cost graph gives status
+// -2, the search arrays throw their code, and no block is left behind.
+TEST(WeightedMatchingMemory, EveryAllocationFailureIsReportedAndLeaksNothing) {
+    std::mt19937 rng(3);
+    const Csr<double> m = randomUnsymmetric<double>(30, 3, rng);
+    bool succeeded = false;
+    int statusMinus2 = 0;
+    int thrown = 0;
+    for (long k = 0; k < 100 && !succeeded; ++k) {
+        FailingHeap heap(k);
+        std::vector<int> match(m.n);
+        std::vector<double> u(m.n), v(m.n);
+        try {
+            const MatchingResult r = weightedMatching<double>(
+                borrowView(m.n, m.ia.data(), m.ja.data(), m.a.data()), match, u, v);
+            if (r.status == -2) {
+                ++statusMinus2;
+            } else {
+                EXPECT_EQ(r.status, 0);
+                succeeded = true;
+            }
+        } catch (const AllocationFailure& f) {
+            EXPECT_TRUE(f.code == -401 || f.code == -402) << f.code;
+            ++thrown;
+        }
+        EXPECT_EQ(heap.live(), 0) << "after failing allocation " << k;
+    }
+    EXPECT_TRUE(succeeded);
+    EXPECT_EQ(statusMinus2, 3); // starts, indices, costs of the cost graph
+    EXPECT_GT(thrown, 0);
+}
+
+} // namespace

@@ -3,7 +3,6 @@
 #include "imagefile/Ifl.h"
 
 #include <QFileInfo>
-#include <cstring>
 
 HostImage::HostImage(const QString& path) : m_path(path) {
     IflLoadParams params;
@@ -34,20 +33,7 @@ bool HostImage::forcesTiff() const {
 
 void HostImage::decode(ZImage& target) const {
     RaiseIflError(m_headerError, m_path, Z_LOCATION);
-    IflLoadParams params;
-    iflGetDefaultLoadParams(params);
-    IflBitmap* loaded = nullptr;
-    IflFileInformation information;
-    RaiseIflError(iflLoadBitmap(m_path.toLocal8Bit().constData(), &loaded, params, &information),
-                  m_path, Z_LOCATION);
-    const IflBitmapPtr bitmap(loaded);
-    Z_CHECK(bitmap && bitmap->data, Z_INVALID_BITMAP);
-    target.Create(bitmap->width, bitmap->height, bitmap->type, bitmap->bitsPerComponent, false);
-    const std::size_t rowBytes =
-        static_cast<std::size_t>(bitmap->width) * static_cast<std::size_t>(bitmap->bytesPerPixel);
-    for (int y = 0; y < bitmap->height; ++y)
-        std::memcpy(target.PixelAt(0, y),
-                    bitmap->data + static_cast<std::ptrdiff_t>(y) * bitmap->bytesPerLine, rowBytes);
+    target.Load(m_path);
 }
 
 ZImage* HostImage::acquireImage(int /*mode*/) {

@@ -190,5 +190,10 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     ZImage output;
     working.CopyTo(output, targetType(image->channelCount()), targetDepth(image->bitDepth()));
     working.Free();
-    output.Save(outputPath, format, -1, sourcePath);
+    QStringList notes;
+    output.Save(outputPath, format, -1, sourcePath, &notes);
+    // The picture is written; what of the source's metadata could not go
+    // with it is told, not hidden.
+    for (const QString& note : std::as_const(notes))
+        qWarning("%s: %s", qPrintable(outputPath), qPrintable(note));
 }

@@ -17,5 +17,7 @@ public:
     virtual QString id() const = 0;
 };
 
-#define ZIAbout_iid "org.skyrinse.ZIAbout/1.0"
+// The host reaches interfaces by their class names through qt_metacast, so
+// the identifiers of those that are not direct bases are those names.
+#define ZIAbout_iid "ZIAbout"
 Q_DECLARE_INTERFACE(ZIAbout, ZIAbout_iid)

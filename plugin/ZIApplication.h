@@ -52,5 +52,5 @@ inline ZIApplication* ZIApplication::instance() {
                        : nullptr;
 }
 
-#define ZIApplication_iid "org.skyrinse.ZIApplication/1.0"
+#define ZIApplication_iid "ZIApplication"
 Q_DECLARE_INTERFACE(ZIApplication, ZIApplication_iid)

@@ -21,5 +21,5 @@ public:
     virtual QDomElement settingsElement(const QString& path) = 0;
 };
 
-#define ZIPluginOne2One_iid "org.skyrinse.ZIPluginOne2One/1.0"
+#define ZIPluginOne2One_iid "ZIPluginOne2One"
 Q_DECLARE_INTERFACE(ZIPluginOne2One, ZIPluginOne2One_iid)

@@ -33,5 +33,5 @@ public:
     virtual void freeSettings(HazeSettings* settings) { (void)settings; }
 };
 
-#define ZIPluginProcess_iid "org.skyrinse.ZIPluginProcess/1.0"
+#define ZIPluginProcess_iid "ZIPluginProcess"
 Q_DECLARE_INTERFACE(ZIPluginProcess, ZIPluginProcess_iid)

@@ -3,6 +3,8 @@
 #include "ZImage/ZImage.h"
 
 #include <cmath>
+#include <functional>
+#include <set>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
@@ -147,7 +149,8 @@ TEST(ZImageCopyFrom, DeepCopiesRecordPixelsPaletteAndText) {
     record.text = text;
     record.value0 = 11;
     record.value1 = -4;
-    record.link0 = &record;
+    // link1 is a plain reference that the copy must not share.
+    record.link1 = &record;
 
     ZImage copy;
     copy.CopyFrom(source);

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <thread>
 
 namespace nrt::detail {
 
@@ -20,14 +21,22 @@ public:
                                             std::memory_order_relaxed)) {
             expected = 0;
             // Spin on a plain load so that waiters do not keep stealing the
-            // cache line from the holder.
-            while (word_.load(std::memory_order_relaxed) != 0)
-                pause();
+            // cache line from the holder. When more threads than cores wait,
+            // the holder may be off the processor: give the core away rather
+            // than spin through its whole time slice.
+            for (int spins = 0; word_.load(std::memory_order_relaxed) != 0; ++spins) {
+                if (spins < kSpinsBeforeYield)
+                    pause();
+                else
+                    std::this_thread::yield();
+            }
         }
     }
     void unlock() noexcept { word_.store(0, std::memory_order_release); }
 
 private:
+    static constexpr int kSpinsBeforeYield = 64;
+
     static void pause() noexcept
     {
 #if defined(__x86_64__) || defined(__i386__)

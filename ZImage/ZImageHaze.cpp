@@ -82,6 +82,34 @@ inline const float* floatRow(const ZImage& image, int y) {
     return reinterpret_cast<const float*>(image.PixelAt(0, y));
 }
 
+// The opaque working pixels round (xs, ys), clipped to the working image.
+struct Neighbourhood {
+    int count = 0;
+    float colour[9][3];
+    double spatial[9];
+    float value[9];
+
+    void gather(const ZImage& working, const float* map, const SpatialCentre& k, int xs, int ys,
+                int dy0, int dy1) {
+        const int sw = working.Width();
+        const int dx0 = std::max(-1, -xs);
+        const int dx1 = std::min(2, sw - xs);
+        count = 0;
+        for (int dy = dy0; dy < dy1; ++dy) {
+            const float* row = floatRow(working, ys + dy);
+            const float* m = map + static_cast<std::size_t>(ys + dy) * sw;
+            for (int dx = dx0; dx < dx1; ++dx) {
+                const float* q = row + 4 * (xs + dx);
+                if (q[3] == 0.0f) continue;
+                std::copy(q, q + 3, colour[count]);
+                spatial[count] = k.w[1 + dx][1 + dy];
+                value[count] = m[xs + dx];
+                ++count;
+            }
+        }
+    }
+};
+
 } // namespace
 
 double rangeWeight(int index) {
@@ -213,30 +241,31 @@ std::unique_ptr<float[]> ZImage::upsampleDarkChannel(const float* map,
         const int ys = std::min(static_cast<int>(static_cast<float>(y) * fy), sh - 1);
         const int dy0 = std::max(-1, -ys);
         const int dy1 = std::min(2, sh - ys);
+        // Runs of full pixels share one working neighbourhood; its opaque
+        // members are gathered once per run, in the order dy outer, dx inner,
+        // which is also the order of the sums.
+        haze::Neighbourhood near;
+        int nearXs = -1;
         for (int x = 0; x < w; ++x, p += 4) {
             if (p[3] == 0.0f) {
                 o[x] = 0.0f;
                 continue;
             }
             const int xs = std::min(static_cast<int>(static_cast<float>(x) * fx), sw - 1);
-            const int dx0 = std::max(-1, -xs);
-            const int dx1 = std::min(2, sw - xs);
+            if (xs != nearXs) {
+                near.gather(working, map, K, xs, ys, dy0, dy1);
+                nearXs = xs;
+            }
             float weightSum = 0.0f;
             float valueSum = 0.0f;
-            for (int dy = dy0; dy < dy1; ++dy) {
-                const float* qrow = haze::floatRow(working, ys + dy);
-                const float* mrow = map + static_cast<std::size_t>(ys + dy) * sw;
-                for (int dx = dx0; dx < dx1; ++dx) {
-                    const float* q = qrow + 4 * (xs + dx);
-                    if (q[3] == 0.0f) continue;
-                    const int i0 = haze::rangeIndex(p[0] - q[0]);
-                    const int i1 = haze::rangeIndex(p[1] - q[1]);
-                    const int i2 = haze::rangeIndex(p[2] - q[2]);
-                    const float wt =
-                        static_cast<float>(G[i0] * K.w[1 + dx][1 + dy] * G[i1] * G[i2]);
-                    weightSum += wt;
-                    valueSum += wt * mrow[xs + dx];
-                }
+            for (int i = 0; i < near.count; ++i) {
+                const float* q = near.colour[i];
+                const int i0 = haze::rangeIndex(p[0] - q[0]);
+                const int i1 = haze::rangeIndex(p[1] - q[1]);
+                const int i2 = haze::rangeIndex(p[2] - q[2]);
+                const float wt = static_cast<float>(G[i0] * near.spatial[i] * G[i1] * G[i2]);
+                weightSum += wt;
+                valueSum += wt * near.value[i];
             }
             o[x] = weightSum == 0.0f ? 0.0f : valueSum / weightSum;
         }

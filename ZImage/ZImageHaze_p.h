@@ -2,6 +2,7 @@
 // weight tables of the upsampling and the ordered map of the airlight search.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <limits>
 #include <map>
@@ -31,9 +32,10 @@ double spatialWeight(int dx, int dy);
 // scaling by 1000, clamped to the table since HDR pixels exceed 1.0 (a NaN
 // difference takes the far end, the least similar).
 inline int rangeIndex(float difference) {
+    // Branch-free clamp in this order: a NaN fails the first comparison and
+    // comes out as 2000.
     const float v = 1000.0f * difference;
-    if (v > -2000.0f && v < 2000.0f) return static_cast<int>(v);
-    return v <= -2000.0f ? -2000 : 2000;
+    return static_cast<int>(std::max(-2000.0f, std::min(2000.0f, v)));
 }
 
 // The airlight candidates: pixel addresses ordered by dark value. Of equal

@@ -16,16 +16,23 @@
 //     255): the target's window is filled with (0, 0, 0, full) first and the
 //     colours are written over it.
 //   - Where a step cannot run straight from source to target, a scratch image
-//     of the window's size holds the intermediate. It is allocated when its
-//     step comes, so a fill earlier in the chain may have touched the target
-//     when allocation fails.
+//     holds the intermediate.
+//
+// The chain runs band by band: a few rows go through every step while they
+// are still in the processor's cache, instead of each step streaming the
+// whole window through memory. So a scratch image is the window's width by
+// one band, and there is one per thread; bands are split statically among
+// threadCount threads. Scratch images are allocated before any step runs, so
+// a failed allocation ("Not enough memory") leaves the target untouched.
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "primitives/DepthConvert.h"
 #include "primitives/PixelOps.h"
 
 #include <QImage>
+#include <omp.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -33,6 +40,7 @@
 #include <limits>
 #include <memory>
 #include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -236,26 +244,27 @@ static_assert(tableFits(), "a conversion chain does not fit the formats it joins
 // for the widest vector loads; freed on every way out of Copy.
 class ScratchImage {
 public:
-    void allocate(Format format, int width, int height) {
+    ScratchImage(Format format, int width, int rows) {
         constexpr std::uint64_t kAlign = 32;
-        const std::uint64_t rowBytes = static_cast<std::uint64_t>(width) *
-                                       static_cast<std::uint64_t>(format.channels) *
-                                       static_cast<std::uint64_t>(componentBytes(format.depth));
-        const std::uint64_t stride = (rowBytes + kAlign - 1) / kAlign * kAlign;
-        // width and height are below 2^31 and a pixel has at most 16 bytes, so
-        // stride x height fits in 64 bits; what must also fit is the address
+        const std::uint64_t stride = (rowBytes(format, width) + kAlign - 1) / kAlign * kAlign;
+        // width and rows are below 2^31 and a pixel has at most 16 bytes, so
+        // stride x rows fits in 64 bits; what must also fit is the address
         // space and the signed stride of a view.
         Z_CHECK(stride <= static_cast<std::uint64_t>(std::numeric_limits<std::ptrdiff_t>::max()) /
-                              static_cast<std::uint64_t>(height),
+                              static_cast<std::uint64_t>(rows),
                 Z_NOT_ENOUGH_MEMORY);
-        const std::uint64_t bytes = stride * static_cast<std::uint64_t>(height);
+        const std::uint64_t bytes = stride * static_cast<std::uint64_t>(rows);
         Z_CHECK(bytes <= std::numeric_limits<std::size_t>::max(), Z_NOT_ENOUGH_MEMORY);
         m_data.reset(static_cast<std::uint8_t*>(std::aligned_alloc(kAlign, bytes)));
         Z_CHECK(m_data, Z_NOT_ENOUGH_MEMORY);
         m_stride = static_cast<std::ptrdiff_t>(stride);
     }
 
-    bool allocated() const { return m_data != nullptr; }
+    static std::uint64_t rowBytes(Format format, int width) {
+        return static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(format.channels) *
+               static_cast<std::uint64_t>(componentBytes(format.depth));
+    }
+
     std::uint8_t* data() const { return m_data.get(); }
     std::ptrdiff_t stride() const { return m_stride; }
 
@@ -300,8 +309,7 @@ void convertTo(const Window& from, const Window& to, int width, int height) {
     withComponent(to.format.depth, [&](auto target) {
         using To = decltype(target);
         if constexpr (!std::is_same_v<From, To>)
-            prim::convertDepth<From, To>(from.view<const From>(), to.view<To>(), width, height,
-                                         threadCount);
+            prim::convertDepth<From, To>(from.view<const From>(), to.view<To>(), width, height);
     });
 }
 
@@ -310,7 +318,7 @@ void runStep(const Step& step, float alpha, const Window& from, const Window& to
     if (step.op == Op::Copy) {
         const std::size_t rowBytes = static_cast<std::size_t>(width) * from.format.channels *
                                      componentBytes(from.format.depth);
-        prim::copyRows(from.data, from.stride, to.data, to.stride, rowBytes, height, threadCount);
+        prim::copyRows(from.data, from.stride, to.data, to.stride, rowBytes, height);
         return;
     }
     withComponent(from.format.depth, [&](auto component) {
@@ -322,20 +330,20 @@ void runStep(const Step& step, float alpha, const Window& from, const Window& to
             convertTo<C>(from, to, width, height);
             break;
         case Op::Drop:
-            prim::dropAlpha<C>(in, out, width, height, threadCount);
+            prim::dropAlpha<C>(in, out, width, height);
             break;
         case Op::Place:
-            prim::placeRgb<C>(in, out, width, height, threadCount);
+            prim::placeRgb<C>(in, out, width, height);
             break;
         case Op::Gray:
-            prim::colourToGray<C>(in, out, width, height, threadCount);
+            prim::colourToGray<C>(in, out, width, height);
             break;
         case Op::Spread:
-            prim::spreadGray<C>(in, out, width, height, threadCount);
+            prim::spreadGray<C>(in, out, width, height);
             break;
         case Op::Fill: {
             const std::array<C, 4> pixel{C{0}, C{0}, C{0}, static_cast<C>(alpha)};
-            prim::fillPixels<C>(out, width, height, std::span<const C>(pixel), threadCount);
+            prim::fillPixels<C>(out, width, height, std::span<const C>(pixel));
             break;
         }
         case Op::Copy:
@@ -389,16 +397,49 @@ void ZImage::Copy(int srcX, int srcY, int width, int height, ZImage& target, int
 
     const Window source{pixelAddress(*bitmap, srcX, srcY), bitmap->bytesPerLine, sourceFormat};
     const Window output{pixelAddress(*dst, dstX, dstY), dst->bytesPerLine, targetFormat};
-    ScratchImage scratch;
-    for (const Step& step : chain.steps) {
-        if (step.op == Op::None) break;
-        if ((step.from == Buf::Scratch || step.to == Buf::Scratch) && !scratch.allocated())
-            scratch.allocate(chain.scratch, width, height);
-        const Window between{scratch.data(), scratch.stride(), chain.scratch};
-        auto window = [&](Buf b) -> const Window& {
-            return b == Buf::Source ? source : b == Buf::Scratch ? between : output;
-        };
-        runStep(step, chain.alpha, window(step.from), window(step.to), width, height);
+
+    // Rows per band: source, scratch and target rows of a band together fill
+    // about half of a typical 1 MB second-level cache.
+    constexpr std::uint64_t kBandBytes = 512 * 1024;
+    const std::uint64_t bytesPerRow = ScratchImage::rowBytes(sourceFormat, width) +
+                                      ScratchImage::rowBytes(chain.scratch, width) +
+                                      ScratchImage::rowBytes(targetFormat, width);
+    const int bandRows =
+        static_cast<int>(std::clamp<std::uint64_t>(kBandBytes / bytesPerRow, 1, height));
+    const int bands = (height + bandRows - 1) / bandRows;
+    // Small windows are not worth waking a team for.
+    const std::uint64_t work = bytesPerRow * static_cast<std::uint64_t>(height);
+    const int teamSize = work < 4 * kBandBytes ? 1 : std::clamp(threadCount, 1, bands);
+
+    std::vector<ScratchImage> scratch;
+    if (chain.scratch.channels != 0) {
+        scratch.reserve(teamSize);
+        for (int t = 0; t < teamSize; ++t)
+            scratch.emplace_back(chain.scratch, width, bandRows);
+    }
+
+#pragma omp parallel num_threads(teamSize) if (teamSize > 1)
+    {
+        const int team = omp_get_num_threads();
+        const int me = omp_get_thread_num();
+        const int firstBand = static_cast<int>(std::int64_t{bands} * me / team);
+        const int endBand = static_cast<int>(std::int64_t{bands} * (me + 1) / team);
+        const Window between =
+            scratch.empty() ? Window{nullptr, 0, chain.scratch}
+                            : Window{scratch[me].data(), scratch[me].stride(), chain.scratch};
+        for (int band = firstBand; band < endBand; ++band) {
+            const int y = band * bandRows;
+            const int rows = std::min(bandRows, height - y);
+            const Window in{source.data + y * source.stride, source.stride, source.format};
+            const Window out{output.data + y * output.stride, output.stride, output.format};
+            for (const Step& step : chain.steps) {
+                if (step.op == Op::None) break;
+                auto window = [&](Buf b) -> const Window& {
+                    return b == Buf::Source ? in : b == Buf::Scratch ? between : out;
+                };
+                runStep(step, chain.alpha, window(step.from), window(step.to), width, rows);
+            }
+        }
     }
 }
 

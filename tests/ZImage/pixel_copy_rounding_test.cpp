@@ -196,8 +196,9 @@ TEST(PixelCopyRounding, RgbFromRgbaAtTheSameDepthIsTheFirstThreeComponents) {
             EXPECT_EQ(result[3 * p + c], rgba[4 * p + c]);
 }
 
-TEST(PixelCopyRounding, ResultsDoNotDependOnTheThreadCount) {
-    // Large enough for the row loops to start a team of threads.
+TEST(PixelCopyRounding, LargeWindowsGiveTheSameAsRowByRowWhateverTheThreadCount) {
+    // Large enough to be cut into many bands of rows and shared by a team;
+    // each row copied on its own is the reference.
     ZImage source(613, 401, ZImage::RGBA, 32, false);
     for (int y = 0; y < source.Height(); ++y) {
         auto* row = reinterpret_cast<float*>(source.PixelAt(0, y));
@@ -207,19 +208,24 @@ TEST(PixelCopyRounding, ResultsDoNotDependOnTheThreadCount) {
     const int saved = threadCount;
     for (const int type : {ZImage::RGBA, ZImage::RGB, ZImage::Gray}) {
         for (const int bits : {8, 16}) {
-            ZImage single, team;
+            ZImage rowByRow(source.Width(), source.Height(), type, bits, false);
             threadCount = 1;
-            source.CopyTo(single, type, bits);
-            threadCount = 2;
-            source.CopyTo(team, type, bits);
-            // Row by row: the padding at the end of each line is never written.
-            const std::size_t rowBytes =
-                static_cast<std::size_t>(single.BytesPerPixel()) * single.Width();
-            int rowsDiffering = 0;
-            for (int y = 0; y < single.Height(); ++y)
-                rowsDiffering +=
-                    std::memcmp(single.PixelAt(0, y), team.PixelAt(0, y), rowBytes) != 0;
-            EXPECT_EQ(rowsDiffering, 0) << "type " << type << ", " << bits << " bits";
+            for (int y = 0; y < source.Height(); ++y)
+                source.Copy(0, y, source.Width(), 1, rowByRow, 0, y);
+            for (const int threads : {1, 2}) {
+                threadCount = threads;
+                ZImage whole;
+                source.CopyTo(whole, type, bits);
+                // Row by row: the padding at the end of each line is never written.
+                const std::size_t rowBytes =
+                    static_cast<std::size_t>(whole.BytesPerPixel()) * whole.Width();
+                int rowsDiffering = 0;
+                for (int y = 0; y < whole.Height(); ++y)
+                    rowsDiffering +=
+                        std::memcmp(whole.PixelAt(0, y), rowByRow.PixelAt(0, y), rowBytes) != 0;
+                EXPECT_EQ(rowsDiffering, 0)
+                    << "type " << type << ", " << bits << " bits, " << threads << " threads";
+            }
         }
     }
     threadCount = saved;

@@ -19,20 +19,25 @@ constexpr std::array webpNames{"webp"sv};
 constexpr std::array bmpNames{"bmp"sv};
 constexpr std::array tgaNames{"tga"sv, "targa"sv};
 
+constexpr unsigned allKinds = 15;
+// Exiv2 writes no IPTC into WebP, and its profile chunk makes files that
+// decoders refuse.
+constexpr unsigned webpKinds = 2 | 8;
+
 constexpr unsigned d8 = ifl::depthBit(8), d16 = ifl::depthBit(16), d32 = ifl::depthBit(32);
 
 // Depths are those the file keeps without loss: JPEG, WebP, BMP and Targa hold
 // 8 bits, Radiance and EXR hold floats (an unsigned word in a half-float EXR
 // would lose precision), PNG holds integers.
 constexpr std::array<ifl::FormatInfo, IFL_FORMAT_COUNT> formats{{
-    {IFL_FORMAT_JPEG, "jpeg", "jpeg", jpegNames, d8, false, true, true},
-    {IFL_FORMAT_PNG, "png", "png", pngNames, d8 | d16, true, true, true},
-    {IFL_FORMAT_TIFF, "tiff", "tiff", tiffNames, d8 | d16 | d32, true, true, true},
-    {IFL_FORMAT_HDRI, "hdri", "hdr", hdriNames, d32, false, false, false},
-    {IFL_FORMAT_EXR, "exr", "openexr", exrNames, d32, true, true, false},
-    {IFL_FORMAT_WEBP, "webp", "webp", webpNames, d8, true, false, true},
-    {IFL_FORMAT_BMP, "bmp", "bmp", bmpNames, d8, true, true, false},
-    {IFL_FORMAT_TGA, "tga", "targa", tgaNames, d8, true, true, false},
+    {IFL_FORMAT_JPEG, "jpeg", "jpeg", jpegNames, d8, false, true, true, allKinds},
+    {IFL_FORMAT_PNG, "png", "png", pngNames, d8 | d16, true, true, true, allKinds},
+    {IFL_FORMAT_TIFF, "tiff", "tiff", tiffNames, d8 | d16 | d32, true, true, true, allKinds},
+    {IFL_FORMAT_HDRI, "hdri", "hdr", hdriNames, d32, false, false, false, 0},
+    {IFL_FORMAT_EXR, "exr", "openexr", exrNames, d32, true, true, false, 0},
+    {IFL_FORMAT_WEBP, "webp", "webp", webpNames, d8, true, false, true, webpKinds},
+    {IFL_FORMAT_BMP, "bmp", "bmp", bmpNames, d8, true, true, false, 0},
+    {IFL_FORMAT_TGA, "tga", "targa", tgaNames, d8, true, true, false, 0},
 }};
 
 } // namespace

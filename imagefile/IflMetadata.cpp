@@ -53,20 +53,22 @@ void metadataFromAttributes(const OIIO::ImageSpec& spec, IflMetadata& out,
         const auto* bytes = static_cast<const std::uint8_t*>(icc->data());
         out.icc.assign(bytes, bytes + icc->type().basesize() * icc->nvalues());
     }
-    if (hasAttributePrefix(spec, "Exif:") || hasAttributePrefix(spec, "GPS:")) {
+    // IFD0 tags (Make, Artist...) carry no prefix; the encoder takes every
+    // attribute it knows as an EXIF tag and leaves the others.
+    {
         std::vector<char> blob;
         OIIO::encode_exif(spec, blob, OIIO::endian::little);
         // The encoder may put the JPEG segment's name in front of the TIFF header.
         std::size_t skip = 0;
         if (blob.size() >= 6 && std::memcmp(blob.data(), "Exif\0\0", 6) == 0) skip = 6;
-        try {
-            out.exifByteOrder = Exiv2::ExifParser::decode(
-                out.exif, reinterpret_cast<const Exiv2::byte*>(blob.data() + skip),
-                static_cast<std::uint32_t>(blob.size() - skip));
-        } catch (const std::exception& e) {
-            out.exif.clear();
-            warnings.push_back(std::string("EXIF attributes dropped: ") + e.what());
-        }
+        if (blob.size() > skip + 8) try {
+                out.exifByteOrder = Exiv2::ExifParser::decode(
+                    out.exif, reinterpret_cast<const Exiv2::byte*>(blob.data() + skip),
+                    static_cast<std::uint32_t>(blob.size() - skip));
+            } catch (const std::exception& e) {
+                out.exif.clear();
+                warnings.push_back(std::string("EXIF attributes dropped: ") + e.what());
+            }
     }
     if (hasAttributePrefix(spec, "IPTC:")) {
         std::vector<char> iim;
@@ -80,7 +82,10 @@ void metadataFromAttributes(const OIIO::ImageSpec& spec, IflMetadata& out,
     }
 }
 
-enum Kind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8 };
+using ifl::Exif;
+using ifl::Icc;
+using ifl::Iptc;
+using ifl::Xmp;
 
 const char* kindName(unsigned kind) {
     switch (kind) {
@@ -178,8 +183,11 @@ void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetad
     try {
         image->readMetadata();
     } catch (const std::exception& e) {
-        warnings.push_back(std::string("metadata of the file could not be read and was dropped: ") +
-                           e.what());
+        // One damaged block makes Exiv2 give up on all of them; the decoder
+        // read the file its own way, and what it found is taken instead.
+        warnings.push_back(std::string("metadata: ") + e.what() +
+                           "; the XMP packet was dropped and the rest taken from the decoder");
+        metadataFromAttributes(spec, out, warnings);
         return;
     }
     if (const Exiv2::DataBuf* icc = image->iccProfile(); icc && icc->size_ > 0)
@@ -210,13 +218,19 @@ void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::Image
 }
 
 void embedMetadata(std::vector<std::uint8_t>& file, const IflMetadata& metadata, bool withIcc,
-                   bool tiff, std::vector<std::string>& warnings) {
+                   unsigned holds, bool tiff, std::string_view formatName,
+                   std::vector<std::string>& warnings) {
     Exiv2Warnings capture(warnings);
     unsigned wanted = 0;
     if (withIcc && !metadata.icc.empty()) wanted |= Icc;
     if (!metadata.exif.empty()) wanted |= Exif;
     if (!metadata.iptc.empty()) wanted |= Iptc;
     if (!metadata.xmp.empty()) wanted |= Xmp;
+    for (unsigned kind : {Icc, Exif, Iptc, Xmp})
+        if ((wanted & kind) && !(holds & kind))
+            warnings.push_back(std::string(formatName) + " files hold no " + kindName(kind) +
+                               "; it was dropped");
+    wanted &= holds;
     if (wanted == 0) return;
 
     // The common case: everything goes in with one rewrite.

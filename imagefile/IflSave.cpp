@@ -223,9 +223,12 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
 
     const bool withIcc = (params.flags & IFL_SAVE_ICC_PROFILE) != 0;
     if (metadata && !format.exiv2) {
-        if (format.index == IFL_FORMAT_EXR)
-            ifl::metadataToAttributes(*metadata, withIcc, spec);
-        else if (!metadata->empty())
+        if (format.index == IFL_FORMAT_EXR) {
+            // The EXR encoder has no place for a profile.
+            if (withIcc && !metadata->icc.empty())
+                warnings.push_back("exr files hold no ICC profile; it was dropped");
+            ifl::metadataToAttributes(*metadata, false, spec);
+        } else if (!metadata->empty())
             warnings.push_back(std::string(format.name) +
                                " files hold no profile or photo metadata; they were dropped");
     }
@@ -242,7 +245,8 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
     output.reset();
 
     if (metadata && format.exiv2)
-        ifl::embedMetadata(bytes, *metadata, withIcc, format.index == IFL_FORMAT_TIFF, warnings);
+        ifl::embedMetadata(bytes, *metadata, withIcc, format.metadataKinds,
+                           format.index == IFL_FORMAT_TIFF, format.name, warnings);
     return bytes;
 }
 

@@ -16,6 +16,7 @@ struct FormatInfo {
     bool alpha;                                 // holds a fourth component
     bool grey;                                  // holds a single component
     bool exiv2;                                 // Exiv2 writes its metadata
+    unsigned metadataKinds;                     // what Exiv2 writes there (ifl::MetadataKind bits)
 };
 
 // The entry of a format index, or null.

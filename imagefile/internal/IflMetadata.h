@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct IflMetadata {
@@ -76,10 +77,15 @@ void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetad
 // Puts the metadata into encoder attributes, for formats Exiv2 cannot write.
 void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec);
 
+// The kinds of metadata, as bits of a mask.
+enum MetadataKind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8 };
+
 // Writes the metadata into an encoded JPEG, PNG, TIFF or WebP file held in
-// memory. All kinds are tried at once; if that fails, each kind alone, and the
-// ones that still fail are dropped and named in `warnings`.
+// memory, the kinds in `holds` only (the others are named in `warnings`).
+// All kinds are tried at once; if that fails, each kind alone, and the ones
+// that still fail are dropped and named in `warnings`.
 void embedMetadata(std::vector<std::uint8_t>& file, const IflMetadata& metadata, bool withIcc,
-                   bool tiff, std::vector<std::string>& warnings);
+                   unsigned holds, bool tiff, std::string_view formatName,
+                   std::vector<std::string>& warnings);
 
 } // namespace ifl

@@ -127,7 +127,8 @@ struct Metadata {
     std::vector<std::uint8_t> icc;
     std::map<std::string, std::string> exif;
     std::multimap<std::string, std::string> iptc;
-    std::string xmp;
+    std::string xmp;                              // the packet as Exiv2 gives it
+    std::map<std::string, std::string> xmpValues; // its properties
 };
 
 inline Metadata readMetadata(const std::string& path) {
@@ -144,6 +145,8 @@ inline Metadata readMetadata(const std::string& path) {
     for (const Exiv2::Iptcdatum& d : image->iptcData())
         m.iptc.emplace(d.key(), d.toString());
     m.xmp = image->xmpPacket();
+    for (const Exiv2::Xmpdatum& d : image->xmpData())
+        m.xmpValues[d.key()] = d.toString();
     return m;
 #pragma GCC diagnostic pop
 }

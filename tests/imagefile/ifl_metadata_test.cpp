@@ -1,0 +1,324 @@
+// The ICC profile, EXIF (maker notes and GPS included), IPTC and XMP of the
+// source reach the saved file, read back with Exiv2; a source without them
+// gives a file without them; broken metadata costs only itself.
+#include "IflTestSupport.h"
+
+#include <OpenImageIO/imageio.h>
+
+using namespace ifltest;
+
+namespace {
+
+// Tags whose values are positions in the file, which a rewrite moves; the
+// maker note's own tags are compared one by one instead of as raw bytes.
+bool isPosition(const std::string& key) {
+    static const char* const positions[] = {
+        "Exif.Image.ExifTag",   "Exif.Image.GPSTag",     "Exif.Photo.InteroperabilityTag",
+        "Exif.Photo.MakerNote", "Exif.MakerNote.Offset", "Exif.Thumbnail.JPEGInterchangeFormat"};
+    for (const char* k : positions)
+        if (key == k) return true;
+    return false;
+}
+
+// Tags that describe the file's own layout rather than the photograph: a TIFF
+// has its own, and the thumbnail does not go into a TIFF.
+bool describesLayout(const std::string& key) {
+    static const char* const layout[] = {"Exif.Image.ImageWidth",
+                                         "Exif.Image.ImageLength",
+                                         "Exif.Image.BitsPerSample",
+                                         "Exif.Image.Compression",
+                                         "Exif.Image.PhotometricInterpretation",
+                                         "Exif.Image.StripOffsets",
+                                         "Exif.Image.SamplesPerPixel",
+                                         "Exif.Image.RowsPerStrip",
+                                         "Exif.Image.StripByteCounts",
+                                         "Exif.Image.PlanarConfiguration",
+                                         "Exif.Image.ExtraSamples",
+                                         "Exif.Image.SampleFormat",
+                                         "Exif.Image.Predictor",
+                                         "Exif.Image.XResolution",
+                                         "Exif.Image.YResolution",
+                                         "Exif.Image.ResolutionUnit",
+                                         "Exif.Image.YCbCrPositioning"};
+    for (const char* k : layout)
+        if (key == k) return true;
+    return isPosition(key) || key.rfind("Exif.Thumbnail.", 0) == 0;
+}
+
+struct Carrier {
+    const char* name;
+    const char* source;
+    const char* format;
+    const char* suffix;
+    int bits;
+    bool keepsLayoutTags; // the output's EXIF may carry the source's IFD0 layout tags as they are
+    bool holdsAll;        // false: the format has no place for a profile and IPTC
+};
+
+void PrintTo(const Carrier& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class MetadataCarriedTest : public ::testing::TestWithParam<Carrier> {
+protected:
+    QTemporaryDir folder;
+};
+
+TEST_P(MetadataCarriedTest, AllFourKindsReachTheOutput) {
+    const Carrier& c = GetParam();
+    const std::string sourcePath = dataFile(c.source);
+    const Metadata source = readMetadata(sourcePath);
+    ASSERT_FALSE(source.icc.empty());
+    ASSERT_FALSE(source.exif.empty());
+    ASSERT_FALSE(source.iptc.empty());
+    ASSERT_FALSE(source.xmp.empty());
+    const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
+
+    ZImage image = makePicture(40, 30, ZImage::RGB, c.bits);
+    const QString path = folder.filePath(QStringLiteral("out.") + QLatin1String(c.suffix));
+    QStringList notes;
+    image.Save(path, QLatin1String(c.format), -1, QString::fromStdString(sourcePath), &notes);
+
+    const Metadata out = readMetadata(path.toStdString());
+    if (c.holdsAll) {
+        EXPECT_TRUE(notes.isEmpty()) << notes.join(QLatin1Char('\n')).toStdString();
+        EXPECT_EQ(out.icc, source.icc);
+        EXPECT_EQ(out.iptc, source.iptc);
+    } else {
+        // What the format cannot hold is named, not silently lost.
+        ASSERT_EQ(notes.size(), 2) << notes.join(QLatin1Char('\n')).toStdString();
+        EXPECT_TRUE(notes[0].contains(QLatin1String("ICC profile")));
+        EXPECT_TRUE(notes[1].contains(QLatin1String("IPTC")));
+        EXPECT_TRUE(out.icc.empty());
+        EXPECT_TRUE(out.iptc.empty());
+    }
+    // Exiv2 hands out the packet re-serialised, so its properties are compared.
+    EXPECT_EQ(out.xmpValues, source.xmpValues);
+    for (const auto& [key, value] : source.exif) {
+        if (isPosition(key) || (!c.keepsLayoutTags && describesLayout(key))) continue;
+        const auto found = out.exif.find(key);
+        if (found == out.exif.end()) {
+            ADD_FAILURE() << key << " is missing";
+            continue;
+        }
+        EXPECT_TRUE(found->second == value) << key << " changed";
+    }
+    // The source is only read.
+    EXPECT_EQ(readBytes(sourcePath), sourceBytes);
+    // And the pixels are the picture's, not the source's.
+    ZImage loaded;
+    loaded.Load(path);
+    EXPECT_EQ(loaded.Width(), 40);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Carriers, MetadataCarriedTest,
+    ::testing::Values(Carrier{"jpeg_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "jpg", "jpg",
+                              8, true, true},
+                      Carrier{"jpeg_from_small_jpeg", "metadata/exif_iptc_xmp_icc.jpg", "jpeg",
+                              "jpg", 8, true, true},
+                      Carrier{"tiff_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "tif", "tif",
+                              16, false, true},
+                      Carrier{"png_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "png", "png",
+                              8, true, true},
+                      Carrier{"webp_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "webp",
+                              "webp", 8, true, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(MetadataCarried, TheRichSampleHasMakerNotesAndGpsAndTheyArrive) {
+    QTemporaryDir folder;
+    const std::string sourcePath = dataFile("metadata/rich_all_metadata.jpg");
+    const Metadata source = readMetadata(sourcePath);
+    ASSERT_TRUE(hasKeyWith(source.exif, "Exif.GPSInfo."));
+    ASSERT_TRUE(source.exif.count("Exif.Photo.MakerNote") || hasKeyWith(source.exif, "Exif.Nikon"));
+
+    ZImage image = makePicture(16, 16, ZImage::RGB, 8);
+    const QString path = folder.filePath(QStringLiteral("out.jpg"));
+    image.Save(path, QStringLiteral("jpeg"), -1, QString::fromStdString(sourcePath));
+    const Metadata out = readMetadata(path.toStdString());
+    EXPECT_EQ(out.exif.at("Exif.GPSInfo.GPSLatitude"), source.exif.at("Exif.GPSInfo.GPSLatitude"));
+    for (const auto& [key, value] : source.exif) {
+        if (key.rfind("Exif.Nikon", 0) == 0) {
+            EXPECT_EQ(out.exif.count(key), 1u) << key;
+        }
+    }
+}
+
+TEST(MetadataCarried, ATiffSourceGivesItsProfile) {
+    QTemporaryDir folder;
+    const std::string sourcePath = dataFile("metadata/tiff8_rgba_icc.tiff");
+    const Metadata source = readMetadata(sourcePath);
+    ASSERT_FALSE(source.icc.empty());
+    for (const char* format : {"png", "tiff", "jpeg"}) {
+        ZImage image = makePicture(16, 16, ZImage::RGBA, 8);
+        if (std::string(format) == "jpeg") {
+            ZImage rgb;
+            image.CopyTo(rgb, ZImage::RGB, 8);
+            image = std::move(rgb);
+        }
+        const QString path = folder.filePath(QStringLiteral("out.") + QLatin1String(format));
+        image.Save(path, QLatin1String(format), -1, QString::fromStdString(sourcePath));
+        EXPECT_EQ(readMetadata(path.toStdString()).icc, source.icc) << format;
+    }
+}
+
+TEST(MetadataCarried, NoSourceOrABareSourceGivesNoMetadata) {
+    QTemporaryDir folder;
+    const QString bare = folder.filePath(QStringLiteral("bare.png"));
+    makePicture(8, 8, ZImage::RGB, 8).Save(bare, QStringLiteral("png"), -1, QString());
+    for (const QString& source : {QString(), bare}) {
+        for (const char* format : {"jpeg", "png", "tiff"}) {
+            ZImage image = makePicture(8, 8, ZImage::RGB, 8);
+            const QString path = folder.filePath(QStringLiteral("none.") + QLatin1String(format));
+            image.Save(path, QLatin1String(format), -1, source);
+            const Metadata out = readMetadata(path.toStdString());
+            EXPECT_TRUE(out.icc.empty()) << format;
+            EXPECT_TRUE(out.iptc.empty()) << format;
+            EXPECT_TRUE(out.xmp.empty()) << format;
+            // A TIFF's own directory shows as layout tags, and the encoder
+            // stamps the time the file was made; nothing else may be there.
+            for (const auto& [key, value] : out.exif)
+                EXPECT_TRUE(describesLayout(key) || key == "Exif.Image.Orientation" ||
+                            key == "Exif.Image.DateTime")
+                    << format << ": " << key << " = " << value;
+        }
+    }
+}
+
+// A JPEG with exactly the given kinds, made from a bare one.
+std::string makeSource(const QTemporaryDir& folder, const char* name, bool exif, bool iptc) {
+    const QString path = folder.filePath(QLatin1String(name));
+    makePicture(8, 8, ZImage::RGB, 8).Save(path, QStringLiteral("jpeg"), -1, QString());
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path.toStdString());
+    image->readMetadata();
+    if (exif) image->exifData()["Exif.Image.Artist"] = "Only EXIF";
+    if (iptc) image->iptcData()["Iptc.Application2.Headline"] = "Only IPTC";
+    image->writeMetadata();
+#pragma GCC diagnostic pop
+    return path.toStdString();
+}
+
+TEST(MetadataCarried, EachKindTravelsAlone) {
+    QTemporaryDir folder;
+    const std::string exifOnly = makeSource(folder, "exif.jpg", true, false);
+    const std::string iptcOnly = makeSource(folder, "iptc.jpg", false, true);
+
+    ZImage a = makePicture(8, 8, ZImage::RGB, 8);
+    const QString outA = folder.filePath(QStringLiteral("a.jpg"));
+    a.Save(outA, QStringLiteral("jpeg"), -1, QString::fromStdString(exifOnly));
+    const Metadata ma = readMetadata(outA.toStdString());
+    EXPECT_EQ(ma.exif.at("Exif.Image.Artist"), "Only EXIF");
+    EXPECT_TRUE(ma.iptc.empty());
+    EXPECT_FALSE(iflBitmapHasIPTC(a.Bitmap()));
+
+    ZImage b = makePicture(8, 8, ZImage::RGB, 8);
+    const QString outB = folder.filePath(QStringLiteral("b.jpg"));
+    b.Save(outB, QStringLiteral("jpeg"), -1, QString::fromStdString(iptcOnly));
+    const Metadata mb = readMetadata(outB.toStdString());
+    EXPECT_FALSE(mb.exif.count("Exif.Image.Artist"));
+    ASSERT_EQ(mb.iptc.count("Iptc.Application2.Headline"), 1u);
+    EXPECT_EQ(mb.iptc.find("Iptc.Application2.Headline")->second, "Only IPTC");
+    EXPECT_FALSE(iflBitmapHasEXIF(b.Bitmap()));
+}
+
+TEST(MetadataCarried, TheSavedImageKeepsWhatItWasGiven) {
+    // The image now holds the source's metadata, so a second save without a
+    // source writes it too; but without the profile, whose flag belongs to
+    // the save that carried it over.
+    QTemporaryDir folder;
+    const std::string sourcePath = dataFile("metadata/exif_iptc_xmp_icc.jpg");
+    ZImage image = makePicture(8, 8, ZImage::RGB, 8);
+    image.Save(folder.filePath(QStringLiteral("1.jpg")), QStringLiteral("jpeg"), -1,
+               QString::fromStdString(sourcePath));
+    EXPECT_TRUE(iflBitmapHasICCProfile(image.Bitmap()));
+    const QString second = folder.filePath(QStringLiteral("2.jpg"));
+    image.Save(second, QStringLiteral("jpeg"), -1, QString());
+    const Metadata out = readMetadata(second.toStdString());
+    EXPECT_TRUE(out.icc.empty());
+    EXPECT_EQ(out.xmpValues, readMetadata(sourcePath).xmpValues);
+    EXPECT_FALSE(out.iptc.empty());
+}
+
+TEST(MetadataCarried, ExrTakesTheMetadataAsAttributes) {
+    QTemporaryDir folder;
+    const std::string sourcePath = dataFile("metadata/rich_all_metadata.jpg");
+    const Metadata source = readMetadata(sourcePath);
+    ZImage image = makePicture(8, 8, ZImage::RGB, 32);
+    const QString path = folder.filePath(QStringLiteral("out.exr"));
+    QStringList notes;
+    image.Save(path, QStringLiteral("exr"), -1, QString::fromStdString(sourcePath), &notes);
+
+    auto in = OIIO::ImageInput::open(path.toStdString());
+    ASSERT_TRUE(in);
+    const OIIO::ImageSpec& spec = in->spec();
+    EXPECT_EQ(spec.get_string_attribute("Make"), source.exif.at("Exif.Image.Make"));
+    EXPECT_NE(spec.find_attribute("GPS:Latitude"), nullptr);
+    // The EXR encoder has no place for the profile, and says so.
+    EXPECT_EQ(spec.find_attribute("ICCProfile"), nullptr);
+    ASSERT_EQ(notes.size(), 1);
+    EXPECT_TRUE(notes[0].contains(QLatin1String("ICC profile")));
+}
+
+TEST(MetadataCarried, RadianceFilesSayWhatTheyDropped) {
+    QTemporaryDir folder;
+    ZImage image = makePicture(8, 8, ZImage::RGB, 32);
+    QStringList notes;
+    image.Save(folder.filePath(QStringLiteral("out.hdr")), QStringLiteral("hdr"), -1,
+               QString::fromStdString(dataFile("metadata/rich_all_metadata.jpg")), &notes);
+    ASSERT_EQ(notes.size(), 1);
+    EXPECT_TRUE(notes[0].contains(QLatin1String("dropped")));
+}
+
+TEST(BrokenMetadata, ThePictureIsWrittenAndTheDamageNamed) {
+    QTemporaryDir folder;
+    const std::string sourcePath = dataFile("metadata/large_outdoor_iptc_xmp_badexif.jpg");
+    const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
+    ZImage image = makePicture(32, 32, ZImage::RGB, 8);
+    const QString path = folder.filePath(QStringLiteral("out.jpg"));
+    QStringList notes;
+    image.Save(path, QStringLiteral("jpeg"), -1, QString::fromStdString(sourcePath), &notes);
+
+    EXPECT_FALSE(notes.isEmpty());
+    ZImage loaded;
+    loaded.Load(path);
+    EXPECT_EQ(loaded.Width(), 32);
+    const Metadata out = readMetadata(path.toStdString());
+    EXPECT_FALSE(out.iptc.empty());
+    EXPECT_FALSE(out.xmpValues.empty());
+    EXPECT_EQ(readBytes(sourcePath), sourceBytes);
+}
+
+TEST(BrokenMetadata, AnInvalidProfileIsDroppedAndTheRestKept) {
+    // A source whose profile declares a length it does not have, beside a
+    // valid EXIF block.
+    QTemporaryDir folder;
+    const QString sourcePath = folder.filePath(QStringLiteral("badicc.jpg"));
+    makePicture(8, 8, ZImage::RGB, 8).Save(sourcePath, QStringLiteral("jpeg"), -1, QString());
+    {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+        Exiv2::Image::AutoPtr source = Exiv2::ImageFactory::open(sourcePath.toStdString());
+        source->readMetadata();
+        std::vector<Exiv2::byte> garbage(200, 0x5A);
+        Exiv2::DataBuf profile(garbage.data(), static_cast<long>(garbage.size()));
+        source->setIccProfile(profile, false);
+        source->exifData()["Exif.Image.Artist"] = "Kept";
+        source->writeMetadata();
+#pragma GCC diagnostic pop
+    }
+
+    ZImage image = makePicture(8, 8, ZImage::RGB, 8);
+    const QString path = folder.filePath(QStringLiteral("out.jpg"));
+    QStringList notes;
+    image.Save(path, QStringLiteral("jpeg"), -1, sourcePath, &notes);
+    ASSERT_FALSE(notes.isEmpty());
+    EXPECT_TRUE(notes.join(QLatin1Char('\n')).contains(QLatin1String("ICC profile")))
+        << notes.join(QLatin1Char('\n')).toStdString();
+    const Metadata out = readMetadata(path.toStdString());
+    EXPECT_TRUE(out.icc.empty());
+    EXPECT_EQ(out.exif.at("Exif.Image.Artist"), "Kept");
+}
+
+} // namespace

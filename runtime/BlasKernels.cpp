@@ -38,8 +38,7 @@ class KernelSlot {
 public:
     explicit constexpr KernelSlot(Fn variant) : variant_(variant) {}
 
-    Fn get() noexcept
-    {
+    Fn get() noexcept {
         Fn fn = slot_.load(std::memory_order_acquire);
         if (fn == nullptr) [[unlikely]] {
             const int type = nrt_cpu_detect();
@@ -55,47 +54,73 @@ private:
     Fn variant_;
 };
 
-bool reportBadParameter(int position, const char* kernel)
-{
+bool reportBadParameter(int position, const char* kernel) {
     std::printf("NRT ERROR: Parameter %d was incorrect on entry to %s\n", position, kernel);
     std::fflush(stdout);
     return false;
 }
 
-bool toTranspose(char c, CBLAS_TRANSPOSE& out)
-{
+bool toTranspose(char c, CBLAS_TRANSPOSE& out) {
     switch (c) {
-    case 'N': case 'n': out = CblasNoTrans; return true;
-    case 'T': case 't': out = CblasTrans; return true;
-    case 'C': case 'c': out = CblasConjTrans; return true;
-    default: return false;
+    case 'N':
+    case 'n':
+        out = CblasNoTrans;
+        return true;
+    case 'T':
+    case 't':
+        out = CblasTrans;
+        return true;
+    case 'C':
+    case 'c':
+        out = CblasConjTrans;
+        return true;
+    default:
+        return false;
     }
 }
 
-bool toSide(char c, CBLAS_SIDE& out)
-{
+bool toSide(char c, CBLAS_SIDE& out) {
     switch (c) {
-    case 'L': case 'l': out = CblasLeft; return true;
-    case 'R': case 'r': out = CblasRight; return true;
-    default: return false;
+    case 'L':
+    case 'l':
+        out = CblasLeft;
+        return true;
+    case 'R':
+    case 'r':
+        out = CblasRight;
+        return true;
+    default:
+        return false;
     }
 }
 
-bool toUplo(char c, CBLAS_UPLO& out)
-{
+bool toUplo(char c, CBLAS_UPLO& out) {
     switch (c) {
-    case 'U': case 'u': out = CblasUpper; return true;
-    case 'L': case 'l': out = CblasLower; return true;
-    default: return false;
+    case 'U':
+    case 'u':
+        out = CblasUpper;
+        return true;
+    case 'L':
+    case 'l':
+        out = CblasLower;
+        return true;
+    default:
+        return false;
     }
 }
 
-bool toDiag(char c, CBLAS_DIAG& out)
-{
+bool toDiag(char c, CBLAS_DIAG& out) {
     switch (c) {
-    case 'N': case 'n': out = CblasNonUnit; return true;
-    case 'U': case 'u': out = CblasUnit; return true;
-    default: return false;
+    case 'N':
+    case 'n':
+        out = CblasNonUnit;
+        return true;
+    case 'U':
+    case 'u':
+        out = CblasUnit;
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -147,8 +172,7 @@ struct Slots {
 template <typename T>
 struct Name {
     char text[8];
-    explicit Name(const char* base)
-    {
+    explicit Name(const char* base) {
         text[0] = Blas<T>::prefix;
         std::size_t i = 1;
         for (; base[i - 1] != '\0' && i + 1 < sizeof text; ++i)
@@ -158,62 +182,42 @@ struct Name {
 };
 
 template <typename T>
-void gemm(char transa, char transb, int m, int n, int k, T alpha, const T* a, int lda,
-          const T* b, int ldb, T beta, T* c, int ldc)
-{
+void gemm(char transa, char transb, int m, int n, int k, T alpha, const T* a, int lda, const T* b,
+          int ldb, T beta, T* c, int ldc) {
     const Name<T> kernelName("gemm");
     const char* name = kernelName.text;
     CBLAS_TRANSPOSE ta{}, tb{};
-    if (!toTranspose(transa, ta))
-        return void(reportBadParameter(1, name));
-    if (!toTranspose(transb, tb))
-        return void(reportBadParameter(2, name));
-    if (m < 0)
-        return void(reportBadParameter(3, name));
-    if (n < 0)
-        return void(reportBadParameter(4, name));
-    if (k < 0)
-        return void(reportBadParameter(5, name));
-    if (lda < std::max(1, ta == CblasNoTrans ? m : k))
-        return void(reportBadParameter(8, name));
-    if (ldb < std::max(1, tb == CblasNoTrans ? k : n))
-        return void(reportBadParameter(10, name));
-    if (ldc < std::max(1, m))
-        return void(reportBadParameter(13, name));
-    if (m == 0 || n == 0)
-        return;
+    if (!toTranspose(transa, ta)) return void(reportBadParameter(1, name));
+    if (!toTranspose(transb, tb)) return void(reportBadParameter(2, name));
+    if (m < 0) return void(reportBadParameter(3, name));
+    if (n < 0) return void(reportBadParameter(4, name));
+    if (k < 0) return void(reportBadParameter(5, name));
+    if (lda < std::max(1, ta == CblasNoTrans ? m : k)) return void(reportBadParameter(8, name));
+    if (ldb < std::max(1, tb == CblasNoTrans ? k : n)) return void(reportBadParameter(10, name));
+    if (ldc < std::max(1, m)) return void(reportBadParameter(13, name));
+    if (m == 0 || n == 0) return;
     prepareBlasThreads();
     Slots<T>::gemm.get()(CblasColMajor, ta, tb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
 }
 
 template <typename T>
-void trsm(char side, char uplo, char transa, char diag, int m, int n, T alpha, const T* a,
-          int lda, T* b, int ldb)
-{
+void trsm(char side, char uplo, char transa, char diag, int m, int n, T alpha, const T* a, int lda,
+          T* b, int ldb) {
     const Name<T> kernelName("trsm");
     const char* name = kernelName.text;
     CBLAS_SIDE s{};
     CBLAS_UPLO u{};
     CBLAS_TRANSPOSE t{};
     CBLAS_DIAG d{};
-    if (!toSide(side, s))
-        return void(reportBadParameter(1, name));
-    if (!toUplo(uplo, u))
-        return void(reportBadParameter(2, name));
-    if (!toTranspose(transa, t))
-        return void(reportBadParameter(3, name));
-    if (!toDiag(diag, d))
-        return void(reportBadParameter(4, name));
-    if (m < 0)
-        return void(reportBadParameter(5, name));
-    if (n < 0)
-        return void(reportBadParameter(6, name));
-    if (lda < std::max(1, s == CblasLeft ? m : n))
-        return void(reportBadParameter(9, name));
-    if (ldb < std::max(1, m))
-        return void(reportBadParameter(11, name));
-    if (m == 0 || n == 0)
-        return;
+    if (!toSide(side, s)) return void(reportBadParameter(1, name));
+    if (!toUplo(uplo, u)) return void(reportBadParameter(2, name));
+    if (!toTranspose(transa, t)) return void(reportBadParameter(3, name));
+    if (!toDiag(diag, d)) return void(reportBadParameter(4, name));
+    if (m < 0) return void(reportBadParameter(5, name));
+    if (n < 0) return void(reportBadParameter(6, name));
+    if (lda < std::max(1, s == CblasLeft ? m : n)) return void(reportBadParameter(9, name));
+    if (ldb < std::max(1, m)) return void(reportBadParameter(11, name));
+    if (m == 0 || n == 0) return;
     prepareBlasThreads();
     Slots<T>::trsm.get()(CblasColMajor, s, u, t, d, m, n, alpha, a, lda, b, ldb);
 }
@@ -222,8 +226,7 @@ void trsm(char side, char uplo, char transa, char diag, int m, int n, T alpha, c
 // a negative stride walks the vector from its far end, as the reference
 // interface defines.
 template <typename T>
-T* chunkStart(T* x, int inc, int n, int lo, int hi)
-{
+T* chunkStart(T* x, int inc, int n, int lo, int hi) {
     return inc > 0 ? x + static_cast<long>(lo) * inc : x + static_cast<long>(n - hi) * (-inc);
 }
 
@@ -232,8 +235,7 @@ T* chunkStart(T* x, int inc, int n, int lo, int hi)
 constexpr int kParallelSwapMin = 5001;
 
 template <typename T>
-void swap(int n, T* x, int incx, T* y, int incy)
-{
+void swap(int n, T* x, int incx, T* y, int incy) {
     auto kernel = Slots<T>::swap.get();
     if (n < kParallelSwapMin) {
         kernel(n, x, incx, y, incy);
@@ -242,8 +244,7 @@ void swap(int n, T* x, int incx, T* y, int incy)
     const int subcode = nrt_cpu_subcode();
     const bool splittable = subcode == 32 || subcode == 33 || subcode == 64 || subcode == 66;
     int threads = 1;
-    if (splittable && incx != 0 && incy != 0)
-        threads = nrt_domain_get_max_threads(NRT_DOMAIN_BLAS);
+    if (splittable && incx != 0 && incy != 0) threads = nrt_domain_get_max_threads(NRT_DOMAIN_BLAS);
     if (threads <= 1) {
         kernel(n, x, incx, y, incy);
         return;
@@ -261,120 +262,85 @@ void swap(int n, T* x, int incx, T* y, int incy)
 }
 
 template <typename T>
-int iamax(int n, const T* x, int incx)
-{
-    if (n < 1 || incx < 1)
-        return 0;
+int iamax(int n, const T* x, int incx) {
+    if (n < 1 || incx < 1) return 0;
     return static_cast<int>(Slots<T>::iamax.get()(n, x, incx)) + 1;
 }
 
 template <typename T>
-void scal(int n, T alpha, T* x, int incx)
-{
-    if (n < 1 || incx < 1)
-        return;
+void scal(int n, T alpha, T* x, int incx) {
+    if (n < 1 || incx < 1) return;
     Slots<T>::scal.get()(n, alpha, x, incx);
 }
 
 template <typename T>
-void ger(int m, int n, T alpha, const T* x, int incx, const T* y, int incy, T* a, int lda)
-{
+void ger(int m, int n, T alpha, const T* x, int incx, const T* y, int incy, T* a, int lda) {
     const Name<T> kernelName("ger");
     const char* name = kernelName.text;
-    if (m < 0)
-        return void(reportBadParameter(1, name));
-    if (n < 0)
-        return void(reportBadParameter(2, name));
-    if (incx == 0)
-        return void(reportBadParameter(5, name));
-    if (incy == 0)
-        return void(reportBadParameter(7, name));
-    if (lda < std::max(1, m))
-        return void(reportBadParameter(9, name));
-    if (m == 0 || n == 0)
-        return;
+    if (m < 0) return void(reportBadParameter(1, name));
+    if (n < 0) return void(reportBadParameter(2, name));
+    if (incx == 0) return void(reportBadParameter(5, name));
+    if (incy == 0) return void(reportBadParameter(7, name));
+    if (lda < std::max(1, m)) return void(reportBadParameter(9, name));
+    if (m == 0 || n == 0) return;
     prepareBlasThreads();
     Slots<T>::ger.get()(CblasColMajor, m, n, alpha, x, incx, y, incy, a, lda);
 }
 
 template <typename T>
-void syr(char uplo, int n, T alpha, const T* x, int incx, T* a, int lda)
-{
+void syr(char uplo, int n, T alpha, const T* x, int incx, T* a, int lda) {
     const Name<T> kernelName("syr");
     const char* name = kernelName.text;
     CBLAS_UPLO u{};
-    if (!toUplo(uplo, u))
-        return void(reportBadParameter(1, name));
-    if (n < 0)
-        return void(reportBadParameter(2, name));
-    if (incx == 0)
-        return void(reportBadParameter(5, name));
-    if (lda < std::max(1, n))
-        return void(reportBadParameter(7, name));
-    if (n == 0)
-        return;
+    if (!toUplo(uplo, u)) return void(reportBadParameter(1, name));
+    if (n < 0) return void(reportBadParameter(2, name));
+    if (incx == 0) return void(reportBadParameter(5, name));
+    if (lda < std::max(1, n)) return void(reportBadParameter(7, name));
+    if (n == 0) return;
     prepareBlasThreads();
     Slots<T>::syr.get()(CblasColMajor, u, n, alpha, x, incx, a, lda);
 }
 
 template <typename T>
 void gemv(char trans, int m, int n, T alpha, const T* a, int lda, const T* x, int incx, T beta,
-          T* y, int incy)
-{
+          T* y, int incy) {
     const Name<T> kernelName("gemv");
     const char* name = kernelName.text;
     CBLAS_TRANSPOSE t{};
-    if (!toTranspose(trans, t))
-        return void(reportBadParameter(1, name));
-    if (m < 0)
-        return void(reportBadParameter(2, name));
-    if (n < 0)
-        return void(reportBadParameter(3, name));
-    if (lda < std::max(1, m))
-        return void(reportBadParameter(6, name));
-    if (incx == 0)
-        return void(reportBadParameter(8, name));
-    if (incy == 0)
-        return void(reportBadParameter(11, name));
-    if (m == 0 || n == 0)
-        return;
+    if (!toTranspose(trans, t)) return void(reportBadParameter(1, name));
+    if (m < 0) return void(reportBadParameter(2, name));
+    if (n < 0) return void(reportBadParameter(3, name));
+    if (lda < std::max(1, m)) return void(reportBadParameter(6, name));
+    if (incx == 0) return void(reportBadParameter(8, name));
+    if (incy == 0) return void(reportBadParameter(11, name));
+    if (m == 0 || n == 0) return;
     prepareBlasThreads();
     Slots<T>::gemv.get()(CblasColMajor, t, m, n, alpha, a, lda, x, incx, beta, y, incy);
 }
 
 template <typename T>
-void trsv(char uplo, char trans, char diag, int n, const T* a, int lda, T* x, int incx)
-{
+void trsv(char uplo, char trans, char diag, int n, const T* a, int lda, T* x, int incx) {
     const Name<T> kernelName("trsv");
     const char* name = kernelName.text;
     CBLAS_UPLO u{};
     CBLAS_TRANSPOSE t{};
     CBLAS_DIAG d{};
-    if (!toUplo(uplo, u))
-        return void(reportBadParameter(1, name));
-    if (!toTranspose(trans, t))
-        return void(reportBadParameter(2, name));
-    if (!toDiag(diag, d))
-        return void(reportBadParameter(3, name));
-    if (n < 0)
-        return void(reportBadParameter(4, name));
-    if (lda < std::max(1, n))
-        return void(reportBadParameter(6, name));
-    if (incx == 0)
-        return void(reportBadParameter(8, name));
-    if (n == 0)
-        return;
+    if (!toUplo(uplo, u)) return void(reportBadParameter(1, name));
+    if (!toTranspose(trans, t)) return void(reportBadParameter(2, name));
+    if (!toDiag(diag, d)) return void(reportBadParameter(3, name));
+    if (n < 0) return void(reportBadParameter(4, name));
+    if (lda < std::max(1, n)) return void(reportBadParameter(6, name));
+    if (incx == 0) return void(reportBadParameter(8, name));
+    if (n == 0) return;
     prepareBlasThreads();
     Slots<T>::trsv.get()(CblasColMajor, u, t, d, n, a, lda, x, incx);
 }
 
 } // namespace
 
-void prepareBlasThreads()
-{
+void prepareBlasThreads() {
     const int wanted = omp_in_parallel() ? 1 : nrt_domain_get_max_threads(NRT_DOMAIN_BLAS);
-    if (blasThreads.load(std::memory_order_acquire) == wanted)
-        return;
+    if (blasThreads.load(std::memory_order_acquire) == wanted) return;
     std::lock_guard guard(runtimeLock());
     if (blasThreads.load(std::memory_order_relaxed) != wanted) {
         openblas_set_num_threads(wanted);
@@ -382,8 +348,7 @@ void prepareBlasThreads()
     }
 }
 
-int blasThreadsInEffect() noexcept
-{
+int blasThreadsInEffect() noexcept {
     return blasThreads.load(std::memory_order_acquire);
 }
 
@@ -393,70 +358,72 @@ using namespace nrt::detail;
 
 extern "C" {
 
-void nrt_sgemm(char transa, char transb, int m, int n, int k, float alpha, const float* a,
-               int lda, const float* b, int ldb, float beta, float* c, int ldc)
-{
+void nrt_sgemm(char transa, char transb, int m, int n, int k, float alpha, const float* a, int lda,
+               const float* b, int ldb, float beta, float* c, int ldc) {
     gemm(transa, transb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
 }
 void nrt_dgemm(char transa, char transb, int m, int n, int k, double alpha, const double* a,
-               int lda, const double* b, int ldb, double beta, double* c, int ldc)
-{
+               int lda, const double* b, int ldb, double beta, double* c, int ldc) {
     gemm(transa, transb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
 }
 void nrt_strsm(char side, char uplo, char transa, char diag, int m, int n, float alpha,
-               const float* a, int lda, float* b, int ldb)
-{
+               const float* a, int lda, float* b, int ldb) {
     trsm(side, uplo, transa, diag, m, n, alpha, a, lda, b, ldb);
 }
 void nrt_dtrsm(char side, char uplo, char transa, char diag, int m, int n, double alpha,
-               const double* a, int lda, double* b, int ldb)
-{
+               const double* a, int lda, double* b, int ldb) {
     trsm(side, uplo, transa, diag, m, n, alpha, a, lda, b, ldb);
 }
-void nrt_sswap(int n, float* x, int incx, float* y, int incy) { swap(n, x, incx, y, incy); }
-void nrt_dswap(int n, double* x, int incx, double* y, int incy) { swap(n, x, incx, y, incy); }
-int nrt_isamax(int n, const float* x, int incx) { return iamax(n, x, incx); }
-int nrt_idamax(int n, const double* x, int incx) { return iamax(n, x, incx); }
-void nrt_sscal(int n, float alpha, float* x, int incx) { scal(n, alpha, x, incx); }
-void nrt_dscal(int n, double alpha, double* x, int incx) { scal(n, alpha, x, incx); }
+void nrt_sswap(int n, float* x, int incx, float* y, int incy) {
+    swap(n, x, incx, y, incy);
+}
+void nrt_dswap(int n, double* x, int incx, double* y, int incy) {
+    swap(n, x, incx, y, incy);
+}
+int nrt_isamax(int n, const float* x, int incx) {
+    return iamax(n, x, incx);
+}
+int nrt_idamax(int n, const double* x, int incx) {
+    return iamax(n, x, incx);
+}
+void nrt_sscal(int n, float alpha, float* x, int incx) {
+    scal(n, alpha, x, incx);
+}
+void nrt_dscal(int n, double alpha, double* x, int incx) {
+    scal(n, alpha, x, incx);
+}
 void nrt_sger(int m, int n, float alpha, const float* x, int incx, const float* y, int incy,
-              float* a, int lda)
-{
+              float* a, int lda) {
     ger(m, n, alpha, x, incx, y, incy, a, lda);
 }
 void nrt_dger(int m, int n, double alpha, const double* x, int incx, const double* y, int incy,
-              double* a, int lda)
-{
+              double* a, int lda) {
     ger(m, n, alpha, x, incx, y, incy, a, lda);
 }
-void nrt_ssyr(char uplo, int n, float alpha, const float* x, int incx, float* a, int lda)
-{
+void nrt_ssyr(char uplo, int n, float alpha, const float* x, int incx, float* a, int lda) {
     syr(uplo, n, alpha, x, incx, a, lda);
 }
-void nrt_dsyr(char uplo, int n, double alpha, const double* x, int incx, double* a, int lda)
-{
+void nrt_dsyr(char uplo, int n, double alpha, const double* x, int incx, double* a, int lda) {
     syr(uplo, n, alpha, x, incx, a, lda);
 }
 void nrt_sgemv(char trans, int m, int n, float alpha, const float* a, int lda, const float* x,
-               int incx, float beta, float* y, int incy)
-{
+               int incx, float beta, float* y, int incy) {
     gemv(trans, m, n, alpha, a, lda, x, incx, beta, y, incy);
 }
-void nrt_dgemv(char trans, int m, int n, double alpha, const double* a, int lda,
-               const double* x, int incx, double beta, double* y, int incy)
-{
+void nrt_dgemv(char trans, int m, int n, double alpha, const double* a, int lda, const double* x,
+               int incx, double beta, double* y, int incy) {
     gemv(trans, m, n, alpha, a, lda, x, incx, beta, y, incy);
 }
 void nrt_strsv(char uplo, char trans, char diag, int n, const float* a, int lda, float* x,
-               int incx)
-{
+               int incx) {
     trsv(uplo, trans, diag, n, a, lda, x, incx);
 }
 void nrt_dtrsv(char uplo, char trans, char diag, int n, const double* a, int lda, double* x,
-               int incx)
-{
+               int incx) {
     trsv(uplo, trans, diag, n, a, lda, x, incx);
 }
-int nrt_blas_bound_type(void) { return boundType.load(std::memory_order_relaxed); }
+int nrt_blas_bound_type(void) {
+    return boundType.load(std::memory_order_relaxed);
+}
 
 } // extern "C"

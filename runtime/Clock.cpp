@@ -18,16 +18,14 @@
 
 namespace {
 
-unsigned long long monotonicNanoseconds() noexcept
-{
+unsigned long long monotonicNanoseconds() noexcept {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<unsigned long long>(ts.tv_sec) * 1000000000ull +
            static_cast<unsigned long long>(ts.tv_nsec);
 }
 
-double measureTickRate() noexcept
-{
+double measureTickRate() noexcept {
     const unsigned long long ns0 = monotonicNanoseconds();
     const unsigned long long tsc0 = nrt_clocks();
     // Busy-wait on the processor-time clock for a tenth of a second, the same
@@ -42,15 +40,13 @@ double measureTickRate() noexcept
     const unsigned long long tsc1 = nrt_clocks();
 
     const double seconds = static_cast<double>(ns1 - ns0) * 1e-9;
-    if (seconds >= 0.0001 && tsc1 != tsc0)
-        return static_cast<double>(tsc1 - tsc0) / seconds;
+    if (seconds >= 0.0001 && tsc1 != tsc0) return static_cast<double>(tsc1 - tsc0) / seconds;
     return 1e9;
 }
 
 } // namespace
 
-extern "C" unsigned long long nrt_clocks(void)
-{
+extern "C" unsigned long long nrt_clocks(void) {
 #if defined(__x86_64__) || defined(__i386__)
     return __rdtsc();
 #else
@@ -58,8 +54,7 @@ extern "C" unsigned long long nrt_clocks(void)
 #endif
 }
 
-extern "C" double nrt_seconds(void)
-{
+extern "C" double nrt_seconds(void) {
     // A guarded static rather than the runtime lock: threads that arrive during
     // the tenth of a second of calibration sleep instead of spinning.
     static const double rate = measureTickRate();

@@ -6,8 +6,7 @@
 
 namespace nrt::detail {
 
-bool cpuidAvailable() noexcept
-{
+bool cpuidAvailable() noexcept {
 #if defined(__x86_64__)
     return true;
 #elif defined(__i386__)
@@ -30,16 +29,13 @@ bool cpuidAvailable() noexcept
 #endif
 }
 
-CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) noexcept
-{
+CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) noexcept {
     CpuidRegisters r;
 #if defined(__x86_64__) || defined(__i386__)
-    if (!cpuidAvailable())
-        return r;
+    if (!cpuidAvailable()) return r;
     // __get_cpuid_count checks the highest leaf of the leaf's range first.
     unsigned a = 0, b = 0, c = 0, d = 0;
-    if (__get_cpuid_count(leaf, subleaf, &a, &b, &c, &d) != 0)
-        r = {a, b, c, d};
+    if (__get_cpuid_count(leaf, subleaf, &a, &b, &c, &d) != 0) r = {a, b, c, d};
 #else
     (void)leaf;
     (void)subleaf;
@@ -47,12 +43,10 @@ CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) noexcept
     return r;
 }
 
-std::uint64_t readXcr0() noexcept
-{
+std::uint64_t readXcr0() noexcept {
 #if defined(__x86_64__) || defined(__i386__)
     constexpr std::uint32_t osxsave = 1u << 27;
-    if ((cpuid(1).ecx & osxsave) == 0)
-        return 0;
+    if ((cpuid(1).ecx & osxsave) == 0) return 0;
     std::uint32_t lo = 0, hi = 0;
     // Encoded by hand so that no -mxsave is needed for this one file.
     __asm__ volatile(".byte 0x0f, 0x01, 0xd0" : "=a"(lo), "=d"(hi) : "c"(0));

@@ -30,11 +30,11 @@ namespace nrt::detail {
 namespace {
 
 struct Entry {
-    void* block = nullptr;                // owner only
-    std::size_t asked = 0;                // owner only
-    std::size_t systemSize = 0;           // owner only
-    std::atomic<void*> aligned{nullptr};  // read by foreign releases
-    std::atomic<bool> busy{false};        // cleared by foreign releases
+    void* block = nullptr;               // owner only
+    std::size_t asked = 0;               // owner only
+    std::size_t systemSize = 0;          // owner only
+    std::atomic<void*> aligned{nullptr}; // read by foreign releases
+    std::atomic<bool> busy{false};       // cleared by foreign releases
 };
 
 struct CacheRecord {
@@ -49,19 +49,17 @@ struct ThreadSlot {
 };
 
 struct FastState {
-    ThreadSlot slots[kThreadSlots];       // numbered from 1 by the index below
+    ThreadSlot slots[kThreadSlots]; // numbered from 1 by the index below
     std::atomic<int> used{0};
-    std::atomic<int> cachingOn{-1};       // -1 until the switch is read
+    std::atomic<int> cachingOn{-1}; // -1 until the switch is read
 };
 
-FastState& state() noexcept
-{
+FastState& state() noexcept {
     static FastState s;
     return s;
 }
 
-long currentThreadId() noexcept
-{
+long currentThreadId() noexcept {
     thread_local const long id = static_cast<long>(syscall(SYS_gettid));
     return id;
 }
@@ -70,22 +68,18 @@ long currentThreadId() noexcept
 // exit and marks the slot dead.
 struct SlotIndex {
     int number = 0;
-    ~SlotIndex()
-    {
-        if (number == 0)
-            return;
+    ~SlotIndex() {
+        if (number == 0) return;
         std::lock_guard guard(runtimeLock());
         state().slots[number - 1].dead.store(1, std::memory_order_relaxed);
     }
 };
 thread_local SlotIndex tlsSlot;
 
-bool cachingOn()
-{
+bool cachingOn() {
     FastState& s = state();
     int on = s.cachingOn.load(std::memory_order_acquire);
-    if (on >= 0)
-        return on != 0;
+    if (on >= 0) return on != 0;
     std::lock_guard guard(runtimeLock());
     on = s.cachingOn.load(std::memory_order_relaxed);
     if (on < 0) {
@@ -100,28 +94,23 @@ bool cachingOn()
     return on != 0;
 }
 
-CacheRecord* newRecord() noexcept
-{
+CacheRecord* newRecord() noexcept {
     void* memory = heapCalloc(1, sizeof(CacheRecord));
-    if (memory == nullptr)
-        return nullptr;
+    if (memory == nullptr) return nullptr;
     // Never destroyed: records live until the process ends, as their blocks do.
     return ::new (memory) CacheRecord;
 }
 
-bool allIdle(const CacheRecord& record) noexcept
-{
+bool allIdle(const CacheRecord& record) noexcept {
     const int count = record.count.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i)
-        if (record.entries[i].busy.load(std::memory_order_acquire))
-            return false;
+        if (record.entries[i].busy.load(std::memory_order_acquire)) return false;
     return true;
 }
 
 // Finds or makes the calling thread's cache record; null when no slot or no
 // record can be had.
-CacheRecord* threadRecord()
-{
+CacheRecord* threadRecord() {
     FastState& s = state();
     const long id = currentThreadId();
     if (tlsSlot.number != 0) {
@@ -152,11 +141,9 @@ CacheRecord* threadRecord()
             return record;
         }
     }
-    if (used >= kThreadSlots)
-        return nullptr;
+    if (used >= kThreadSlots) return nullptr;
     CacheRecord* record = newRecord();
-    if (record == nullptr)
-        return nullptr;
+    if (record == nullptr) return nullptr;
     ThreadSlot& slot = s.slots[used];
     slot.id.store(id, std::memory_order_relaxed);
     slot.dead.store(0, std::memory_order_relaxed);
@@ -166,17 +153,14 @@ CacheRecord* threadRecord()
     return record;
 }
 
-void* alignInside(void* block, std::size_t alignment) noexcept
-{
+void* alignInside(void* block, std::size_t alignment) noexcept {
     const auto b = reinterpret_cast<std::uintptr_t>(block);
     const std::uintptr_t mask = alignment - 1;
-    if ((b & mask) == 0)
-        return block;
+    if ((b & mask) == 0) return block;
     return reinterpret_cast<void*>((b - (b & mask)) + alignment);
 }
 
-void* handOut(Entry& entry, std::size_t size, std::size_t alignment) noexcept
-{
+void* handOut(Entry& entry, std::size_t size, std::size_t alignment) noexcept {
     entry.asked = size;
     void* p = alignInside(entry.block, alignment);
     entry.aligned.store(p, std::memory_order_release);
@@ -184,8 +168,7 @@ void* handOut(Entry& entry, std::size_t size, std::size_t alignment) noexcept
     return p;
 }
 
-bool releaseIn(CacheRecord& record, void* p) noexcept
-{
+bool releaseIn(CacheRecord& record, void* p) noexcept {
     const int count = record.count.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i) {
         Entry& entry = record.entries[i];
@@ -199,15 +182,12 @@ bool releaseIn(CacheRecord& record, void* p) noexcept
 
 } // namespace
 
-std::vector<CacheEntryView> currentThreadCache()
-{
+std::vector<CacheEntryView> currentThreadCache() {
     std::vector<CacheEntryView> view;
-    if (tlsSlot.number == 0)
-        return view;
+    if (tlsSlot.number == 0) return view;
     const CacheRecord* record =
         state().slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
-    if (record == nullptr)
-        return view;
+    if (record == nullptr) return view;
     const int count = record->count.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i) {
         const Entry& e = record->entries[i];
@@ -217,13 +197,10 @@ std::vector<CacheEntryView> currentThreadCache()
     return view;
 }
 
-void trimThreadCache()
-{
-    if (tlsSlot.number == 0)
-        return;
+void trimThreadCache() {
+    if (tlsSlot.number == 0) return;
     CacheRecord* record = state().slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
-    if (record == nullptr)
-        return;
+    if (record == nullptr) return;
     // Entries move, so no foreign release may scan meanwhile.
     std::lock_guard guard(runtimeLock());
     const int count = record->count.load(std::memory_order_relaxed);
@@ -255,13 +232,11 @@ void trimThreadCache()
     record->count.store(kept, std::memory_order_release);
 }
 
-int fastSlotsInUse() noexcept
-{
+int fastSlotsInUse() noexcept {
     return state().used.load(std::memory_order_relaxed);
 }
 
-bool fastCacheEnabled()
-{
+bool fastCacheEnabled() {
     return cachingOn();
 }
 
@@ -269,16 +244,12 @@ bool fastCacheEnabled()
 
 using namespace nrt::detail;
 
-extern "C" void* nrt_fast_malloc(size_t size, int alignment)
-{
-    if (size == 0)
-        return nullptr;
-    if (!cachingOn() || size > NRT_FAST_MM_LIMIT)
-        return heapMalloc(size);
+extern "C" void* nrt_fast_malloc(size_t size, int alignment) {
+    if (size == 0) return nullptr;
+    if (!cachingOn() || size > NRT_FAST_MM_LIMIT) return heapMalloc(size);
 
     CacheRecord* record = threadRecord();
-    if (record == nullptr)
-        return heapMalloc(size);
+    if (record == nullptr) return heapMalloc(size);
 
     const std::size_t a = effectiveAlignment(alignment);
     const std::size_t t = size + (a > 1 ? a : 0);
@@ -287,25 +258,20 @@ extern "C" void* nrt_fast_malloc(size_t size, int alignment)
     Entry* smaller = nullptr;
     for (int i = 0; i < count; ++i) {
         Entry& entry = record->entries[i];
-        if (entry.busy.load(std::memory_order_acquire))
-            continue;
-        if (entry.systemSize == t)
-            return handOut(entry, size, a);
+        if (entry.busy.load(std::memory_order_acquire)) continue;
+        if (entry.systemSize == t) return handOut(entry, size, a);
         if (entry.systemSize > t) {
-            if (bigger == nullptr)
-                bigger = &entry;
+            if (bigger == nullptr) bigger = &entry;
         } else if (smaller == nullptr) {
             smaller = &entry;
         }
     }
 
-    if (bigger != nullptr)
-        return handOut(*bigger, size, a);
+    if (bigger != nullptr) return handOut(*bigger, size, a);
 
     if (count < kCacheEntries) {
         void* block = heapMalloc(t);
-        if (block == nullptr)
-            return nullptr;
+        if (block == nullptr) return nullptr;
         Entry& entry = record->entries[count];
         entry.block = block;
         entry.systemSize = t;
@@ -332,10 +298,8 @@ extern "C" void* nrt_fast_malloc(size_t size, int alignment)
     return heapMalloc(size);
 }
 
-extern "C" void nrt_fast_free(void* p)
-{
-    if (p == nullptr)
-        return;
+extern "C" void nrt_fast_free(void* p) {
+    if (p == nullptr) return;
     if (!cachingOn()) {
         heapFree(p);
         return;
@@ -344,16 +308,14 @@ extern "C" void nrt_fast_free(void* p)
     FastState& s = state();
     if (tlsSlot.number != 0) {
         CacheRecord* own = s.slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
-        if (own != nullptr && releaseIn(*own, p))
-            return;
+        if (own != nullptr && releaseIn(*own, p)) return;
     }
     {
         std::lock_guard guard(runtimeLock());
         const int used = s.used.load(std::memory_order_relaxed);
         for (int i = 0; i < used; ++i) {
             CacheRecord* record = s.slots[i].cache.load(std::memory_order_relaxed);
-            if (record != nullptr && releaseIn(*record, p))
-                return;
+            if (record != nullptr && releaseIn(*record, p)) return;
         }
     }
     heapFree(p);

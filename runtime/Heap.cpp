@@ -16,38 +16,31 @@ struct HeapSlots {
     std::atomic<void (*)(void*)> free_fn{&std::free};
 };
 
-HeapSlots& slots() noexcept
-{
+HeapSlots& slots() noexcept {
     static HeapSlots s;
     return s;
 }
 
 } // namespace
 
-void* heapMalloc(std::size_t size) noexcept
-{
+void* heapMalloc(std::size_t size) noexcept {
     return slots().malloc_fn.load(std::memory_order_acquire)(size);
 }
 
-void* heapCalloc(std::size_t count, std::size_t size) noexcept
-{
+void* heapCalloc(std::size_t count, std::size_t size) noexcept {
     return slots().calloc_fn.load(std::memory_order_acquire)(count, size);
 }
 
-void* heapRealloc(void* p, std::size_t size) noexcept
-{
+void* heapRealloc(void* p, std::size_t size) noexcept {
     return slots().realloc_fn.load(std::memory_order_acquire)(p, size);
 }
 
-void heapFree(void* p) noexcept
-{
+void heapFree(void* p) noexcept {
     slots().free_fn.load(std::memory_order_acquire)(p);
 }
 
-std::size_t effectiveAlignment(int alignment) noexcept
-{
-    if (alignment < 4)
-        return 1;
+std::size_t effectiveAlignment(int alignment) noexcept {
+    if (alignment < 4) return 1;
     const auto a = static_cast<std::size_t>(alignment);
     return (a & (a - 1)) == 0 ? a : 64;
 }
@@ -56,8 +49,7 @@ std::size_t effectiveAlignment(int alignment) noexcept
 
 using namespace nrt::detail;
 
-extern "C" void nrt_set_heap_ops(const nrt_heap_ops* ops)
-{
+extern "C" void nrt_set_heap_ops(const nrt_heap_ops* ops) {
     HeapSlots& s = slots();
     const bool custom = ops != nullptr;
     s.malloc_fn.store(custom && ops->malloc_fn ? ops->malloc_fn : &std::malloc,
@@ -69,9 +61,9 @@ extern "C" void nrt_set_heap_ops(const nrt_heap_ops* ops)
     s.free_fn.store(custom && ops->free_fn ? ops->free_fn : &std::free, std::memory_order_release);
 }
 
-extern "C" nrt_heap_ops nrt_get_heap_ops(void)
-{
+extern "C" nrt_heap_ops nrt_get_heap_ops(void) {
     HeapSlots& s = slots();
-    return {s.malloc_fn.load(std::memory_order_acquire), s.calloc_fn.load(std::memory_order_acquire),
-            s.realloc_fn.load(std::memory_order_acquire), s.free_fn.load(std::memory_order_acquire)};
+    return {
+        s.malloc_fn.load(std::memory_order_acquire), s.calloc_fn.load(std::memory_order_acquire),
+        s.realloc_fn.load(std::memory_order_acquire), s.free_fn.load(std::memory_order_acquire)};
 }

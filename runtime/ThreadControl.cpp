@@ -20,50 +20,42 @@
 namespace nrt::detail {
 namespace {
 
-bool hasNonDigit(std::string_view text) noexcept
-{
+bool hasNonDigit(std::string_view text) noexcept {
     return std::any_of(text.begin(), text.end(), [](char c) { return c < '0' || c > '9'; });
 }
 
 // A thread-count variable: a garbled value means one thread, by design, so that
 // a typo cannot silently hand the library every core. Empty reads as 0.
-int threadCountValue(std::string_view text) noexcept
-{
+int threadCountValue(std::string_view text) noexcept {
     return hasNonDigit(text) ? 1 : digitsValue(text);
 }
 
-bool isOneOf(char c, std::string_view set) noexcept
-{
+bool isOneOf(char c, std::string_view set) noexcept {
     return set.find(c) != std::string_view::npos;
 }
 
 struct Record {
-    ThreadFields fields;               // published by env_pending
-    std::atomic<int> num_threads{-1};  // the one field that changes later
+    ThreadFields fields;              // published by env_pending
+    std::atomic<int> num_threads{-1}; // the one field that changes later
     std::atomic<int> env_pending{1};
     std::atomic<long long> domain_queries{0};
 };
 
-Record& record() noexcept
-{
+Record& record() noexcept {
     static Record r;
     return r;
 }
 
-void ensureInitialised()
-{
+void ensureInitialised() {
     Record& r = record();
-    if (r.env_pending.load(std::memory_order_acquire) == 0)
-        return;
+    if (r.env_pending.load(std::memory_order_acquire) == 0) return;
     std::lock_guard guard(runtimeLock());
-    if (r.env_pending.load(std::memory_order_relaxed) == 0)
-        return;
+    if (r.env_pending.load(std::memory_order_relaxed) == 0) return;
 
     ThreadFields f = r.fields;
     f.num_threads = r.num_threads.load(std::memory_order_relaxed);
-    applyThreadEnvironment(f, [](const char* name) {
-        return readEnvironment(name, kThreadVariableBuffer);
-    });
+    applyThreadEnvironment(
+        f, [](const char* name) { return readEnvironment(name, kThreadVariableBuffer); });
 
     const Topology topology = probeTopology();
     f.physical_cores = topology.physical_cores;
@@ -80,8 +72,7 @@ void ensureInitialised()
     r.env_pending.store(0, std::memory_order_release);
 }
 
-ThreadFields currentFields()
-{
+ThreadFields currentFields() {
     ensureInitialised();
     Record& r = record();
     ThreadFields f = r.fields;
@@ -91,8 +82,7 @@ ThreadFields currentFields()
 
 } // namespace
 
-void parseDomainList(ThreadFields& fields, std::string_view text)
-{
+void parseDomainList(ThreadFields& fields, std::string_view text) {
     constexpr std::string_view separators = " ,;:\"'";
     constexpr std::string_view keyEnd = "=\"' ";
     constexpr std::string_view valueEnd = " ,;:\"'";
@@ -106,16 +96,15 @@ void parseDomainList(ThreadFields& fields, std::string_view text)
         while (i < n && !isOneOf(text[i], keyEnd))
             ++i;
         const std::string_view key = text.substr(keyBegin, i - keyBegin);
-        if (key.empty())
-            return;
+        if (key.empty()) return;
         while (i < n && (text[i] == ' ' || text[i] == '='))
             ++i;
         const std::size_t valueBegin = i;
         while (i < n && !isOneOf(text[i], valueEnd))
             ++i;
         const std::string_view valueText = text.substr(valueBegin, i - valueBegin);
-        const int value = (valueText.empty() || hasNonDigit(valueText)) ? 1
-                                                                         : digitsValue(valueText);
+        const int value =
+            (valueText.empty() || hasNonDigit(valueText)) ? 1 : digitsValue(valueText);
 
         int* field = nullptr;
         if (key == "NRT_ALL")
@@ -126,21 +115,17 @@ void parseDomainList(ThreadFields& fields, std::string_view text)
             field = &fields.domain_fft;
         else if (key == "NRT_VEC")
             field = &fields.domain_vml;
-        if (field != nullptr && value >= 1 && *field < 0)
-            *field = value;
+        if (field != nullptr && value >= 1 && *field < 0) *field = value;
     }
 }
 
-void applyThreadEnvironment(ThreadFields& f, const EnvironmentLookup& lookup)
-{
+void applyThreadEnvironment(ThreadFields& f, const EnvironmentLookup& lookup) {
     if (const auto text = lookup("NRT_NUM_THREADS")) {
         const int value = threadCountValue(*text);
-        if (value >= 1 && f.num_threads < 0)
-            f.num_threads = value;
+        if (value >= 1 && f.num_threads < 0) f.num_threads = value;
     }
 
-    if (const auto text = lookup("NRT_DOMAIN_NUM_THREADS"))
-        parseDomainList(f, *text);
+    if (const auto text = lookup("NRT_DOMAIN_NUM_THREADS")) parseDomainList(f, *text);
 
     if (f.dynamic == -1) {
         f.dynamic = 1;
@@ -151,55 +136,53 @@ void applyThreadEnvironment(ThreadFields& f, const EnvironmentLookup& lookup)
                 v.remove_prefix(1);
             while (!v.empty() && isOneOf(v.back(), trim))
                 v.remove_suffix(1);
-            if (v == "FALSE" || v == "false")
-                f.dynamic = 0;
+            if (v == "FALSE" || v == "false") f.dynamic = 0;
         }
     }
 
     if (const auto text = lookup("OMP_NUM_THREADS")) {
         const int value = threadCountValue(*text);
-        if (value > 0)
-            f.omp_env_threads = value;
+        if (value > 0) f.omp_env_threads = value;
     }
 
     if (const auto text = lookup("NRT_MPI_PROCESSES_PER_NODE")) {
-        if (allDigits(*text) && digitsValue(*text) > 0)
-            f.mpi_per_node = digitsValue(*text);
+        if (allDigits(*text) && digitsValue(*text) > 0) f.mpi_per_node = digitsValue(*text);
     }
 
     f.mpi_thread_level = 0;
     if (const auto text = lookup("NRT_MPI_THREAD_LEVEL")) {
-        if (allDigits(*text) && digitsValue(*text) <= 3)
-            f.mpi_thread_level = digitsValue(*text);
+        if (allDigits(*text) && digitsValue(*text) <= 3) f.mpi_thread_level = digitsValue(*text);
     }
 }
 
 int decideThreadCount(const ThreadFields& f, int domain, bool inParallel,
-                      int ompMaxThreads) noexcept
-{
+                      int ompMaxThreads) noexcept {
     const bool dynamicOn = f.dynamic != 0;
-    if (dynamicOn && inParallel)
-        return 1;
+    if (dynamicOn && inParallel) return 1;
 
     int requested = -1;
     switch (domain) {
-    case NRT_DOMAIN_BLAS: requested = f.domain_blas; break;
-    case NRT_DOMAIN_FFT: requested = f.domain_fft; break;
-    case NRT_DOMAIN_VEC: requested = f.domain_vml; break;
-    default: break;
+    case NRT_DOMAIN_BLAS:
+        requested = f.domain_blas;
+        break;
+    case NRT_DOMAIN_FFT:
+        requested = f.domain_fft;
+        break;
+    case NRT_DOMAIN_VEC:
+        requested = f.domain_vml;
+        break;
+    default:
+        break;
     }
-    if (requested < 1)
-        requested = f.num_threads;
+    if (requested < 1) requested = f.num_threads;
     const bool explicitCount = requested >= 1;
     const int t = explicitCount ? requested : std::max(1, ompMaxThreads);
 
-    if (!dynamicOn)
-        return t;
+    if (!dynamicOn) return t;
 
     const int c = f.physical_cores >= 1 ? std::min(t, f.physical_cores) : t;
     if (f.dynamic_state == -1) {
-        if (f.mpi_per_node == -1 || explicitCount || f.omp_env_threads > 0)
-            return c;
+        if (f.mpi_per_node == -1 || explicitCount || f.omp_env_threads > 0) return c;
         if (f.mpi_thread_level > 0 && f.physical_cores / f.mpi_per_node > 1)
             return f.physical_cores / f.mpi_per_node;
         return 1;
@@ -207,13 +190,11 @@ int decideThreadCount(const ThreadFields& f, int domain, bool inParallel,
     return f.dynamic_state != 0 ? c : 1;
 }
 
-ThreadFields threadFieldsSnapshot()
-{
+ThreadFields threadFieldsSnapshot() {
     return currentFields();
 }
 
-long long domainQueryCount() noexcept
-{
+long long domainQueryCount() noexcept {
     return record().domain_queries.load(std::memory_order_relaxed);
 }
 
@@ -221,35 +202,29 @@ long long domainQueryCount() noexcept
 
 using namespace nrt::detail;
 
-extern "C" int nrt_get_max_threads(void)
-{
+extern "C" int nrt_get_max_threads(void) {
     return decideThreadCount(currentFields(), NRT_DOMAIN_ALL, omp_in_parallel() != 0,
                              omp_get_max_threads());
 }
 
-extern "C" int nrt_domain_get_max_threads(int domain)
-{
+extern "C" int nrt_domain_get_max_threads(int domain) {
     record().domain_queries.fetch_add(1, std::memory_order_relaxed);
     return decideThreadCount(currentFields(), domain, omp_in_parallel() != 0,
                              omp_get_max_threads());
 }
 
-extern "C" void nrt_set_num_threads(int n)
-{
-    if (n < 1)
-        return;
+extern "C" void nrt_set_num_threads(int n) {
+    if (n < 1) return;
     // Under the lock so that a setter racing with the first query is never
     // overwritten by the environment step's copy of the field.
     std::lock_guard guard(runtimeLock());
     record().num_threads.store(n, std::memory_order_relaxed);
 }
 
-extern "C" int nrt_get_dynamic(void)
-{
+extern "C" int nrt_get_dynamic(void) {
     return currentFields().dynamic;
 }
 
-extern "C" int nrt_physical_cores(void)
-{
+extern "C" int nrt_physical_cores(void) {
     return currentFields().physical_cores;
 }

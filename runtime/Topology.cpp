@@ -36,27 +36,21 @@ namespace {
 class CpuSet {
 public:
     explicit CpuSet(int count)
-        : count_(count), bytes_(CPU_ALLOC_SIZE(count)), set_(CPU_ALLOC(count), &freeSet)
-    {
-        if (set_)
-            CPU_ZERO_S(bytes_, set_.get());
+        : count_(count), bytes_(CPU_ALLOC_SIZE(count)), set_(CPU_ALLOC(count), &freeSet) {
+        if (set_) CPU_ZERO_S(bytes_, set_.get());
     }
     bool valid() const noexcept { return set_ != nullptr; }
     int count() const noexcept { return count_; }
     std::size_t bytes() const noexcept { return bytes_; }
     cpu_set_t* get() const noexcept { return set_.get(); }
     bool has(int cpu) const noexcept { return CPU_ISSET_S(cpu, bytes_, set_.get()); }
-    void add(int cpu) noexcept
-    {
-        if (cpu >= 0 && cpu < count_)
-            CPU_SET_S(cpu, bytes_, set_.get());
+    void add(int cpu) noexcept {
+        if (cpu >= 0 && cpu < count_) CPU_SET_S(cpu, bytes_, set_.get());
     }
-    std::vector<int> members() const
-    {
+    std::vector<int> members() const {
         std::vector<int> cpus;
         for (int cpu = 0; cpu < count_; ++cpu)
-            if (has(cpu))
-                cpus.push_back(cpu);
+            if (has(cpu)) cpus.push_back(cpu);
         return cpus;
     }
 
@@ -68,37 +62,30 @@ private:
     std::unique_ptr<cpu_set_t, void (*)(cpu_set_t*)> set_;
 };
 
-int configuredProcessors()
-{
+int configuredProcessors() {
     const long conf = sysconf(_SC_NPROCESSORS_CONF);
     return static_cast<int>(std::max(conf, 1L));
 }
 
 // The affinity of the process's main thread; the caller's own thread may have
 // been pinned by someone, which says nothing about the process.
-std::unique_ptr<CpuSet> processMask()
-{
+std::unique_ptr<CpuSet> processMask() {
     for (int count = std::max(configuredProcessors(), 1024); count <= (1 << 20); count *= 2) {
         auto set = std::make_unique<CpuSet>(count);
-        if (!set->valid())
-            return nullptr;
-        if (sched_getaffinity(getpid(), set->bytes(), set->get()) == 0)
-            return set;
-        if (errno != EINVAL)
-            return nullptr;
+        if (!set->valid()) return nullptr;
+        if (sched_getaffinity(getpid(), set->bytes(), set->get()) == 0) return set;
+        if (errno != EINVAL) return nullptr;
     }
     return nullptr;
 }
 
 // "0-3,8,10-11" as in /sys/devices/system/cpu/online.
-std::vector<int> parseCpuList(const std::string& text)
-{
+std::vector<int> parseCpuList(const std::string& text) {
     std::vector<int> cpus;
     std::stringstream stream(text);
     std::string range;
     while (std::getline(stream, range, ',')) {
-        if (range.empty() || range == "\n")
-            continue;
+        if (range.empty() || range == "\n") continue;
         try {
             const std::size_t dash = range.find('-');
             const int first = std::stoi(range.substr(0, dash));
@@ -112,14 +99,12 @@ std::vector<int> parseCpuList(const std::string& text)
     return cpus;
 }
 
-std::vector<int> onlineProcessors()
-{
+std::vector<int> onlineProcessors() {
     std::ifstream file("/sys/devices/system/cpu/online");
     std::string text;
     if (file && std::getline(file, text)) {
         std::vector<int> cpus = parseCpuList(text);
-        if (!cpus.empty())
-            return cpus;
+        if (!cpus.empty()) return cpus;
     }
     std::vector<int> cpus;
     const long online = std::max(sysconf(_SC_NPROCESSORS_ONLN), 1L);
@@ -128,14 +113,12 @@ std::vector<int> onlineProcessors()
     return cpus;
 }
 
-bool readSysfsId(int cpu, const char* name, int& value)
-{
+bool readSysfsId(int cpu, const char* name, int& value) {
     std::ifstream file("/sys/devices/system/cpu/cpu" + std::to_string(cpu) + "/topology/" + name);
     return static_cast<bool>(file >> value);
 }
 
-int bitWidth(unsigned count) noexcept
-{
+int bitWidth(unsigned count) noexcept {
     // Bits needed for ids 0 .. count-1.
     int width = 0;
     while ((1u << width) < count)
@@ -151,8 +134,7 @@ struct ApicLayout {
     int packageShift = 0; // bits below the package id
 };
 
-ApicLayout apicLayout()
-{
+ApicLayout apicLayout() {
     ApicLayout layout;
     // Extended topology leaf: sub-leaf 0 is the SMT level, 1 the core level.
     const CpuidRegisters level0 = cpuid(0xB, 0);
@@ -162,8 +144,7 @@ ApicLayout apicLayout()
         layout.packageShift = layout.threadBits;
         for (std::uint32_t sub = 1; sub < 8; ++sub) {
             const CpuidRegisters level = cpuid(0xB, sub);
-            if (((level.ecx >> 8) & 0xFF) == 0)
-                break;
+            if (((level.ecx >> 8) & 0xFF) == 0) break;
             layout.packageShift = static_cast<int>(level.eax & 0x1F);
         }
         return layout;
@@ -181,11 +162,9 @@ ApicLayout apicLayout()
 
 // Moves the calling thread onto each processor and asks it where it is. The
 // thread's own mask is restored before returning.
-std::vector<ProcessorPlace> probeWithCpuid(const std::vector<int>& cpus, int setCount)
-{
+std::vector<ProcessorPlace> probeWithCpuid(const std::vector<int>& cpus, int setCount) {
     std::vector<ProcessorPlace> places;
-    if (!cpuidAvailable())
-        return places;
+    if (!cpuidAvailable()) return places;
     CpuSet former(setCount);
     if (!former.valid() ||
         pthread_getaffinity_np(pthread_self(), former.bytes(), former.get()) != 0)
@@ -194,8 +173,7 @@ std::vector<ProcessorPlace> probeWithCpuid(const std::vector<int>& cpus, int set
     const ApicLayout layout = apicLayout();
     for (int cpu : cpus) {
         CpuSet one(setCount);
-        if (!one.valid())
-            break;
+        if (!one.valid()) break;
         one.add(cpu);
         if (pthread_setaffinity_np(pthread_self(), one.bytes(), one.get()) != 0)
             continue; // that processor cannot be visited; skip it
@@ -211,8 +189,7 @@ std::vector<ProcessorPlace> probeWithCpuid(const std::vector<int>& cpus, int set
 
 } // namespace
 
-Topology countTopology(std::span<const ProcessorPlace> visited)
-{
+Topology countTopology(std::span<const ProcessorPlace> visited) {
     std::set<std::pair<int, int>> cores;
     std::set<int> packages;
     for (const ProcessorPlace& place : visited) {
@@ -226,16 +203,13 @@ Topology countTopology(std::span<const ProcessorPlace> visited)
     return t;
 }
 
-Topology probeTopology()
-{
+Topology probeTopology() {
     const Topology confined; // one core, nothing else known
 
     const std::unique_ptr<CpuSet> mask = processMask();
-    if (!mask)
-        return confined;
+    if (!mask) return confined;
     const std::vector<int> online = onlineProcessors();
-    if (mask->members() != online)
-        return confined;
+    if (mask->members() != online) return confined;
 
     std::vector<ProcessorPlace> places;
     places.reserve(online.size());
@@ -248,8 +222,7 @@ Topology probeTopology()
         }
         places.push_back(place);
     }
-    if (places.empty())
-        return confined;
+    if (places.empty()) return confined;
     return countTopology(places);
 }
 

@@ -96,8 +96,8 @@ int nrt_image_dispatch_secondary(void);
  * an OpenMP parallel region runs the kernel on one thread; a call outside runs
  * it with nrt_domain_get_max_threads(NRT_DOMAIN_BLAS) threads.
  */
-void nrt_sgemm(char transa, char transb, int m, int n, int k, float alpha, const float* a,
-               int lda, const float* b, int ldb, float beta, float* c, int ldc);
+void nrt_sgemm(char transa, char transb, int m, int n, int k, float alpha, const float* a, int lda,
+               const float* b, int ldb, float beta, float* c, int ldc);
 void nrt_dgemm(char transa, char transb, int m, int n, int k, double alpha, const double* a,
                int lda, const double* b, int ldb, double beta, double* c, int ldc);
 void nrt_strsm(char side, char uplo, char transa, char diag, int m, int n, float alpha,
@@ -122,8 +122,8 @@ void nrt_ssyr(char uplo, int n, float alpha, const float* x, int incx, float* a,
 void nrt_dsyr(char uplo, int n, double alpha, const double* x, int incx, double* a, int lda);
 void nrt_sgemv(char trans, int m, int n, float alpha, const float* a, int lda, const float* x,
                int incx, float beta, float* y, int incy);
-void nrt_dgemv(char trans, int m, int n, double alpha, const double* a, int lda,
-               const double* x, int incx, double beta, double* y, int incy);
+void nrt_dgemv(char trans, int m, int n, double alpha, const double* a, int lda, const double* x,
+               int incx, double beta, double* y, int incy);
 void nrt_strsv(char uplo, char trans, char diag, int n, const float* a, int lda, float* x,
                int incx);
 void nrt_dtrsv(char uplo, char trans, char diag, int n, const double* a, int lda, double* x,

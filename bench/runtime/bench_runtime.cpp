@@ -38,8 +38,7 @@ struct Fast {
 std::atomic<unsigned> sink{0};
 
 template <typename Allocator>
-long long loop(std::size_t size, bool touch, double seconds)
-{
+long long loop(std::size_t size, bool touch, double seconds) {
     long long pairs = 0;
     unsigned acc = 0;
     const auto end = Clock::now() + std::chrono::duration<double>(seconds);
@@ -66,8 +65,7 @@ long long loop(std::size_t size, bool touch, double seconds)
 
 // Nanoseconds per pair, with `threads` threads each running the loop.
 template <typename Allocator>
-double measure(std::size_t size, bool touch, int threads, double seconds)
-{
+double measure(std::size_t size, bool touch, int threads, double seconds) {
     loop<Allocator>(size, touch, 0.02); // warm the cache and the heap
     std::atomic<long long> total{0};
     const auto start = Clock::now();
@@ -83,8 +81,7 @@ double measure(std::size_t size, bool touch, int threads, double seconds)
 
 } // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 0.25;
     std::printf("fast allocator vs malloc/free, same-size blocks, %.2f s per case\n", seconds);
     std::printf("%-8s %-7s %-6s %14s %14s %9s\n", "size", "threads", "mode", "malloc ns/pair",

@@ -14,8 +14,7 @@ namespace nrt::detail {
 
 class SpinLock {
 public:
-    void lock() noexcept
-    {
+    void lock() noexcept {
         int expected = 0;
         while (!word_.compare_exchange_weak(expected, 1, std::memory_order_acquire,
                                             std::memory_order_relaxed)) {
@@ -37,8 +36,7 @@ public:
 private:
     static constexpr int kSpinsBeforeYield = 64;
 
-    static void pause() noexcept
-    {
+    static void pause() noexcept {
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
 #endif

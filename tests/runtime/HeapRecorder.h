@@ -19,55 +19,45 @@ struct HeapLog {
     std::atomic<long> failAfter{-1}; // fail every allocation once this reaches 0
 };
 
-inline HeapLog& heapLog()
-{
+inline HeapLog& heapLog() {
     static HeapLog log;
     return log;
 }
 
-inline bool shouldFail()
-{
+inline bool shouldFail() {
     HeapLog& log = heapLog();
     long left = log.failAfter.load();
     while (left >= 0) {
-        if (left == 0)
-            return true;
-        if (log.failAfter.compare_exchange_weak(left, left - 1))
-            return false;
+        if (left == 0) return true;
+        if (log.failAfter.compare_exchange_weak(left, left - 1)) return false;
     }
     return false;
 }
 
-inline void* recordMalloc(std::size_t size)
-{
+inline void* recordMalloc(std::size_t size) {
     heapLog().mallocs++;
     heapLog().lastSize = size;
     return shouldFail() ? nullptr : std::malloc(size);
 }
-inline void* recordCalloc(std::size_t count, std::size_t size)
-{
+inline void* recordCalloc(std::size_t count, std::size_t size) {
     heapLog().callocs++;
     heapLog().lastSize = count * size;
     return shouldFail() ? nullptr : std::calloc(count, size);
 }
-inline void* recordRealloc(void* p, std::size_t size)
-{
+inline void* recordRealloc(void* p, std::size_t size) {
     heapLog().reallocs++;
     heapLog().lastSize = size;
     return shouldFail() ? nullptr : std::realloc(p, size);
 }
-inline void recordFree(void* p)
-{
-    if (p != nullptr)
-        heapLog().frees++;
+inline void recordFree(void* p) {
+    if (p != nullptr) heapLog().frees++;
     std::free(p);
 }
 
 // Installs the recording heap for the life of the object, with counters reset.
 class RecordingHeap {
 public:
-    RecordingHeap()
-    {
+    RecordingHeap() {
         HeapLog& log = heapLog();
         log.mallocs = 0;
         log.callocs = 0;

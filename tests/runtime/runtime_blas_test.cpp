@@ -18,8 +18,7 @@
 namespace {
 
 template <typename T>
-std::vector<T> randomVector(std::size_t n, unsigned seed)
-{
+std::vector<T> randomVector(std::size_t n, unsigned seed) {
     std::mt19937 engine(seed);
     std::uniform_real_distribution<double> dist(-1.0, 1.0);
     std::vector<T> v(n);
@@ -30,8 +29,7 @@ std::vector<T> randomVector(std::size_t n, unsigned seed)
 
 // Element (i, j) of op(A) for a column-major A with leading dimension ld.
 template <typename T>
-T opAt(const std::vector<T>& a, int ld, char trans, int i, int j)
-{
+T opAt(const std::vector<T>& a, int ld, char trans, int i, int j) {
     return trans == 'N' ? a[i + static_cast<std::size_t>(j) * ld]
                         : a[j + static_cast<std::size_t>(i) * ld];
 }
@@ -43,8 +41,7 @@ TYPED_TEST_SUITE(DenseKernels, Precisions);
 
 template <typename T>
 void gemmCall(char ta, char tb, int m, int n, int k, T alpha, const T* a, int lda, const T* b,
-              int ldb, T beta, T* c, int ldc)
-{
+              int ldb, T beta, T* c, int ldc) {
     if constexpr (std::is_same_v<T, float>)
         nrt_sgemm(ta, tb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
     else
@@ -52,13 +49,11 @@ void gemmCall(char ta, char tb, int m, int n, int k, T alpha, const T* a, int ld
 }
 
 template <typename T>
-T tolerance()
-{
+T tolerance() {
     return std::is_same_v<T, float> ? T(1e-4) : T(1e-12);
 }
 
-TYPED_TEST(DenseKernels, GemmMatchesLoopsForEveryTransposeWithPaddedLeadingDimensions)
-{
+TYPED_TEST(DenseKernels, GemmMatchesLoopsForEveryTransposeWithPaddedLeadingDimensions) {
     using T = TypeParam;
     const int m = 7, n = 5, k = 6;
     for (char ta : {'N', 'T'}) {
@@ -85,8 +80,7 @@ TYPED_TEST(DenseKernels, GemmMatchesLoopsForEveryTransposeWithPaddedLeadingDimen
     }
 }
 
-TYPED_TEST(DenseKernels, TrsmSolvesLowerLeftAndUpperRight)
-{
+TYPED_TEST(DenseKernels, TrsmSolvesLowerLeftAndUpperRight) {
     using T = TypeParam;
     const int m = 6, n = 4;
     auto tri = randomVector<T>(m * m, 4);
@@ -125,8 +119,7 @@ TYPED_TEST(DenseKernels, TrsmSolvesLowerLeftAndUpperRight)
         }
 }
 
-TYPED_TEST(DenseKernels, AmaxIsOneBasedAndTakesTheFirstOfEqualMagnitudes)
-{
+TYPED_TEST(DenseKernels, AmaxIsOneBasedAndTakesTheFirstOfEqualMagnitudes) {
     using T = TypeParam;
     const std::vector<T> x = {1, -7, 3, 7, 2, -7};
     auto amax = [](int n, const T* p, int inc) {
@@ -142,8 +135,7 @@ TYPED_TEST(DenseKernels, AmaxIsOneBasedAndTakesTheFirstOfEqualMagnitudes)
     EXPECT_EQ(amax(6, x.data(), 0), 0);
 }
 
-TYPED_TEST(DenseKernels, ScalGerSyrGemvTrsv)
-{
+TYPED_TEST(DenseKernels, ScalGerSyrGemvTrsv) {
     using T = TypeParam;
     const bool single = std::is_same_v<T, float>;
     std::vector<T> v = {1, 2, 3, 4};
@@ -194,8 +186,7 @@ TYPED_TEST(DenseKernels, ScalGerSyrGemvTrsv)
     EXPECT_EQ(rhs, (std::vector<T>{1, 2}));
 }
 
-TYPED_TEST(DenseKernels, SwapBelowTheSplitLengthNeverAsksForThreads)
-{
+TYPED_TEST(DenseKernels, SwapBelowTheSplitLengthNeverAsksForThreads) {
     using T = TypeParam;
     auto x = randomVector<T>(5000, 8), y = randomVector<T>(5000, 9);
     const auto x0 = x, y0 = y;
@@ -209,16 +200,15 @@ TYPED_TEST(DenseKernels, SwapBelowTheSplitLengthNeverAsksForThreads)
     EXPECT_EQ(y, x0);
 }
 
-TYPED_TEST(DenseKernels, LongSwapIsSplitCorrectlyForEveryStride)
-{
+TYPED_TEST(DenseKernels, LongSwapIsSplitCorrectlyForEveryStride) {
     using T = TypeParam;
     const int n = 20011; // not a multiple of the team size
     const bool splits = [] {
         const int s = nrt_cpu_subcode();
         return s == 32 || s == 33 || s == 64 || s == 66;
     }();
-    for (auto [incx, incy] : {std::pair{1, 1}, std::pair{2, 3}, std::pair{-1, 2},
-                              std::pair{-2, -1}}) {
+    for (auto [incx, incy] :
+         {std::pair{1, 1}, std::pair{2, 3}, std::pair{-1, 2}, std::pair{-2, -1}}) {
         const std::size_t lx = static_cast<std::size_t>(n) * std::abs(incx);
         const std::size_t ly = static_cast<std::size_t>(n) * std::abs(incy);
         auto x = randomVector<T>(lx, 10), y = randomVector<T>(ly, 11);
@@ -247,8 +237,7 @@ TYPED_TEST(DenseKernels, LongSwapIsSplitCorrectlyForEveryStride)
     }
 }
 
-TEST(DenseKernelParameters, BadArgumentsAreReportedAndChangeNothing)
-{
+TEST(DenseKernelParameters, BadArgumentsAreReportedAndChangeNothing) {
     std::vector<float> a(4, 1), b(4, 1), c(4, 7);
     ::testing::internal::CaptureStdout();
     nrt_sgemm('X', 'N', 2, 2, 2, 1, a.data(), 2, b.data(), 2, 0, c.data(), 2);
@@ -256,22 +245,18 @@ TEST(DenseKernelParameters, BadArgumentsAreReportedAndChangeNothing)
     nrt_strsm('L', 'Q', 'N', 'N', 2, 2, 1, a.data(), 2, b.data(), 2);
     nrt_sger(-1, 2, 1, a.data(), 1, b.data(), 1, c.data(), 2);
     const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("NRT ERROR: Parameter 1 was incorrect on entry to sgemm"),
-              std::string::npos)
+    EXPECT_NE(out.find("NRT ERROR: Parameter 1 was incorrect on entry to sgemm"), std::string::npos)
         << out;
-    EXPECT_NE(out.find("NRT ERROR: Parameter 8 was incorrect on entry to dgemm"),
-              std::string::npos)
+    EXPECT_NE(out.find("NRT ERROR: Parameter 8 was incorrect on entry to dgemm"), std::string::npos)
         << out;
-    EXPECT_NE(out.find("NRT ERROR: Parameter 2 was incorrect on entry to strsm"),
-              std::string::npos)
+    EXPECT_NE(out.find("NRT ERROR: Parameter 2 was incorrect on entry to strsm"), std::string::npos)
         << out;
     EXPECT_NE(out.find("NRT ERROR: Parameter 1 was incorrect on entry to sger"), std::string::npos)
         << out;
     EXPECT_EQ(c, std::vector<float>(4, 7));
 }
 
-TEST(DenseKernelThreads, OneThreadInsideARegionTheDomainCountOutside)
-{
+TEST(DenseKernelThreads, OneThreadInsideARegionTheDomainCountOutside) {
     std::vector<double> a(64 * 64, 1.0), c(64 * 64, 0.0);
     nrt_dgemm('N', 'N', 64, 64, 64, 1, a.data(), 64, a.data(), 64, 0, c.data(), 64);
     EXPECT_EQ(nrt::detail::blasThreadsInEffect(), nrt_domain_get_max_threads(NRT_DOMAIN_BLAS));

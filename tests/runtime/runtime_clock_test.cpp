@@ -11,8 +11,7 @@
 
 namespace {
 
-TEST(Clock, SecondsAgreeWithTheMonotonicClock)
-{
+TEST(Clock, SecondsAgreeWithTheMonotonicClock) {
     (void)nrt_seconds(); // calibration happens here, outside the measured span
     const auto wall0 = std::chrono::steady_clock::now();
     const double t0 = nrt_seconds();
@@ -25,8 +24,7 @@ TEST(Clock, SecondsAgreeWithTheMonotonicClock)
     EXPECT_NEAR((t1 - t0) / wall, 1.0, 0.05) << "clock " << t1 - t0 << " s, wall " << wall << " s";
 }
 
-TEST(Clock, NeverRunsBackwards)
-{
+TEST(Clock, NeverRunsBackwards) {
     std::vector<std::thread> pool;
     std::vector<int> backwards(2, 0);
     for (int t = 0; t < 2; ++t)

@@ -17,10 +17,11 @@ using namespace nrt::detail;
 
 namespace {
 
-constexpr std::uint32_t bit(int n) { return 1u << n; }
+constexpr std::uint32_t bit(int n) {
+    return 1u << n;
+}
 
-TEST(CpuClassification, TypeIsTheFirstLevelThatHolds)
-{
+TEST(CpuClassification, TypeIsTheFirstLevelThatHolds) {
     EXPECT_EQ(classifyType(0, 0), 0);
     EXPECT_EQ(classifyType(0, bit(25)), 0); // SSE alone is baseline
     EXPECT_EQ(classifyType(0, bit(26)), 2);
@@ -32,8 +33,7 @@ TEST(CpuClassification, TypeIsTheFirstLevelThatHolds)
     EXPECT_EQ(classifyType(bit(20), 0), 5);
 }
 
-TEST(CpuClassification, SubcodeFollowsAesAndSse41)
-{
+TEST(CpuClassification, SubcodeFollowsAesAndSse41) {
     EXPECT_EQ(classifySubcode(5, bit(20)), 64); // SSE4.2 without AES
     EXPECT_EQ(classifySubcode(5, bit(20) | bit(25)), 66);
     EXPECT_EQ(classifySubcode(4, bit(9)), 32);
@@ -43,8 +43,7 @@ TEST(CpuClassification, SubcodeFollowsAesAndSse41)
     EXPECT_EQ(classifySubcode(0, ~0u), 0);
 }
 
-TEST(CpuClassification, DebugRequests)
-{
+TEST(CpuClassification, DebugRequests) {
     EXPECT_EQ(parseTypeRequest("1"), 0);
     EXPECT_EQ(parseTypeRequest("0"), 0);
     EXPECT_EQ(parseTypeRequest("2"), 2);
@@ -63,26 +62,24 @@ TEST(CpuClassification, DebugRequests)
     EXPECT_EQ(parseSubcodeRequest("abc"), std::nullopt);
 }
 
-TEST(CpuFeatures, EachBitComesFromItsRegisterBit)
-{
+TEST(CpuFeatures, EachBitComesFromItsRegisterBit) {
     struct Bit {
         std::uint32_t ecx, edx;
         unsigned feature;
     };
     const Bit table[] = {
-        {0, bit(23), NRT_FEATURE_MMX},     {0, bit(25), NRT_FEATURE_SSE},
-        {0, bit(26), NRT_FEATURE_SSE2},    {bit(0), 0, NRT_FEATURE_SSE3},
-        {bit(9), 0, NRT_FEATURE_SSSE3},    {bit(22), 0, NRT_FEATURE_MOVBE},
-        {bit(19), 0, NRT_FEATURE_SSE41},   {bit(20), 0, NRT_FEATURE_SSE42},
-        {bit(28), 0, NRT_FEATURE_AVX},     {bit(25), 0, NRT_FEATURE_AES},
+        {0, bit(23), NRT_FEATURE_MMX},      {0, bit(25), NRT_FEATURE_SSE},
+        {0, bit(26), NRT_FEATURE_SSE2},     {bit(0), 0, NRT_FEATURE_SSE3},
+        {bit(9), 0, NRT_FEATURE_SSSE3},     {bit(22), 0, NRT_FEATURE_MOVBE},
+        {bit(19), 0, NRT_FEATURE_SSE41},    {bit(20), 0, NRT_FEATURE_SSE42},
+        {bit(28), 0, NRT_FEATURE_AVX},      {bit(25), 0, NRT_FEATURE_AES},
         {bit(1), 0, NRT_FEATURE_PCLMULQDQ},
     };
     for (const Bit& b : table)
         EXPECT_EQ(buildFeatureWord(b.ecx, b.edx, 0), b.feature) << b.feature;
 }
 
-TEST(CpuFeatures, AvxStateNeedsOsxsaveAvxAndBothRegisterStates)
-{
+TEST(CpuFeatures, AvxStateNeedsOsxsaveAvxAndBothRegisterStates) {
     const std::uint32_t avx = bit(28), osxsave = bit(27);
     EXPECT_EQ(buildFeatureWord(avx | osxsave, 0, 0x7) & NRT_FEATURE_AVX_OS, NRT_FEATURE_AVX_OS);
     EXPECT_EQ(buildFeatureWord(avx | osxsave, 0, 0x3) & NRT_FEATURE_AVX_OS, 0u); // no YMM state
@@ -91,8 +88,7 @@ TEST(CpuFeatures, AvxStateNeedsOsxsaveAvxAndBothRegisterStates)
     EXPECT_EQ(buildFeatureWord(~0u, ~0u, ~0ull) >> 32, 0u);
 }
 
-TEST(ImageDispatch, IndexAndSecondaryByFirstMatchingRow)
-{
+TEST(ImageDispatch, IndexAndSecondaryByFirstMatchingRow) {
     auto pick = [](unsigned features, bool os) {
         const ImageDispatch d = chooseImageDispatch(features, os);
         return std::make_pair(d.index, d.secondary);
@@ -109,8 +105,7 @@ TEST(ImageDispatch, IndexAndSecondaryByFirstMatchingRow)
     EXPECT_EQ(pick(0, true), std::make_pair(0, 0));
 }
 
-std::set<std::string> cpuinfoFlags()
-{
+std::set<std::string> cpuinfoFlags() {
     std::ifstream file("/proc/cpuinfo");
     std::string line;
     while (std::getline(file, line)) {
@@ -126,14 +121,12 @@ std::set<std::string> cpuinfoFlags()
     return {};
 }
 
-TEST(LiveDetection, AgreesWithTheKernelsView)
-{
+TEST(LiveDetection, AgreesWithTheKernelsView) {
 #if !defined(__x86_64__)
     GTEST_SKIP() << "x86-64 only";
 #endif
     const std::set<std::string> flags = cpuinfoFlags();
-    if (flags.empty())
-        GTEST_SKIP() << "no /proc/cpuinfo";
+    if (flags.empty()) GTEST_SKIP() << "no /proc/cpuinfo";
     const bool sse42 = flags.count("sse4_2") != 0, ssse3 = flags.count("ssse3") != 0;
     const int expected = sse42 ? 5 : ssse3 ? 4 : flags.count("pni") ? 3 : 2;
     EXPECT_EQ(nrt_cpu_detect(), expected);
@@ -151,15 +144,14 @@ TEST(LiveDetection, AgreesWithTheKernelsView)
     EXPECT_EQ((f & NRT_FEATURE_AVX_OS) != 0, flags.count("avx") != 0);
 }
 
-TEST(LiveDetection, FeatureMaskLowersTheImageIndex)
-{
+TEST(LiveDetection, FeatureMaskLowersTheImageIndex) {
     ASSERT_EQ(nrt_image_primitives_init(), 0);
     const int full = nrt_image_dispatch_index();
     EXPECT_EQ(full, chooseImageDispatch(nrt_cpu_features(), full == 5).index);
 
     nrt_set_feature_mask(NRT_FEATURE_SSE2 | NRT_FEATURE_SSE);
-    EXPECT_EQ(nrt_cpu_features() & ~static_cast<unsigned long long>(NRT_FEATURE_SSE2 |
-                                                                     NRT_FEATURE_SSE),
+    EXPECT_EQ(nrt_cpu_features() &
+                  ~static_cast<unsigned long long>(NRT_FEATURE_SSE2 | NRT_FEATURE_SSE),
               0u);
     ASSERT_EQ(nrt_image_primitives_init(), 0);
     EXPECT_EQ(nrt_image_dispatch_index(), 1);

@@ -28,8 +28,7 @@ namespace {
 using Variables = std::initializer_list<std::pair<const char*, std::string>>;
 
 // Clears every variable the runtime reads, then sets vars.
-void useEnvironment(Variables vars)
-{
+void useEnvironment(Variables vars) {
     for (const char* name :
          {"NRT_NUM_THREADS", "NRT_DOMAIN_NUM_THREADS", "NRT_DYNAMIC", "OMP_NUM_THREADS",
           "NRT_MPI_PROCESSES_PER_NODE", "NRT_MPI_THREAD_LEVEL", "NRT_DEBUG_CPU_TYPE",
@@ -43,17 +42,14 @@ void useEnvironment(Variables vars)
 class ChildChecks {
 public:
     template <typename A, typename B>
-    void eq(const A& actual, const B& expected, const char* what)
-    {
-        if (actual == expected)
-            return;
+    void eq(const A& actual, const B& expected, const char* what) {
+        if (actual == expected) return;
         std::ostringstream text;
         text << what << ": got " << actual << ", expected " << expected << '\n';
         std::fputs(text.str().c_str(), stderr);
         ++failures_;
     }
-    [[noreturn]] void finish()
-    {
+    [[noreturn]] void finish() {
         std::fflush(stdout);
         std::fflush(stderr);
         std::_Exit(failures_ == 0 ? 0 : 1);
@@ -63,24 +59,26 @@ private:
     int failures_ = 0;
 };
 
-#define IN_FRESH_PROCESS(variables, body)                                                    \
-    do {                                                                                     \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");                                      \
-        EXPECT_EXIT(                                                                         \
-            {                                                                                \
-                useEnvironment(variables);                                                   \
-                ChildChecks check;                                                           \
-                body;                                                                        \
-                check.finish();                                                              \
-            },                                                                               \
-            ::testing::ExitedWithCode(0), "");                                               \
+#define IN_FRESH_PROCESS(variables, body)                                                          \
+    do {                                                                                           \
+        GTEST_FLAG_SET(death_test_style, "threadsafe");                                            \
+        EXPECT_EXIT(                                                                               \
+            {                                                                                      \
+                useEnvironment(variables);                                                         \
+                ChildChecks check;                                                                 \
+                body;                                                                              \
+                check.finish();                                                                    \
+            },                                                                                     \
+            ::testing::ExitedWithCode(0), "");                                                     \
     } while (false)
 
 // Variables lists contain commas, which the preprocessor would split.
-#define VARS(...) Variables{__VA_ARGS__}
+#define VARS(...)                                                                                  \
+    Variables {                                                                                    \
+        __VA_ARGS__                                                                                \
+    }
 
-TEST(ThreadVariables, GarbledCountMeansOneThreadAndZeroIsIgnored)
-{
+TEST(ThreadVariables, GarbledCountMeansOneThreadAndZeroIsIgnored) {
     IN_FRESH_PROCESS(VARS({"NRT_NUM_THREADS", "abc"}, {"NRT_DYNAMIC", "false"}), {
         check.eq(nrt_get_max_threads(), 1, "threads");
         check.eq(nrt::detail::threadFieldsSnapshot().num_threads, 1, "num_threads");
@@ -91,8 +89,7 @@ TEST(ThreadVariables, GarbledCountMeansOneThreadAndZeroIsIgnored)
     });
 }
 
-TEST(ThreadVariables, DomainListDoesNotOverruleTheGeneralCount)
-{
+TEST(ThreadVariables, DomainListDoesNotOverruleTheGeneralCount) {
     IN_FRESH_PROCESS(VARS({"NRT_NUM_THREADS", "8"},
                           {"NRT_DOMAIN_NUM_THREADS", "NRT_ALL=4, NRT_BLAS=2"},
                           {"NRT_DYNAMIC", "false"}),
@@ -106,26 +103,22 @@ TEST(ThreadVariables, DomainListDoesNotOverruleTheGeneralCount)
                      });
 }
 
-TEST(ThreadVariables, OverlongValueCountsAsUnset)
-{
+TEST(ThreadVariables, OverlongValueCountsAsUnset) {
     const std::string longList = "NRT_BLAS=3" + std::string(300, ' ');
     IN_FRESH_PROCESS(VARS({"NRT_DOMAIN_NUM_THREADS", longList}), {
         check.eq(nrt::detail::threadFieldsSnapshot().domain_blas, -1, "domain_blas");
     });
 }
 
-TEST(ThreadVariables, DynamicOnlyExactFalseTurnsItOff)
-{
+TEST(ThreadVariables, DynamicOnlyExactFalseTurnsItOff) {
     for (const char* off : {"FALSE", "false"})
         IN_FRESH_PROCESS(VARS({"NRT_DYNAMIC", off}),
                          { check.eq(nrt_get_dynamic(), 0, "dynamic"); });
     for (const char* on : {"False", "0"})
-        IN_FRESH_PROCESS(VARS({"NRT_DYNAMIC", on}),
-                         { check.eq(nrt_get_dynamic(), 1, "dynamic"); });
+        IN_FRESH_PROCESS(VARS({"NRT_DYNAMIC", on}), { check.eq(nrt_get_dynamic(), 1, "dynamic"); });
 }
 
-TEST(ThreadVariables, InsideARegionDynamicOffGivesTheRequest)
-{
+TEST(ThreadVariables, InsideARegionDynamicOffGivesTheRequest) {
     IN_FRESH_PROCESS(VARS({"NRT_NUM_THREADS", "3"}, {"NRT_DYNAMIC", "false"}), {
         int inside = -1;
 #pragma omp parallel num_threads(2)
@@ -146,8 +139,7 @@ TEST(ThreadVariables, InsideARegionDynamicOffGivesTheRequest)
     });
 }
 
-TEST(ThreadVariables, SetterBeforeFirstUseWinsAndLaterSettersReplace)
-{
+TEST(ThreadVariables, SetterBeforeFirstUseWinsAndLaterSettersReplace) {
     IN_FRESH_PROCESS(VARS({"NRT_NUM_THREADS", "5"}, {"NRT_DYNAMIC", "false"}), {
         nrt_set_num_threads(3);
         check.eq(nrt_get_max_threads(), 3, "after early setter");
@@ -159,8 +151,7 @@ TEST(ThreadVariables, SetterBeforeFirstUseWinsAndLaterSettersReplace)
     });
 }
 
-TEST(ThreadVariables, EnvironmentIsReadOnce)
-{
+TEST(ThreadVariables, EnvironmentIsReadOnce) {
     IN_FRESH_PROCESS(VARS({"NRT_NUM_THREADS", "2"}, {"NRT_DYNAMIC", "false"}), {
         check.eq(nrt_get_max_threads(), 2, "first");
         setenv("NRT_NUM_THREADS", "6", 1);
@@ -170,8 +161,7 @@ TEST(ThreadVariables, EnvironmentIsReadOnce)
     });
 }
 
-TEST(ThreadVariables, MpiAndOpenMpValuesAreRecorded)
-{
+TEST(ThreadVariables, MpiAndOpenMpValuesAreRecorded) {
     IN_FRESH_PROCESS(VARS({"NRT_MPI_PROCESSES_PER_NODE", "4"}, {"NRT_MPI_THREAD_LEVEL", "2"},
                           {"OMP_NUM_THREADS", "3"}),
                      {
@@ -182,10 +172,8 @@ TEST(ThreadVariables, MpiAndOpenMpValuesAreRecorded)
                      });
 }
 
-TEST(Topology, RestrictedAffinityKeepsOneCore)
-{
-    if (omp_get_num_procs() < 2)
-        GTEST_SKIP() << "needs two processors to restrict the mask";
+TEST(Topology, RestrictedAffinityKeepsOneCore) {
+    if (omp_get_num_procs() < 2) GTEST_SKIP() << "needs two processors to restrict the mask";
     IN_FRESH_PROCESS(VARS(), {
         cpu_set_t one;
         CPU_ZERO(&one);
@@ -196,8 +184,7 @@ TEST(Topology, RestrictedAffinityKeepsOneCore)
     });
 }
 
-bool hasCpuFlag(const char* flag)
-{
+bool hasCpuFlag(const char* flag) {
     std::ifstream file("/proc/cpuinfo");
     std::string line;
     while (std::getline(file, line))
@@ -206,14 +193,12 @@ bool hasCpuFlag(const char* flag)
     return false;
 }
 
-TEST(CpuVariables, TypeRequests)
-{
+TEST(CpuVariables, TypeRequests) {
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "1"}), {
         check.eq(nrt_cpu_detect(), 0, "type");
         check.eq(nrt_cpu_subcode(), 0, "subcode");
     });
-    IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "0"}),
-                     { check.eq(nrt_cpu_detect(), 0, "type"); });
+    IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "0"}), { check.eq(nrt_cpu_detect(), 0, "type"); });
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "3"}), {
         check.eq(nrt_cpu_detect(), 3, "type");
         // The processor's own answer is kept apart from the request.
@@ -227,8 +212,7 @@ TEST(CpuVariables, TypeRequests)
     }
 }
 
-TEST(CpuVariables, SubcodeRequestActsOnTypeFiveOnly)
-{
+TEST(CpuVariables, SubcodeRequestActsOnTypeFiveOnly) {
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "5"}, {"NRT_DEBUG_CPU_MA", "66"}),
                      { check.eq(nrt_cpu_subcode(), 66, "subcode"); });
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "5"}, {"NRT_DEBUG_CPU_MA", "64"}),
@@ -241,8 +225,7 @@ TEST(CpuVariables, SubcodeRequestActsOnTypeFiveOnly)
                      { check.eq(nrt_cpu_subcode(), tableFour, "subcode"); });
 }
 
-TEST(MemoryVariables, AnyValueSwitchesTheCacheOff)
-{
+TEST(MemoryVariables, AnyValueSwitchesTheCacheOff) {
     const std::string overlong(100, 'y');
     const Variables cases[] = {VARS({"NRT_DISABLE_FAST_MM", ""}),
                                VARS({"NRT_DISABLE_FAST_MM", overlong}),

@@ -20,15 +20,13 @@ using nrt_test::RecordingHeap;
 
 namespace {
 
-bool alignedTo(const void* p, std::size_t a)
-{
+bool alignedTo(const void* p, std::size_t a) {
     return reinterpret_cast<std::uintptr_t>(p) % a == 0;
 }
 
 // Runs body on a new thread whose cache starts empty.
 template <typename Body>
-void onFreshThread(Body body)
-{
+void onFreshThread(Body body) {
     std::thread t([&body] {
         trimThreadCache();
         body();
@@ -38,23 +36,19 @@ void onFreshThread(Body body)
 }
 
 // Fills and checks a block, so that an overlapping or short block shows up.
-void fill(void* p, std::size_t size, unsigned char value)
-{
+void fill(void* p, std::size_t size, unsigned char value) {
     std::memset(p, value, size);
 }
-bool holds(const void* p, std::size_t size, unsigned char value)
-{
+bool holds(const void* p, std::size_t size, unsigned char value) {
     const auto* bytes = static_cast<const unsigned char*>(p);
     for (std::size_t i = 0; i < size; ++i)
-        if (bytes[i] != value)
-            return false;
+        if (bytes[i] != value) return false;
     return true;
 }
 
 // ---- Aligned allocator ----------------------------------------------------
 
-TEST(AlignedAllocator, SizeZeroGivesNullEverywhere)
-{
+TEST(AlignedAllocator, SizeZeroGivesNullEverywhere) {
     RecordingHeap heap;
     EXPECT_EQ(nrt_malloc(0, 64), nullptr);
     EXPECT_EQ(nrt_calloc(0, 8, 64), nullptr);
@@ -63,8 +57,7 @@ TEST(AlignedAllocator, SizeZeroGivesNullEverywhere)
     EXPECT_EQ(heap.log().mallocs + heap.log().callocs, 0);
 }
 
-TEST(AlignedAllocator, PowersOfTwoAreHonoured)
-{
+TEST(AlignedAllocator, PowersOfTwoAreHonoured) {
     for (int a : {4, 8, 16, 32, 64, 128, 256, 4096}) {
         std::vector<void*> blocks;
         for (std::size_t size : {1u, 7u, 100u, 4097u}) {
@@ -79,8 +72,7 @@ TEST(AlignedAllocator, PowersOfTwoAreHonoured)
     }
 }
 
-TEST(AlignedAllocator, SystemSizeGrowsByTheAlignmentOnly)
-{
+TEST(AlignedAllocator, SystemSizeGrowsByTheAlignmentOnly) {
     RecordingHeap heap;
     constexpr std::size_t size = 1000;
     auto askedFor = [&](int alignment) {
@@ -103,8 +95,7 @@ TEST(AlignedAllocator, SystemSizeGrowsByTheAlignmentOnly)
     EXPECT_EQ(askedFor(100), none + 64);
 }
 
-TEST(AlignedAllocator, OddAlignmentGivesSixtyFourAlignedBlocks)
-{
+TEST(AlignedAllocator, OddAlignmentGivesSixtyFourAlignedBlocks) {
     for (int i = 0; i < 32; ++i) {
         void* p = nrt_malloc(24 + i, 48);
         ASSERT_NE(p, nullptr);
@@ -113,8 +104,7 @@ TEST(AlignedAllocator, OddAlignmentGivesSixtyFourAlignedBlocks)
     }
 }
 
-TEST(AlignedAllocator, FreeReturnsTheSystemBlockOnce)
-{
+TEST(AlignedAllocator, FreeReturnsTheSystemBlockOnce) {
     RecordingHeap heap;
     void* p = nrt_malloc(333, 64);
     ASSERT_NE(p, nullptr);
@@ -125,8 +115,7 @@ TEST(AlignedAllocator, FreeReturnsTheSystemBlockOnce)
     EXPECT_EQ(heap.log().frees, 1);
 }
 
-TEST(AlignedAllocator, FailureOfTheSystemGivesNull)
-{
+TEST(AlignedAllocator, FailureOfTheSystemGivesNull) {
     RecordingHeap heap;
     heap.log().failAfter = 0;
     EXPECT_EQ(nrt_malloc(64, 64), nullptr);
@@ -134,8 +123,7 @@ TEST(AlignedAllocator, FailureOfTheSystemGivesNull)
     EXPECT_EQ(nrt_realloc(nullptr, 64, 64), nullptr);
 }
 
-TEST(AlignedAllocator, CallocZeroesOverDirtyMemoryAndRefusesOverflow)
-{
+TEST(AlignedAllocator, CallocZeroesOverDirtyMemoryAndRefusesOverflow) {
     // Dirty the heap so that a missing zero fill cannot pass by luck.
     for (int i = 0; i < 8; ++i) {
         void* dirty = nrt_malloc(4099, 32);
@@ -165,36 +153,30 @@ public:
     static void reset() { cursor() = 0; }
 
 private:
-    static unsigned char* arena()
-    {
+    static unsigned char* arena() {
         alignas(64) static unsigned char memory[1 << 20];
         return memory;
     }
-    static std::size_t& cursor()
-    {
+    static std::size_t& cursor() {
         static std::size_t c = 0;
         return c;
     }
-    static void* take(std::size_t size, void* old, std::size_t copy)
-    {
+    static void* take(std::size_t size, void* old, std::size_t copy) {
         // Each block starts 16 bytes further off a 64-byte boundary than the
         // last, so consecutive blocks never share a residue modulo 64.
         static int step = 0;
         step = (step + 1) % 4;
         std::size_t& c = cursor();
         c = (c + 63) / 64 * 64 + 16 * step;
-        if (c + size > (1u << 20))
-            return nullptr;
+        if (c + size > (1u << 20)) return nullptr;
         unsigned char* block = arena() + c;
-        if (old != nullptr)
-            std::memmove(block, old, copy);
+        if (old != nullptr) std::memmove(block, old, copy);
         c += size;
         return block;
     }
 };
 
-TEST(AlignedAllocator, ReallocKeepsContentsAndAlignmentWhenTheSystemMovesTheBlock)
-{
+TEST(AlignedAllocator, ReallocKeepsContentsAndAlignmentWhenTheSystemMovesTheBlock) {
     ArenaHeap::reset();
     const nrt_heap_ops arena{&ArenaHeap::malloc, nullptr, &ArenaHeap::realloc, &ArenaHeap::free};
     nrt_set_heap_ops(&arena);
@@ -225,8 +207,7 @@ TEST(AlignedAllocator, ReallocKeepsContentsAndAlignmentWhenTheSystemMovesTheBloc
     nrt_set_heap_ops(nullptr);
 }
 
-TEST(AlignedAllocator, ReallocOfNullAllocatesAndOfSizeZeroFrees)
-{
+TEST(AlignedAllocator, ReallocOfNullAllocatesAndOfSizeZeroFrees) {
     RecordingHeap heap;
     void* p = nrt_realloc(nullptr, 100, 64);
     ASSERT_NE(p, nullptr);
@@ -236,8 +217,7 @@ TEST(AlignedAllocator, ReallocOfNullAllocatesAndOfSizeZeroFrees)
     EXPECT_EQ(heap.log().frees, 1);
 }
 
-TEST(AlignedAllocator, FailedReallocLeavesTheOldBlockIntact)
-{
+TEST(AlignedAllocator, FailedReallocLeavesTheOldBlockIntact) {
     RecordingHeap heap;
     auto* p = static_cast<unsigned char*>(nrt_malloc(64, 16));
     ASSERT_NE(p, nullptr);
@@ -252,8 +232,7 @@ TEST(AlignedAllocator, FailedReallocLeavesTheOldBlockIntact)
 
 // ---- Fast allocator -------------------------------------------------------
 
-TEST(FastAllocator, RepeatedSizeIsServedFromTheCache)
-{
+TEST(FastAllocator, RepeatedSizeIsServedFromTheCache) {
     onFreshThread([] {
         RecordingHeap heap;
         void* first = nrt_fast_malloc(4096, 64);
@@ -275,8 +254,7 @@ TEST(FastAllocator, RepeatedSizeIsServedFromTheCache)
     });
 }
 
-TEST(FastAllocator, AlignmentRulesMatchTheAlignedAllocator)
-{
+TEST(FastAllocator, AlignmentRulesMatchTheAlignedAllocator) {
     onFreshThread([] {
         for (int a : {4, 16, 64, 256, 4096}) {
             void* p = nrt_fast_malloc(100, a);
@@ -301,8 +279,7 @@ TEST(FastAllocator, AlignmentRulesMatchTheAlignedAllocator)
     });
 }
 
-TEST(FastAllocator, TheLimitItselfIsCachedOneByteMoreIsNot)
-{
+TEST(FastAllocator, TheLimitItselfIsCachedOneByteMoreIsNot) {
     onFreshThread([] {
         RecordingHeap heap;
         void* atLimit = nrt_fast_malloc(NRT_FAST_MM_LIMIT, 64);
@@ -324,8 +301,7 @@ TEST(FastAllocator, TheLimitItselfIsCachedOneByteMoreIsNot)
     });
 }
 
-TEST(FastAllocator, SixthLiveBlockGoesToTheSystemAndBackToFree)
-{
+TEST(FastAllocator, SixthLiveBlockGoesToTheSystemAndBackToFree) {
     onFreshThread([] {
         RecordingHeap heap;
         std::vector<void*> live;
@@ -354,8 +330,7 @@ TEST(FastAllocator, SixthLiveBlockGoesToTheSystemAndBackToFree)
     });
 }
 
-TEST(FastAllocator, BiggerIdleBlockIsReusedAsItIs)
-{
+TEST(FastAllocator, BiggerIdleBlockIsReusedAsItIs) {
     onFreshThread([] {
         RecordingHeap heap;
         void* big = nrt_fast_malloc(8000, 64);
@@ -371,8 +346,7 @@ TEST(FastAllocator, BiggerIdleBlockIsReusedAsItIs)
     });
 }
 
-TEST(FastAllocator, FullCacheReplacesAnIdleSmallerBlock)
-{
+TEST(FastAllocator, FullCacheReplacesAnIdleSmallerBlock) {
     onFreshThread([] {
         RecordingHeap heap;
         std::vector<void*> blocks;
@@ -399,8 +373,7 @@ TEST(FastAllocator, FullCacheReplacesAnIdleSmallerBlock)
     });
 }
 
-TEST(FastAllocator, BlockReleasedOnAnotherThreadBecomesIdleInTheOwnersCache)
-{
+TEST(FastAllocator, BlockReleasedOnAnotherThreadBecomesIdleInTheOwnersCache) {
     RecordingHeap heap;
     onFreshThread([&heap] {
         void* p = nrt_fast_malloc(2048, 64);
@@ -421,8 +394,7 @@ TEST(FastAllocator, BlockReleasedOnAnotherThreadBecomesIdleInTheOwnersCache)
     });
 }
 
-TEST(FastAllocator, SystemFailureGivesNull)
-{
+TEST(FastAllocator, SystemFailureGivesNull) {
     onFreshThread([] {
         RecordingHeap heap;
         heap.log().failAfter = 0;
@@ -431,8 +403,7 @@ TEST(FastAllocator, SystemFailureGivesNull)
     });
 }
 
-TEST(FastAllocator, ShortLivedThreadsDoNotUseUpTheSlots)
-{
+TEST(FastAllocator, ShortLivedThreadsDoNotUseUpTheSlots) {
     onFreshThread([] { nrt_fast_free(nrt_fast_malloc(64, 64)); });
     const int before = nrt::detail::fastSlotsInUse();
     for (int i = 0; i < 50; ++i)

@@ -40,16 +40,13 @@ struct Block {
 
 class Exchange {
 public:
-    void put(const Block& b)
-    {
+    void put(const Block& b) {
         std::lock_guard guard(mutex_);
         blocks_.push_back(b);
     }
-    bool take(Block& b)
-    {
+    bool take(Block& b) {
         std::lock_guard guard(mutex_);
-        if (blocks_.empty())
-            return false;
+        if (blocks_.empty()) return false;
         b = blocks_.front();
         blocks_.pop_front();
         return true;
@@ -60,25 +57,21 @@ private:
     std::deque<Block> blocks_;
 };
 
-bool intact(const Block& b)
-{
+bool intact(const Block& b) {
     const auto* bytes = static_cast<const unsigned char*>(b.p);
     for (std::size_t i = 0; i < b.size; i += 61)
-        if (bytes[i] != b.stamp)
-            return false;
+        if (bytes[i] != b.stamp) return false;
     return bytes[b.size - 1] == b.stamp;
 }
 
-void release(const Block& b)
-{
+void release(const Block& b) {
     if (b.fast)
         nrt_fast_free(b.p);
     else
         nrt_free(b.p);
 }
 
-TEST(RuntimeStress, SixteenThreadsShareBlocksAcrossThreads)
-{
+TEST(RuntimeStress, SixteenThreadsShareBlocksAcrossThreads) {
     Exchange exchange;
     std::atomic<int> damaged{0}, misaligned{0}, nulls{0}, firstUseMismatch{0};
     std::atomic<int> busyLeft{0};
@@ -92,8 +85,7 @@ TEST(RuntimeStress, SixteenThreadsShareBlocksAcrossThreads)
         const int threads = nrt_get_max_threads();
         const int type = nrt_cpu_detect();
         const double t0 = nrt_seconds();
-        if (threads < 1 || type < 0 || type > 5 || nrt_seconds() < t0)
-            firstUseMismatch++;
+        if (threads < 1 || type < 0 || type > 5 || nrt_seconds() < t0) firstUseMismatch++;
 
         std::mt19937 engine(static_cast<unsigned>(id) * 7919u + 1);
         for (int round = 0; round < kRounds; ++round) {
@@ -111,17 +103,14 @@ TEST(RuntimeStress, SixteenThreadsShareBlocksAcrossThreads)
                 // Cached blocks honour the alignment; system ones (all five
                 // entries busy) carry only the system's 16 bytes.
                 const std::uintptr_t align = alignment < 4 ? 1 : std::min(alignment, 16);
-                if (reinterpret_cast<std::uintptr_t>(b.p) % align != 0)
-                    misaligned++;
+                if (reinterpret_cast<std::uintptr_t>(b.p) % align != 0) misaligned++;
                 std::memset(b.p, b.stamp, b.size);
                 exchange.put(b);
             }
             for (int k = 0; k < 3; ++k) {
                 Block b;
-                if (!exchange.take(b))
-                    break;
-                if (!intact(b))
-                    damaged++;
+                if (!exchange.take(b)) break;
+                if (!intact(b)) damaged++;
                 release(b);
             }
         }
@@ -129,15 +118,13 @@ TEST(RuntimeStress, SixteenThreadsShareBlocksAcrossThreads)
         if (id == 0) {
             Block b;
             while (exchange.take(b)) {
-                if (!intact(b))
-                    damaged++;
+                if (!intact(b)) damaged++;
                 release(b);
             }
         }
         drained.arrive_and_wait();
         for (const auto& entry : nrt::detail::currentThreadCache())
-            if (entry.busy)
-                busyLeft++;
+            if (entry.busy) busyLeft++;
     };
 
     std::vector<std::thread> pool;

@@ -18,20 +18,17 @@ using namespace nrt::detail;
 
 namespace {
 
-ThreadFields fromEnvironment(const std::map<std::string, std::string>& variables)
-{
+ThreadFields fromEnvironment(const std::map<std::string, std::string>& variables) {
     ThreadFields f;
     applyThreadEnvironment(f, [&variables](const char* name) -> std::optional<std::string> {
         const auto it = variables.find(name);
-        if (it == variables.end())
-            return std::nullopt;
+        if (it == variables.end()) return std::nullopt;
         return it->second;
     });
     return f;
 }
 
-TEST(ThreadEnvironment, NumThreadsGarbledMeansOneAndNonPositiveIsIgnored)
-{
+TEST(ThreadEnvironment, NumThreadsGarbledMeansOneAndNonPositiveIsIgnored) {
     EXPECT_EQ(fromEnvironment({{"NRT_NUM_THREADS", "abc"}}).num_threads, 1);
     EXPECT_EQ(fromEnvironment({{"NRT_NUM_THREADS", "4x"}}).num_threads, 1);
     EXPECT_EQ(fromEnvironment({{"NRT_NUM_THREADS", "-3"}}).num_threads, 1); // '-' is no digit
@@ -41,16 +38,13 @@ TEST(ThreadEnvironment, NumThreadsGarbledMeansOneAndNonPositiveIsIgnored)
     EXPECT_EQ(fromEnvironment({{"NRT_NUM_THREADS", "99999999999999"}}).num_threads, INT_MAX);
 }
 
-TEST(ThreadEnvironment, EarlierValuesAreNeverOverruled)
-{
+TEST(ThreadEnvironment, EarlierValuesAreNeverOverruled) {
     // A setter called before the first query has left num_threads at 3.
     ThreadFields f;
     f.num_threads = 3;
     applyThreadEnvironment(f, [](const char* name) -> std::optional<std::string> {
-        if (std::string(name) == "NRT_NUM_THREADS")
-            return "8";
-        if (std::string(name) == "NRT_DOMAIN_NUM_THREADS")
-            return "NRT_ALL=6";
+        if (std::string(name) == "NRT_NUM_THREADS") return "8";
+        if (std::string(name) == "NRT_DOMAIN_NUM_THREADS") return "NRT_ALL=6";
         return std::nullopt;
     });
     EXPECT_EQ(f.num_threads, 3);
@@ -61,8 +55,7 @@ TEST(ThreadEnvironment, EarlierValuesAreNeverOverruled)
     EXPECT_EQ(g.domain_blas, 2);
 }
 
-TEST(ThreadEnvironment, DomainListSeparatorsQuotesAndBadValues)
-{
+TEST(ThreadEnvironment, DomainListSeparatorsQuotesAndBadValues) {
     struct Case {
         const char* text;
         int all, blas, fft, vec;
@@ -71,7 +64,7 @@ TEST(ThreadEnvironment, DomainListSeparatorsQuotesAndBadValues)
         {"NRT_ALL=4,NRT_BLAS=2", 4, 2, -1, -1},
         {"  NRT_FFT = 3 ; NRT_VEC=5", -1, -1, 3, 5},
         {"'NRT_BLAS'=7", -1, 1, -1, -1},         // quote ends the key, empty value: 1
-        {"\"NRT_BLAS=7\"", -1, 7, -1, -1},        // quotes round the pair are skipped
+        {"\"NRT_BLAS=7\"", -1, 7, -1, -1},       // quotes round the pair are skipped
         {"NRT_BLAS=x2 NRT_FFT=", -1, 1, 1, -1},  // non-digit or empty value: 1
         {"NRT_BLAS=0,NRT_FFT=2", -1, -1, 2, -1}, // zero is ignored
         {"NRT_UNKNOWN=5:NRT_VEC=6", -1, -1, -1, 6},
@@ -91,8 +84,7 @@ TEST(ThreadEnvironment, DomainListSeparatorsQuotesAndBadValues)
     }
 }
 
-TEST(ThreadEnvironment, DynamicIsOffOnlyForExactFalse)
-{
+TEST(ThreadEnvironment, DynamicIsOffOnlyForExactFalse) {
     EXPECT_EQ(fromEnvironment({}).dynamic, 1);
     EXPECT_EQ(fromEnvironment({{"NRT_DYNAMIC", "FALSE"}}).dynamic, 0);
     EXPECT_EQ(fromEnvironment({{"NRT_DYNAMIC", "false"}}).dynamic, 0);
@@ -104,8 +96,7 @@ TEST(ThreadEnvironment, DynamicIsOffOnlyForExactFalse)
     EXPECT_EQ(fromEnvironment({{"NRT_DYNAMIC", ""}}).dynamic, 1);
 }
 
-TEST(ThreadEnvironment, OpenMpAndMpiVariables)
-{
+TEST(ThreadEnvironment, OpenMpAndMpiVariables) {
     EXPECT_EQ(fromEnvironment({{"OMP_NUM_THREADS", "6"}}).omp_env_threads, 6);
     EXPECT_EQ(fromEnvironment({{"OMP_NUM_THREADS", "4,2"}}).omp_env_threads, 1);
     EXPECT_EQ(fromEnvironment({{"OMP_NUM_THREADS", "0"}}).omp_env_threads, -1);
@@ -121,8 +112,7 @@ TEST(ThreadEnvironment, OpenMpAndMpiVariables)
 }
 
 // A record as the environment step would leave it on a machine of `cores`.
-ThreadFields machine(int cores)
-{
+ThreadFields machine(int cores) {
     ThreadFields f;
     f.dynamic = 1;
     f.mpi_thread_level = 0;
@@ -131,8 +121,7 @@ ThreadFields machine(int cores)
     return f;
 }
 
-TEST(ThreadDecision, DynamicCapsAtCoresAndGivesOneInsideARegion)
-{
+TEST(ThreadDecision, DynamicCapsAtCoresAndGivesOneInsideARegion) {
     ThreadFields f = machine(4);
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 8), 4);
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 2), 2);
@@ -147,8 +136,7 @@ TEST(ThreadDecision, DynamicCapsAtCoresAndGivesOneInsideARegion)
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, true, 3), 3);
 }
 
-TEST(ThreadDecision, DomainFieldThenGeneralFieldThenOpenMp)
-{
+TEST(ThreadDecision, DomainFieldThenGeneralFieldThenOpenMp) {
     ThreadFields f = machine(64);
     f.dynamic = 0;
     f.domain_blas = 2;
@@ -165,8 +153,7 @@ TEST(ThreadDecision, DomainFieldThenGeneralFieldThenOpenMp)
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_VEC, true, 7), 1);
 }
 
-TEST(ThreadDecision, MpiProcessesShareTheCores)
-{
+TEST(ThreadDecision, MpiProcessesShareTheCores) {
     ThreadFields f = machine(16);
     f.mpi_per_node = 4;
     // Not explicit, no OMP_NUM_THREADS, no thread level: one thread per process.
@@ -182,8 +169,7 @@ TEST(ThreadDecision, MpiProcessesShareTheCores)
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 16), 6);
 }
 
-TEST(ThreadDecision, RecordedDynamicState)
-{
+TEST(ThreadDecision, RecordedDynamicState) {
     ThreadFields f = machine(8);
     f.mpi_per_node = 2;
     f.dynamic_state = 1;
@@ -192,8 +178,7 @@ TEST(ThreadDecision, RecordedDynamicState)
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 12), 1);
 }
 
-TEST(Topology, DistinctCoresAndPackagesAreCounted)
-{
+TEST(Topology, DistinctCoresAndPackagesAreCounted) {
     // Two packages of two cores with two hardware threads each.
     const std::vector<ProcessorPlace> smt = {{0, 0}, {0, 0}, {0, 1}, {0, 1},
                                              {1, 0}, {1, 0}, {1, 1}, {1, 1}};
@@ -215,8 +200,7 @@ TEST(Topology, DistinctCoresAndPackagesAreCounted)
     EXPECT_EQ(t.physical_cores, 1);
 }
 
-TEST(LiveThreadCount, ProbeAndAnswersAgreeWithThisMachine)
-{
+TEST(LiveThreadCount, ProbeAndAnswersAgreeWithThisMachine) {
     const ThreadFields f = threadFieldsSnapshot();
     EXPECT_EQ(f.env_pending, 0);
     EXPECT_GE(f.physical_cores, 1);
@@ -231,14 +215,11 @@ TEST(LiveThreadCount, ProbeAndAnswersAgreeWithThisMachine)
     EXPECT_EQ(outside, decideThreadCount(f, NRT_DOMAIN_ALL, false, omp_get_max_threads()));
 }
 
-TEST(LiveThreadCount, InsideAParallelRegionDynamicGivesOne)
-{
+TEST(LiveThreadCount, InsideAParallelRegionDynamicGivesOne) {
     ASSERT_EQ(nrt_get_dynamic(), 1) << "run without NRT_DYNAMIC";
     std::vector<int> answers(2, -1);
 #pragma omp parallel num_threads(2)
-    {
-        answers[omp_get_thread_num()] = nrt_get_max_threads();
-    }
+    { answers[omp_get_thread_num()] = nrt_get_max_threads(); }
     for (int a : answers)
         EXPECT_EQ(a, 1);
 }

@@ -64,17 +64,32 @@ long currentThreadId() noexcept {
     return id;
 }
 
+// The calling thread's record, once it has one. A trivial thread_local, unlike
+// the slot index below, is reached without an initialisation check: this is
+// the pointer the hot path reads.
+thread_local CacheRecord* ownRecord = nullptr;
+
 // The calling thread's slot number, 0 for none; its destructor runs at thread
 // exit and marks the slot dead.
 struct SlotIndex {
     int number = 0;
     ~SlotIndex() {
         if (number == 0) return;
+        // A destructor of another thread_local object may still allocate:
+        // from here on it must not touch the record, which a new thread can
+        // adopt as soon as the slot is marked dead.
+        ownRecord = nullptr;
         std::lock_guard guard(runtimeLock());
         state().slots[number - 1].dead.store(1, std::memory_order_relaxed);
     }
 };
 thread_local SlotIndex tlsSlot;
+
+CacheRecord* adopt(int number, CacheRecord* record) noexcept {
+    tlsSlot.number = number;
+    ownRecord = record;
+    return record;
+}
 
 bool cachingOn() {
     FastState& s = state();
@@ -111,23 +126,19 @@ bool allIdle(const CacheRecord& record) noexcept {
 // Finds or makes the calling thread's cache record; null when no slot or no
 // record can be had.
 CacheRecord* threadRecord() {
+    // The record pointer is this thread's own: a slot changes hands only after
+    // its thread has ended, so no id test is needed on this path.
+    if (ownRecord != nullptr) return ownRecord;
+
     FastState& s = state();
     const long id = currentThreadId();
-    if (tlsSlot.number != 0) {
-        ThreadSlot& slot = s.slots[tlsSlot.number - 1];
-        if (slot.id.load(std::memory_order_relaxed) == id &&
-            slot.dead.load(std::memory_order_relaxed) == 0)
-            return slot.cache.load(std::memory_order_relaxed);
-    }
-
     std::lock_guard guard(runtimeLock());
     const int used = s.used.load(std::memory_order_relaxed);
     for (int i = used; i >= 1; --i) {
         ThreadSlot& slot = s.slots[i - 1];
         if (slot.id.load(std::memory_order_relaxed) == id &&
             slot.dead.load(std::memory_order_relaxed) == 0) {
-            tlsSlot.number = i;
-            return slot.cache.load(std::memory_order_relaxed);
+            return adopt(i, slot.cache.load(std::memory_order_relaxed));
         }
     }
     for (int i = 1; i <= used; ++i) {
@@ -137,8 +148,7 @@ CacheRecord* threadRecord() {
             allIdle(*record)) {
             slot.id.store(id, std::memory_order_relaxed);
             slot.dead.store(0, std::memory_order_relaxed);
-            tlsSlot.number = i;
-            return record;
+            return adopt(i, record);
         }
     }
     if (used >= kThreadSlots) return nullptr;
@@ -149,8 +159,7 @@ CacheRecord* threadRecord() {
     slot.dead.store(0, std::memory_order_relaxed);
     slot.cache.store(record, std::memory_order_relaxed);
     s.used.store(used + 1, std::memory_order_relaxed);
-    tlsSlot.number = used + 1;
-    return record;
+    return adopt(used + 1, record);
 }
 
 void* alignInside(void* block, std::size_t alignment) noexcept {
@@ -184,9 +193,7 @@ bool releaseIn(CacheRecord& record, void* p) noexcept {
 
 std::vector<CacheEntryView> currentThreadCache() {
     std::vector<CacheEntryView> view;
-    if (tlsSlot.number == 0) return view;
-    const CacheRecord* record =
-        state().slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
+    const CacheRecord* record = ownRecord;
     if (record == nullptr) return view;
     const int count = record->count.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i) {
@@ -198,8 +205,7 @@ std::vector<CacheEntryView> currentThreadCache() {
 }
 
 void trimThreadCache() {
-    if (tlsSlot.number == 0) return;
-    CacheRecord* record = state().slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
+    CacheRecord* record = ownRecord;
     if (record == nullptr) return;
     // Entries move, so no foreign release may scan meanwhile.
     std::lock_guard guard(runtimeLock());
@@ -306,10 +312,7 @@ extern "C" void nrt_fast_free(void* p) {
     }
 
     FastState& s = state();
-    if (tlsSlot.number != 0) {
-        CacheRecord* own = s.slots[tlsSlot.number - 1].cache.load(std::memory_order_relaxed);
-        if (own != nullptr && releaseIn(*own, p)) return;
-    }
+    if (ownRecord != nullptr && releaseIn(*ownRecord, p)) return;
     {
         std::lock_guard guard(runtimeLock());
         const int used = s.used.load(std::memory_order_relaxed);

@@ -31,7 +31,9 @@ inline std::string dataFile(const std::string& name) {
     return std::string(SKYRINSE_TEST_DATA) + "/" + name;
 }
 
+// The bytes of a file; empty for a folder or a missing file.
 inline std::vector<std::uint8_t> readBytes(const std::string& path) {
+    if (!QFileInfo(QString::fromStdString(path)).isFile()) return {};
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }

@@ -203,7 +203,7 @@ Topology countTopology(std::span<const ProcessorPlace> visited) {
     return t;
 }
 
-Topology probeTopology() {
+Topology probeTopology(TopologySource source) {
     const Topology confined; // one core, nothing else known
 
     const std::unique_ptr<CpuSet> mask = processMask();
@@ -215,7 +215,8 @@ Topology probeTopology() {
     places.reserve(online.size());
     for (int cpu : online) {
         ProcessorPlace place;
-        if (!readSysfsId(cpu, "physical_package_id", place.package) ||
+        if (source == TopologySource::Processor ||
+            !readSysfsId(cpu, "physical_package_id", place.package) ||
             !readSysfsId(cpu, "core_id", place.core)) {
             places = probeWithCpuid(online, mask->count());
             break;

@@ -65,9 +65,14 @@ struct ProcessorPlace {
 // Counts distinct cores and packages among the visited processors.
 Topology countTopology(std::span<const ProcessorPlace> visited);
 
+// Where the probe learns each processor's place: the kernel's sysfs view
+// (falling back to the processor where it is missing), or the processor's
+// own APIC ids only.
+enum class TopologySource { Sysfs, Processor };
+
 // Runs the probe for this process: 1 core when the affinity mask is a strict
 // subset of the online processors, otherwise the distinct cores among them.
-Topology probeTopology();
+Topology probeTopology(TopologySource source = TopologySource::Sysfs);
 
 // The record as it is now, environment step included. For tests and reports.
 ThreadFields threadFieldsSnapshot();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <omp.h>
+#include <sched.h>
 
 using namespace nrt::detail;
 
@@ -198,6 +199,24 @@ TEST(Topology, DistinctCoresAndPackagesAreCounted) {
 
     t = countTopology({});
     EXPECT_EQ(t.physical_cores, 1);
+}
+
+TEST(Topology, ProcessorIdsAgreeWithTheKernelsView) {
+#if !defined(__x86_64__)
+    GTEST_SKIP() << "x86-64 only";
+#endif
+    // The APIC walk is the fallback for systems without sysfs; on this one
+    // both must find the same cores, and the walk must leave the thread's
+    // affinity as it was.
+    cpu_set_t before, after;
+    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+    const Topology kernel = probeTopology(TopologySource::Sysfs);
+    const Topology processor = probeTopology(TopologySource::Processor);
+    ASSERT_EQ(sched_getaffinity(0, sizeof after, &after), 0);
+    EXPECT_TRUE(CPU_EQUAL(&before, &after));
+    EXPECT_EQ(processor.physical_cores, kernel.physical_cores);
+    EXPECT_EQ(processor.logical_cpus, kernel.logical_cpus);
+    EXPECT_EQ(processor.packages, kernel.packages);
 }
 
 TEST(LiveThreadCount, ProbeAndAnswersAgreeWithThisMachine) {

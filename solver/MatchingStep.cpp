@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-namespace spds {
+namespace skyrinse::spds {
 
 namespace {
 
@@ -117,4 +117,4 @@ MatchingOutcome runMatchingStep(const MatchingRequest& rq, IntBlock& permutation
     }
 }
 
-} // namespace spds
+} // namespace skyrinse::spds

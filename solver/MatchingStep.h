@@ -30,7 +30,7 @@
 #include "SymmetricPairOrder.h"
 #include "internal/Memory.h"
 
-namespace spds {
+namespace skyrinse::spds {
 
 inline constexpr int kGuardMessage = 773;
 
@@ -61,4 +61,4 @@ MatchingOutcome runMatchingStep(const MatchingRequest& request, IntBlock& permut
                                 Block<double>& scalings, const CompressedOrderer& order,
                                 MemoryCounter* counter = nullptr);
 
-} // namespace spds
+} // namespace skyrinse::spds

@@ -1,31 +1,26 @@
-// Structure check of the caller's matrix, asked for by iparm[26].
+// Structure check of the caller's one-based CSR arrays (codes 21 to 24).
 //
-// Reads the one-based compressed rows ia (n+1 words) and ja (ia[n]-1 words)
-// and nothing else; writes only iparm[26] and iparm[30..32]. Four tests run
-// in order, and the first one that finds a fault decides the code:
-//
-//   21  ia[0] != 1, or a row start not above the previous one (empty rows
-//       included): records (i, ia[i-1], ia[i]);
-//   22  a column index outside 1..n: records (position, index, n);
-//   23  symmetric types (|mtype| even): a row whose first column lies left of
-//       the diagonal: records (row, ia[row-1], that column);
-//   24  columns of a row not strictly increasing: records (position,
-//       ja[position-1], ja[position]).
-//
-// Each test looks at every row before it gives up, so iparm[30..32] hold the
-// last fault it found, not the first. When all four pass, iparm[26] is
-// cleared, which is why a setting is checked only once: the next call with
-// the same iparm skips the check.
+// Reads ia[0..n] and, once ia is known to be increasing from 1, ja[0..nnz-1];
+// it never reads further than the arrays' own description allows. Every row
+// is tested before a code is returned, so `where` holds the last find of the
+// failing test, not the first. Tests, in order (the first that fails gives
+// the code):
+//   21  ia[0] = 1 and ia strictly increasing: where = (i, ia[i-1], ia[i])
+//   22  every column in 1..n:                 where = (k, ja[k-1], n)
+//   23  symmetric storage only, first column of row i at least i:
+//                                             where = (i, ia[i-1], that column)
+//   24  columns strictly increasing in a row: where = (k, ja[k-1], ja[k])
 #pragma once
 
-namespace spds {
+namespace skyrinse::spds {
 
-inline constexpr int kCheckRowStarts = 21;
-inline constexpr int kCheckColumnRange = 22;
-inline constexpr int kCheckLowerEntry = 23;
-inline constexpr int kCheckColumnOrder = 24;
+enum MatrixCheckScope {
+    kCheckBoundsOnly, // 21 and 22: what reading the arrays safely needs
+    kCheckAll         // 21 to 24
+};
 
-// Runs the check when iparm[26] != 0. Returns 0, or the code 21 to 24.
-int checkMatrixStructure(int mtype, int n, const int* ia, const int* ja, int* iparm);
+// Returns 0 or the code; `where` (three ints) receives the last find.
+int checkMatrix(int n, const int* ia, const int* ja, bool symmetricStorage, MatrixCheckScope scope,
+                int* where);
 
-} // namespace spds
+} // namespace skyrinse::spds

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstddef>
 
-namespace spds {
+namespace skyrinse::spds {
 
 bool scalesSymmetrically(int mtype) {
     return mtype == -4 || mtype == -2 || mtype == 6;
@@ -40,4 +40,4 @@ template void buildScaling<double>(int, int, std::span<const int>, std::span<con
                                    std::span<const double>, std::span<int>, std::span<double>,
                                    std::span<double>);
 
-} // namespace spds
+} // namespace skyrinse::spds

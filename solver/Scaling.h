@@ -18,7 +18,7 @@
 
 #include <span>
 
-namespace spds {
+namespace skyrinse::spds {
 
 inline constexpr int kScalingIdentity = -1;
 inline constexpr int kScalingPermutationOnly = 0;
@@ -39,4 +39,4 @@ extern template void buildScaling<double>(int, int, std::span<const int>, std::s
                                           std::span<const double>, std::span<int>,
                                           std::span<double>, std::span<double>);
 
-} // namespace spds
+} // namespace skyrinse::spds

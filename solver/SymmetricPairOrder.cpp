@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace spds {
+namespace skyrinse::spds {
 
 namespace {
 
@@ -190,4 +190,4 @@ template PairOrder symmetricPairOrder<double>(const SparseView<double>&, const S
                                               std::span<const int>, const CompressedOrderer&,
                                               MemoryCounter*);
 
-} // namespace spds
+} // namespace skyrinse::spds

@@ -32,7 +32,7 @@
 #include <functional>
 #include <span>
 
-namespace spds {
+namespace skyrinse::spds {
 
 // Magnitude above which a diagonal entry lets its node stand alone.
 inline constexpr double kPairDiagonalThreshold = 1e-08;
@@ -92,4 +92,4 @@ extern template PairOrder symmetricPairOrder<double>(const SparseView<double>&,
                                                      std::span<const int>, const CompressedOrderer&,
                                                      MemoryCounter*);
 
-} // namespace spds
+} // namespace skyrinse::spds

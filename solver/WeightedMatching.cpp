@@ -29,7 +29,7 @@
 #include <cmath>
 #include <limits>
 
-namespace spds {
+namespace skyrinse::spds {
 
 namespace {
 
@@ -403,4 +403,4 @@ template MatchingResult weightedMatching<double>(const SparseView<double>&, std:
                                                  std::span<double>, std::span<double>,
                                                  MemoryCounter*);
 
-} // namespace spds
+} // namespace skyrinse::spds

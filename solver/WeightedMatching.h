@@ -29,7 +29,7 @@
 
 #include <span>
 
-namespace spds {
+namespace skyrinse::spds {
 
 struct MatchingResult {
     int status = 0;  // 0 complete, -1 incomplete, -2 the cost graph could not be had
@@ -47,4 +47,4 @@ extern template MatchingResult weightedMatching<double>(const SparseView<double>
                                                         std::span<double>, std::span<double>,
                                                         MemoryCounter*);
 
-} // namespace spds
+} // namespace skyrinse::spds

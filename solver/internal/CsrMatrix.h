@@ -23,7 +23,7 @@
 #include <cmath>
 #include <cstdint>
 
-namespace spds {
+namespace skyrinse::spds {
 
 // Cost graph of the matching, zero-based.
 template <class T>
@@ -169,4 +169,4 @@ private:
     Block<std::uint32_t> m_words;
 };
 
-} // namespace spds
+} // namespace skyrinse::spds

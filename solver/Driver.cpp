@@ -1,0 +1,447 @@
+// The phase driver; the contract is in Driver.h.
+//
+// Phase digits: the first is the first stage of the call, the last the last
+// one (1 analysis, 2 numeric factorization, 3 solve); 331 to 333 are partial
+// solves that run as 33. The handle is fresh until a call with a positive
+// phase creates it; an analysis on a handle in use throws away every factor
+// and the previous analysis first.
+#include "Driver.h"
+
+#include "Handle.h"
+#include "MatrixCheck.h"
+#include "Ordering.h"
+#include "SymbolicFactorization.h"
+
+#include "runtime/nrt.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+namespace skyrinse::spds {
+
+namespace {
+
+// Internal codes that go with status -1 (what the error report names).
+constexpr int kCodeSolveBeforeAnalysis = 100000;
+constexpr int kCodePhaseBelowRange = 10000;
+constexpr int kCodeInitialisationPhase = 1000;
+constexpr int kCodeBadFactorNumber = 100;
+
+constexpr int kStatusParameters = -1;
+constexpr int kStatusMemory = -2;
+constexpr int kStatusReordering = -3;
+constexpr int kStatusInternal = -5;
+constexpr int kStatusOverflow = -8;
+
+bool acceptedMatrixType(int mtype) {
+    const int m = mtype < 0 ? -mtype : mtype;
+    return (m >= 1 && m <= 6) || mtype == 11 || mtype == -11 || mtype == 13;
+}
+
+bool matchingType(int mtype) {
+    return mtype == -4 || mtype == -2 || mtype == 6 || mtype == 11 || mtype == 13;
+}
+
+int scalarWordsOf(int mtype) {
+    const int m = mtype < 0 ? -mtype : mtype;
+    if (mtype == 11) return 1;
+    if (mtype == 13) return 2;
+    return m < 3 ? 1 : 2;
+}
+
+void applyDefaults(int mtype, int* iparm) {
+    const bool realUnsymmetric = mtype == 1 || mtype == 3 || mtype == 11 || mtype == 13;
+    const bool indefinite = mtype == -4 || mtype == -2 || mtype == 6;
+    iparm[1] = 2;
+    iparm[3] = 0;
+    iparm[4] = 0;
+    iparm[5] = 0;
+    iparm[6] = 0;
+    iparm[7] = 0;
+    iparm[8] = 0;
+    iparm[9] = realUnsymmetric ? 13 : indefinite ? 8 : 0;
+    iparm[10] = (mtype == 11 || mtype == 13) ? 1 : 0;
+    iparm[11] = 0;
+    iparm[12] = (mtype == 11 || mtype == 13) ? 1 : 0;
+    iparm[13] = 0;
+    iparm[17] = -1;
+    iparm[18] = -1;
+    iparm[19] = 0;
+    iparm[20] = indefinite ? 1 : 0;
+    iparm[21] = 0;
+    iparm[22] = 0;
+    iparm[23] = 0;
+    iparm[24] = 0;
+    iparm[49] = 0;
+    iparm[59] = 0;
+}
+
+int clampToInt(std::int64_t v) {
+    return v > INT_MAX ? INT_MAX : static_cast<int>(v);
+}
+
+// The driver's state for one call.
+template <class T>
+class Call {
+public:
+    Call(const CallArgs& args, int threads) : a(args), m_threads(threads) {}
+
+    int run();
+
+private:
+    int argumentCheck();
+    void resetForAnalysis();
+    void analyse();
+    void finishAnalysisFigures(bool factorsWanted, bool operationsWanted);
+    int exit();
+
+    const CallArgs& a;
+    int m_threads;
+    Handle* h = nullptr;
+    int phase = 0;
+    int status = 0;
+    int internal = 0;
+};
+
+template <class T>
+int Call<T>::argumentCheck() {
+    const int ph = (phase >= 331 && phase <= 333) ? 33 : phase;
+    const int maxfct = *a.maxfct, mnum = *a.mnum, mtype = *a.mtype, n = *a.n;
+    int* iparm = a.iparm;
+    if (ph < -1 || ph >= 34) return 1;
+    if (h->maxfct >= 1 && maxfct > h->maxfct) return 2;
+    if (mnum > maxfct) return 3;
+    if (mnum < 1 && ph >= 22) return 4;
+    if (!acceptedMatrixType(mtype)) return 15;
+    if (h->mtype != 0 && mtype != h->mtype && mtype != -h->mtype &&
+        (std::abs(mtype) % 2) != (std::abs(h->mtype) % 2))
+        return 5;
+    if (h->n > 0 && n != h->n) return 6;
+    if (n < 1) return 7;
+    if (!a.ia) return 8;
+    if (a.ia[n] - 1 < n) return 8;
+    if (*a.nrhs < 1 && ph >= 33) return 9;
+    if (iparm[5] != 0 && iparm[5] != 1) return 10;
+    if (iparm[1] < 0 || iparm[1] > 3) return 11;
+    if (iparm[26] != 0) {
+        if (!a.ja) return 22;
+        const bool symmetric = (std::abs(mtype) % 2) == 0;
+        const int code = checkMatrix(n, a.ia, a.ja, symmetric, kCheckAll, iparm + 30);
+        if (code != 0) return code;
+        iparm[26] = 0;
+    }
+    if (ph != 11 && ph != 12 && ph != 13 && ph != 22 && ph != 23 && ph != 33) return 20;
+    return 0;
+}
+
+template <class T>
+void Call<T>::resetForAnalysis() {
+    int* iparm = a.iparm;
+    const int mtype = *a.mtype;
+    a.pt[0] = nullptr;
+    h->releaseNumericAndAnalysis();
+    h->timers.fill(0.0);
+    // A new analysis starts the record afresh; the handle keeps only what
+    // its first call fixed (maxfct) and how it was made.
+    h->n = 0;
+    h->nnz = 0;
+    h->mtype = 0;
+    h->status = 0;
+    h->internalCode = 0;
+    h->perturbedPivots = h->positiveEigenvalues = h->negativeEigenvalues = 0;
+    h->refinementSteps = 0;
+    if (iparm[0] == 0) applyDefaults(mtype, iparm);
+    h->matching = (matchingType(mtype) && iparm[12] > 0) ? iparm[12] : 0;
+    h->scaling = matchingType(mtype) && iparm[10] == 1 && iparm[12] > 0;
+    h->transpose = iparm[0] != 1 ? iparm[11] : 0;
+    h->threads = m_threads;
+    h->splitSolve = iparm[25];
+    for (FactorRow& row : h->factors) {
+        row.values.reset();
+        row.state = kNotComputed;
+        row.scalarWords = 1;
+    }
+}
+
+template <class T>
+void Call<T>::analyse() {
+    int* iparm = a.iparm;
+    const int n = h->n;
+    const int mtype = h->mtype;
+    h->memory.restartPeak();
+
+    // The stages read ja through ia; without the full checker asked for,
+    // the part of it that keeps those reads inside the arrays still runs.
+    if (!a.ja) {
+        status = kStatusParameters;
+        internal = 22;
+        return;
+    }
+    const int bounds = checkMatrix(n, a.ia, a.ja, false, kCheckBoundsOnly, iparm + 30);
+    if (bounds != 0) {
+        status = kStatusParameters;
+        internal = bounds;
+        return;
+    }
+
+    // Matching and scaling: identity and unit scalings until the weighted
+    // matching is run here; the ordering then sees the pattern as stored.
+    const int* rowPermutation = nullptr;
+    if (mtype > 10 || h->matching > 0) {
+        h->matchingPermutation = IntBlock(n, -403, &h->memory);
+        h->scalings = Block<double>(2 * static_cast<std::int64_t>(n), -404, &h->memory);
+        for (int i = 0; i < n; ++i)
+            h->matchingPermutation[i] = i + 1;
+        std::fill(h->scalings.begin(), h->scalings.end(), 1.0);
+        rowPermutation = h->matchingPermutation.data();
+    }
+
+    OrderingInput oin;
+    oin.n = n;
+    oin.ia = a.ia;
+    oin.ja = a.ja;
+    oin.mtype = mtype;
+    oin.method = h->ordering;
+    oin.userPermutation = h->userPermutation;
+    oin.callerPerm = a.perm;
+    oin.rowPermutation = mtype > 10 ? rowPermutation : nullptr;
+    oin.partitions = h->partitions;
+    oin.threads = h->threads;
+    oin.memory = &h->memory;
+    const OrderingTimes ot = computeOrdering(oin, h->ordering_);
+    h->timers[kTimeGraph] += ot.graph;
+    h->timers[kTimeOrdering] += ot.ordering;
+    if (h->userPermutation == 2 && a.perm)
+        std::copy(h->ordering_.perm.begin(), h->ordering_.perm.end(), a.perm);
+
+    SymbolicInput sin;
+    sin.n = n;
+    sin.mtype = mtype;
+    sin.symmetricStorage = h->symmetricStorage;
+    sin.maxsup = h->panelWidth;
+    sin.threads = h->threads;
+    sin.outOfCore = h->oocMode > 0;
+    sin.memory = &h->memory;
+    const SymbolicTimes st = symbolicFactorization(sin, h->ordering_, h->symbolic);
+    h->timers[kTimeSfinit] += st.sfinit;
+    h->timers[kTimeSymbolic] += st.sfinit + st.symbolic;
+    h->timers[kTimeUpdateLists] += st.updateLists;
+
+    // The ordering graph served the symbolic stage only.
+    h->ordering_.xadj.reset();
+    h->ordering_.adjncy.reset();
+    h->hasAnalysis = true;
+}
+
+template <class T>
+void Call<T>::finishAnalysisFigures(bool factorsWanted, bool /*operationsWanted*/) {
+    int* iparm = a.iparm;
+    const SymbolicResult& s = h->symbolic;
+    const std::int64_t factorEntries = s.lnzSize + (h->symmetricStorage ? 0 : s.unzSize);
+    if (factorsWanted) iparm[17] = clampToInt(factorEntries);
+    h->analysisPeakKb = h->memory.peakKb();
+    h->analysisPermanentKb = h->memory.currentKb();
+    // What the factorization will add: the values, one update buffer and the
+    // index maps per thread, the pending lists.
+    const std::int64_t t = std::max(1, m_threads);
+    const std::int64_t values =
+        factorEntries * static_cast<std::int64_t>(sizeof(T)) * h->scalarWords;
+    const std::int64_t buffers = t * s.tmpsiz * static_cast<std::int64_t>(sizeof(T));
+    const std::int64_t maps = (2 * t * h->n + h->n + s.nsuper) * 4;
+    h->numericKb = MemoryCounter::kilobytes(values) + MemoryCounter::kilobytes(buffers) +
+                   MemoryCounter::kilobytes(maps);
+}
+
+template <class T>
+int Call<T>::run() {
+    int* iparm = a.iparm;
+    phase = *a.phase;
+    iparm[49] = 0;
+    if (phase < -1) {
+        status = kStatusParameters;
+        internal = kCodePhaseBelowRange;
+        h = handleOf(a.pt);
+        return exit();
+    }
+    if (iparm[59] == 22) iparm[59] = 2;
+    const int oocDefault = iparm[59] == 2 ? 2 : iparm[59] != 0 ? 0 : -1;
+    const int stagePhase = (phase >= 331 && phase <= 334) ? phase / 10 : phase;
+    const int firstDigit = stagePhase >= 10 ? stagePhase / 10 : stagePhase;
+    const int lastDigit = stagePhase >= 10 ? stagePhase % 10 : stagePhase;
+
+    h = handleOf(a.pt);
+    bool created = false;
+    if (!h) {
+        if (phase == -1) return 0;
+        if (!(phase > 0 || iparm[11] != -1)) return 0;
+        try {
+            h = createHandle(a.pt, *a.maxfct);
+        } catch (const AllocationFailure& f) {
+            h = handleOf(a.pt);
+            status = kStatusMemory;
+            internal = f.code;
+            if (h) h->failedBytes = f.bytes;
+            return exit();
+        }
+        created = true;
+        h->singlePrecision = sizeof(T) == sizeof(float);
+        h->oocMode = oocDefault;
+        h->msglvl = *a.msglvl != 0 ? 1 : 0;
+        if (phase <= 0) {
+            h->initState = -1;
+            status = kStatusParameters;
+            internal = kCodeInitialisationPhase;
+            return exit();
+        }
+    }
+    if (!created && (phase == -1 || firstDigit == 1)) {
+        const int freed = h->liveFactors();
+        if (phase == -1) {
+            destroyHandle(a.pt);
+            if (*a.msglvl > 0)
+                std::printf(" cleaned memory, deleted number of L&U-factorizations: %d\n\n", freed);
+            return 0;
+        }
+        h->releaseNumericAndAnalysis();
+    }
+    if (phase == 0) {
+        const int mnum = *a.mnum;
+        if (mnum >= 1 && mnum <= h->maxfct) {
+            h->releaseFactor(mnum - 1);
+            return exit();
+        }
+        status = kStatusParameters;
+        internal = kCodeBadFactorNumber;
+        return exit();
+    }
+    if (firstDigit == 1) resetForAnalysis();
+
+    const int check = argumentCheck();
+    if (check != 0) {
+        status = kStatusParameters;
+        internal = check;
+        h->phase = 0;
+        h->nrhs = 0;
+        if (firstDigit == 1) h->nnz = 0;
+        return exit();
+    }
+    if ((firstDigit == 2 || firstDigit == 3) && !h->hasAnalysis) {
+        status = kStatusParameters;
+        internal = kCodeSolveBeforeAnalysis;
+        return exit();
+    }
+    a.pt[0] = static_cast<char*>(a.pt[0]) + 1;
+
+    // The call's values become the record.
+    const int n = *a.n;
+    h->phase = phase;
+    h->nrhs = *a.nrhs;
+    h->msglvl = *a.msglvl != 0 ? 1 : 0;
+    h->partialSolve = (phase >= 331 && phase <= 333) ? phase - 330 : 0;
+    if (firstDigit == 1 || firstDigit == 2) h->nnz = a.ia[n] - 1;
+    if (firstDigit == 1) {
+        const int mtype = *a.mtype;
+        h->n = n;
+        h->mtype = mtype;
+        h->ordering = iparm[1];
+        h->userPermutation = iparm[4];
+        h->solutionInB = iparm[5];
+        h->pivotExponent = iparm[9];
+        h->pivoting = iparm[20];
+        h->iterativeControl = iparm[3] % 10;
+        h->scalarWords = scalarWordsOf(mtype);
+        h->symmetricStorage = (std::abs(mtype) % 2) == 0;
+        h->singleThread = m_threads == 1;
+        const std::int64_t nnz = h->nnz;
+        h->offDiagonal = h->symmetricStorage ? nnz - n : (nnz - n) / 2;
+        if (h->symmetricStorage) h->transpose = 0;
+        h->graphWork = mtype >= 11 ? n + 2 * nnz : 2 * h->offDiagonal;
+        h->panelWidth = panelWidth(mtype, m_threads, n);
+        h->twoLevel =
+            mtype == 11 && iparm[59] != 2 && m_threads > 1 && (iparm[1] == 2 || iparm[1] == 3);
+        int p = 1;
+        const int floor = h->twoLevel ? m_threads : 32;
+        while (p < floor)
+            p *= 2;
+        int above = 1;
+        while (above <= n && above < (1 << 30))
+            above *= 2;
+        if (p > above / 2) p = std::max(1, above / 2);
+        h->partitions = p;
+        h->domainListSize = std::max(1024, 4 * p + 4);
+        const bool factorsWanted = iparm[17] < 0;
+        const bool operationsWanted = iparm[18] < 0;
+        try {
+            analyse();
+            if (status == 0) finishAnalysisFigures(factorsWanted, operationsWanted);
+        } catch (const AllocationFailure& f) {
+            status = kStatusMemory;
+            internal = f.code;
+            h->failedBytes = f.bytes;
+        } catch (const std::bad_alloc&) {
+            status = kStatusMemory;
+            internal = -500;
+        } catch (const SizeOverflow&) {
+            status = kStatusOverflow;
+            iparm[29] = -182;
+        } catch (const OrderingFailure& f) {
+            status = kStatusReordering;
+            iparm[29] = f.status;
+        } catch (const SymbolicFailure& f) {
+            status = f.status == -182 ? kStatusOverflow : kStatusReordering;
+            iparm[29] = f.status;
+        }
+        if (status != 0) {
+            h->hasAnalysis = false;
+            return exit();
+        }
+        if (lastDigit == 1) return exit();
+    }
+    // Factorization and solve stages are not part of this build yet.
+    status = kNumericUnavailable;
+    internal = 0;
+    return exit();
+}
+
+template <class T>
+int Call<T>::exit() {
+    int* iparm = a.iparm;
+    if (h) {
+        iparm[14] = clampToInt(h->analysisPeakKb);
+        iparm[15] = clampToInt(h->analysisPermanentKb);
+        iparm[16] = clampToInt(h->numericKb);
+        h->status = status;
+        h->internalCode = internal;
+    }
+    iparm[63] = kVersionStamp;
+    int error = status;
+    if (status < 0) {
+        if (phase < 0) {
+            std::printf("*** SPDS error: internal error\n");
+            std::fflush(stdout);
+        } else if (*a.msglvl != 0) {
+            // The report names a memory-size code below 0 as unclassified.
+            if (status == kStatusParameters && internal < 0) error = -7;
+        } else if (status == kStatusParameters) {
+            error = -7;
+        }
+    }
+    if (h && phase >= 0) h->status = 0;
+    return error;
+}
+
+} // namespace
+
+template <class T>
+int runDriver(const CallArgs& args, int threads) {
+    Call<T> call(args, threads);
+    return call.run();
+}
+
+template int runDriver<float>(const CallArgs&, int);
+template int runDriver<double>(const CallArgs&, int);
+
+} // namespace skyrinse::spds

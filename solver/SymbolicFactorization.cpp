@@ -1,0 +1,534 @@
+// Symbolic factorization; the contract is in SymbolicFactorization.h.
+//
+// The elimination tree is Liu's algorithm with path compression on the
+// ordering graph taken through invp, so nothing is permuted. Column counts
+// walk each row subtree of L once (marking per row), in parallel over rows
+// with private marks and counts per thread. The order delivered by the
+// ordering is used as it stands: supernodes are chains j-1 -> j of the tree
+// with equal structure, which nested dissection and minimum degree produce
+// along their eliminated paths.
+//
+// Supernodes follow the rule "column j joins j-1 when parent(j-1) = j and
+// colcnt(j-1) = colcnt(j) + 1", cut every maxsup columns. The run length that
+// the cut interrupts is still counted, so the largest fundamental width is
+// reported as it is in the matrix, not as the panels hold it.
+#include "SymbolicFactorization.h"
+
+#include "internal/OneBased.h"
+
+#include "runtime/nrt.h"
+
+#include <algorithm>
+#include <climits>
+#include <vector>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+namespace skyrinse::spds {
+
+namespace {
+
+constexpr int kWorkCode = -500;
+constexpr int kTreeCode = -600;
+constexpr int kSupernodeCode = -700;
+constexpr int kIndexCode = -800;
+constexpr int kLnzPointerCode = -801;
+constexpr int kUnzPointerCode = -802;
+constexpr int kUpdateListCode = -1000;
+constexpr int kOocMarker = -1111111;
+
+constexpr int kStatusOverflow = -182;
+constexpr int kStatusInconsistent = -180;
+
+// Column-count work of t threads: marks and counts, 2 x t x n integers.
+constexpr std::int64_t kColumnCountBytesCap = 512000000;
+constexpr int kColumnCountMaxThreads = 16;
+
+struct Supernodes {
+    int nsuper = 0;
+    int largestFundamental = 0;
+    int largestSupernode = 0;
+    std::int64_t lindxSize = 0;
+};
+
+Supernodes findSupernodes(int n, int maxsup, OneBased<const int> parent, OneBased<const int> colcnt,
+                          OneBased<int> snode) {
+    Supernodes r;
+    r.nsuper = 1;
+    r.largestFundamental = 1;
+    r.largestSupernode = 1;
+    snode[1] = 1;
+    int width = 1;
+    int run = 1;
+    for (int j = 2; j <= n; ++j) {
+        if (parent[j - 1] == j && colcnt[j - 1] == colcnt[j] + 1) {
+            ++run;
+            if (width < maxsup) {
+                ++width;
+            } else {
+                ++r.nsuper;
+                width = 1;
+            }
+        } else {
+            ++r.nsuper;
+            width = 1;
+            run = 1;
+        }
+        snode[j] = r.nsuper;
+        r.largestFundamental = std::max(r.largestFundamental, run);
+        r.largestSupernode = std::max(r.largestSupernode, width);
+    }
+    return r;
+}
+
+// Pairs of columns become pairs of supernodes. Returns a positive code when
+// the list does not describe usable ranges, 0 otherwise.
+int convertDomainPairs(int n, OrderingResult& ord, const SymbolicResult& sym) {
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const int nd = ord.ndomains;
+    int* dp = ord.domainpairs.data();
+    auto convertFirst = [&](int f) { return f >= 1 && f <= n ? snode[f] : f; };
+    auto convertLast = [&](int l) {
+        if (l < 1 || l > n) return l < 1 ? 0 : l;
+        const int s = snode[l];
+        return xsup[s + 1] - 1 > l ? s - 1 : s;
+    };
+    int code = 0;
+    auto test = [&](int pair, int first, int last) {
+        if (first > sym.nsuper || last > sym.nsuper || first < 1 || last < 0 ||
+            (first > last && last >= 1))
+            code = pair;
+    };
+    for (int p = 0; p < 2 * nd; ++p) {
+        if (p == nd) continue;
+        dp[2 * p] = convertFirst(dp[2 * p]);
+        dp[2 * p + 1] = convertLast(dp[2 * p + 1]);
+    }
+    dp[2 * nd] = (nd > 0 ? dp[2 * nd - 1] : 0) + 1;
+    dp[2 * nd + 1] = sym.nsuper;
+    for (int p = 0; p < 2 * nd; ++p)
+        test(p + 1, dp[2 * p], dp[2 * p + 1]);
+    return code;
+}
+
+void buildSupernodalTree(const SymbolicResult& sym, OneBased<int> sparent) {
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> parent = oneBased(sym.parent.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    for (int s = sym.nsuper; s >= 1; --s) {
+        const int p = parent[xsup[s + 1] - 1];
+        sparent[s] = p > 0 ? snode[p] : 0;
+    }
+}
+
+void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
+    std::vector<int> children(static_cast<std::size_t>(nsuper) + 1, 0);
+    for (int s = 1; s <= nsuper; ++s)
+        if (sparent[s] > 0) ++children[sparent[s]];
+    std::fill(pnlsch, pnlsch + nsuper, -1);
+    int tail = 0;
+    for (int s = 1; s <= nsuper; ++s)
+        if (children[s] == 0) pnlsch[tail++] = -s;
+    // The list is its own work queue: a parent joins once its last child has.
+    for (int head = 0; head < tail; ++head) {
+        const int s = std::abs(pnlsch[head]);
+        const int p = sparent[s];
+        if (p > 0 && --children[p] == 0) pnlsch[tail++] = p;
+    }
+}
+
+void layoutValues(int n, SymbolicResult& sym) {
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
+    const OneBased<int> xlnz = oneBased(sym.xlnz.data());
+    const OneBased<int> xunz = oneBased(sym.xunz.data());
+    // Tested before each growth against a bound that leaves room for the
+    // largest possible column, so the last pointer still fits 32 bits.
+    const std::int64_t limit = 2147483645LL - n;
+    std::int64_t pos = 1, upos = 1;
+    for (int c = 1; c <= n; ++c) {
+        const int s = snode[c];
+        const int fst = xsup[s];
+        const int height = colcnt[fst];
+        const int width = xsup[s + 1] - fst;
+        if (pos > limit || upos > limit) throw SymbolicFailure{kStatusOverflow};
+        xlnz[c] = static_cast<int>(pos);
+        xunz[c] = static_cast<int>(upos);
+        pos += height;
+        upos += height - width;
+    }
+    xlnz[n + 1] = static_cast<int>(pos);
+    xunz[n + 1] = static_cast<int>(upos);
+    sym.lnzSize = pos - 1;
+    sym.unzSize = upos - 1;
+}
+
+void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
+                       MemoryCounter* memory) {
+    const int nsuper = sym.nsuper;
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> perm = oneBased(ord.perm.data());
+    const OneBased<const int> invp = oneBased(ord.invp.data());
+    const OneBased<const int> xadj = oneBased(ord.xadj.data());
+    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
+    const OneBased<int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<int> lindx = oneBased(sym.lindx.data());
+
+    IntBlock markBlock(static_cast<std::int64_t>(n), kWorkCode, memory);
+    IntBlock pendingBlock(2 * static_cast<std::int64_t>(nsuper), kWorkCode, memory);
+    const OneBased<int> mark = oneBased(markBlock.data());
+    // Pending lists: head[s] is the first supernode waiting to merge into s,
+    // next[d] the one after d; 0 ends a list.
+    const OneBased<int> head = oneBased(pendingBlock.data());
+    const OneBased<int> next = oneBased(pendingBlock.data() + nsuper);
+    std::vector<int> rows;
+    rows.reserve(static_cast<std::size_t>(sym.largestColumn) + 1);
+    for (int s = 1; s <= nsuper; ++s) {
+        const int fst = xsup[s];
+        const int lst = xsup[s + 1] - 1;
+        const int width = lst - fst + 1;
+        const std::size_t length = static_cast<std::size_t>(colcnt[fst]);
+        rows.clear();
+        for (int r = fst; r <= lst; ++r) {
+            mark[r] = s;
+            rows.push_back(r);
+        }
+        for (int d = head[s]; d != 0 && rows.size() < length; d = next[d]) {
+            const int dwidth = xsup[d + 1] - xsup[d];
+            for (int k = xlindx[d] + dwidth; k < xlindx[d + 1]; ++k) {
+                const int r = lindx[k];
+                if (mark[r] != s) {
+                    mark[r] = s;
+                    rows.push_back(r);
+                }
+            }
+        }
+        if (rows.size() < length) {
+            const int v = perm[fst];
+            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
+                const int r = invp[adjncy[k]];
+                if (r > fst && mark[r] != s) {
+                    mark[r] = s;
+                    rows.push_back(r);
+                }
+            }
+        }
+        if (rows.size() != length) throw SymbolicFailure{kStatusInconsistent};
+        std::sort(rows.begin() + width, rows.end());
+        std::copy(rows.begin(), rows.end(), &lindx[xlindx[s]]);
+        if (static_cast<int>(length) > width) {
+            const int target = snode[rows[static_cast<std::size_t>(width)]];
+            next[s] = head[target];
+            head[target] = s;
+        }
+    }
+}
+
+// Largest update block, as rows-left x group size less the triangle above
+// the group, over supernodes whose below-block part is large enough to
+// matter; at least the largest below-block panel.
+int updateBufferSize(int n, const SymbolicResult& sym) {
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<const int> lindx = oneBased(sym.lindx.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
+    std::int64_t best = 0;
+    for (int s = sym.nsuper; s >= 1; --s) {
+        const std::int64_t width = xsup[s + 1] - xsup[s];
+        const std::int64_t height = xlindx[s + 1] - xlindx[s];
+        const std::int64_t r = height - width;
+        if (r * (r + 1) / 2 <= best) continue;
+        std::int64_t k = xlindx[s] + width;
+        const std::int64_t end = xlindx[s + 1];
+        while (k < end) {
+            const std::int64_t left = end - k;
+            if (left * (left + 1) / 2 <= best) break;
+            const int target = snode[lindx[k]];
+            const int tlast = xsup[target + 1] - 1;
+            std::int64_t g = 0;
+            while (k + g < end && lindx[k + g] <= tlast)
+                ++g;
+            if (colcnt[xsup[target]] >= left) best = std::max(best, left * g - g * (g - 1) / 2);
+            k += g;
+        }
+    }
+    for (int s = 1; s <= sym.nsuper; ++s) {
+        const std::int64_t width = xsup[s + 1] - xsup[s];
+        const std::int64_t height = xlindx[s + 1] - xlindx[s];
+        best = std::max(best, width * (height - width));
+    }
+    if (best == 0) best = n;
+    const std::int64_t size = 4 * best;
+    if (size > INT_MAX) throw SymbolicFailure{kStatusOverflow};
+    return static_cast<int>(size);
+}
+
+void countUpdates(const SymbolicResult& sym, OneBased<int> nmod) {
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<const int> lindx = oneBased(sym.lindx.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    for (int s = 1; s <= sym.nsuper; ++s)
+        nmod[s] = 0;
+    for (int s = 1; s <= sym.nsuper; ++s) {
+        int previous = 0;
+        for (int k = xlindx[s] + (xsup[s + 1] - xsup[s]); k < xlindx[s + 1]; ++k) {
+            const int t = snode[lindx[k]];
+            if (t != previous) ++nmod[t];
+            previous = t;
+        }
+    }
+}
+
+void countTopRows(const OrderingResult& ord, SymbolicResult& sym) {
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<const int> lindx = oneBased(sym.lindx.data());
+    const OneBased<int> top = oneBased(sym.topRows.data());
+    const int firstTop = std::clamp(ord.domainpairs[2 * ord.ndomains], 1, sym.nsuper);
+    const int b = xsup[firstTop];
+    for (int s = 1; s <= sym.nsuper; ++s) {
+        int count = 0;
+        for (int k = xlindx[s + 1] - 1; k >= xlindx[s] && lindx[k] >= b; --k)
+            ++count;
+        top[s] = count;
+    }
+}
+
+// One entry per (source, target) pair: the target and the rows of the source
+// from that target's first row to the end of the source's list.
+void buildUpdateLists(const OrderingResult& ord, SymbolicResult& sym, int mtype, bool outOfCore,
+                      MemoryCounter* memory) {
+    const int nsuper = sym.nsuper;
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<const int> lindx = oneBased(sym.lindx.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const int nd = ord.ndomains;
+    const bool grouped = mtype == 11 && nd > 1 && !outOfCore && !sym.domainsUnusable;
+    std::vector<int> group(static_cast<std::size_t>(nsuper) + 1, grouped ? nd : 0);
+    if (grouped)
+        for (int d = 0; d < nd; ++d)
+            for (int s = ord.domainpairs[2 * d]; s <= ord.domainpairs[2 * d + 1]; ++s)
+                group[static_cast<std::size_t>(s)] = d;
+    const std::int64_t slots =
+        grouped ? checkedMul(static_cast<std::int64_t>(nd) + 1, nsuper) : nsuper;
+    sym.xslindx = IntBlock(slots + 1, kUpdateListCode, memory);
+    const OneBased<int> xsl = oneBased(sym.xslindx.data());
+    auto forEachUpdate = [&](auto&& visit) {
+        for (int s = 1; s <= nsuper; ++s) {
+            const int end = xlindx[s + 1];
+            int previous = 0;
+            for (int k = xlindx[s] + (xsup[s + 1] - xsup[s]); k < end; ++k) {
+                const int t = snode[lindx[k]];
+                if (t != previous) visit(s, t, end - k);
+                previous = t;
+            }
+        }
+    };
+    auto slotOf = [&](int s, int t) -> std::int64_t {
+        return grouped ? static_cast<std::int64_t>(group[static_cast<std::size_t>(s)]) * nsuper + t
+                       : s;
+    };
+    forEachUpdate([&](int s, int t, int) { ++xsl[slotOf(s, t) + 1]; });
+    // Counts stand one slot ahead; the running sum turns them into starts.
+    xsl[1] = 1;
+    for (std::int64_t g = 1; g <= slots; ++g)
+        xsl[g + 1] += xsl[g];
+    const std::int64_t entries = xsl[slots + 1] - 1;
+    sym.slindx = IntBlock(std::max<std::int64_t>(1, entries), kUpdateListCode, memory);
+    sym.slength = IntBlock(std::max<std::int64_t>(1, entries), kUpdateListCode, memory);
+    std::vector<int> fill(xsl.p, xsl.p + slots);
+    forEachUpdate([&](int s, int t, int offset) {
+        const std::int64_t slot = slotOf(s, t);
+        const int e = fill[static_cast<std::size_t>(slot - 1)]++;
+        sym.slindx[e - 1] = grouped ? s : t;
+        sym.slength[e - 1] = offset;
+    });
+    sym.groupedUpdateLists = grouped;
+}
+
+} // namespace
+
+int panelWidth(int mtype, int threads, int n) {
+    const bool unsymmetricPanels = mtype == 1 || mtype == 3 || mtype == 11 || mtype == 13;
+    if (threads <= 1) return 128;
+    if (unsymmetricPanels) return threads <= 4 ? 96 : 72;
+    if (n >= 250001) return threads <= 4 ? 112 : 96;
+    return threads <= 4 ? 80 : 64;
+}
+
+void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
+    const OneBased<int> parent = oneBased(parentStorage);
+    const OneBased<const int> perm = oneBased(ord.perm.data());
+    const OneBased<const int> invp = oneBased(ord.invp.data());
+    const OneBased<const int> xadj = oneBased(ord.xadj.data());
+    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
+    std::vector<int> ancestorStorage(static_cast<std::size_t>(n), 0);
+    const OneBased<int> ancestor = oneBased(ancestorStorage.data());
+    for (int j = 1; j <= n; ++j) {
+        parent[j] = 0;
+        ancestor[j] = 0;
+        const int v = perm[j];
+        for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
+            int r = invp[adjncy[k]];
+            if (r >= j) continue;
+            for (;;) {
+                const int next = ancestor[r];
+                if (next == j) break;
+                ancestor[r] = j;
+                if (next < 1) {
+                    parent[r] = j;
+                    break;
+                }
+                r = next;
+            }
+        }
+    }
+}
+
+std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentStorage, int threads,
+                          MemoryCounter* memory, int* colcntStorage) {
+    if (n <= 0) return 0;
+    const OneBased<const int> parent = oneBased(parentStorage);
+    const OneBased<int> colcnt = oneBased(colcntStorage);
+    const OneBased<const int> perm = oneBased(ord.perm.data());
+    const OneBased<const int> invp = oneBased(ord.invp.data());
+    const OneBased<const int> xadj = oneBased(ord.xadj.data());
+    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
+
+    int t = std::max(1, threads);
+    while (8LL * t * n > kColumnCountBytesCap && t > 1)
+        t /= 2;
+    t = std::min(t, kColumnCountMaxThreads);
+    IntBlock marks, counts;
+    for (;;) {
+        try {
+            marks = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
+            counts = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
+            break;
+        } catch (const AllocationFailure&) {
+            marks.reset();
+            counts.reset();
+            if (t == 1) throw;
+            t /= 2;
+        }
+    }
+    std::int64_t offDiagonal = 0;
+#pragma omp parallel num_threads(t) reduction(+ : offDiagonal) if (t > 1)
+    {
+        int tid = 0;
+#ifdef _OPENMP
+        tid = omp_get_thread_num();
+#endif
+        const OneBased<int> mark = oneBased(marks.data() + static_cast<std::int64_t>(tid) * n);
+        const OneBased<int> count = oneBased(counts.data() + static_cast<std::int64_t>(tid) * n);
+#pragma omp for schedule(static)
+        for (int i = 2; i <= n; ++i) {
+            const int v = perm[i];
+            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
+                // Climb the row subtree of i from each entry left of the
+                // diagonal; a column already marked for i ends the climb.
+                int c = invp[adjncy[k]];
+                while (c != 0 && c < i && mark[c] < i) {
+                    mark[c] = i;
+                    ++offDiagonal;
+                    ++count[c];
+                    c = parent[c];
+                }
+            }
+        }
+    }
+    for (int c = 1; c <= n; ++c) {
+        int sum = 1;
+        for (int tid = 0; tid < t; ++tid)
+            sum += counts[static_cast<std::int64_t>(tid) * n + c - 1];
+        colcnt[c] = sum;
+    }
+    return offDiagonal + n;
+}
+
+SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord,
+                                    SymbolicResult& out) {
+    const int n = in.n;
+    SymbolicTimes times;
+    const double t0 = nrt_seconds();
+    out = SymbolicResult{};
+    out.maxsup = in.maxsup;
+    out.parent = IntBlock(n, kTreeCode, in.memory);
+    out.colcnt = IntBlock(n, kTreeCode, in.memory);
+    out.snode = IntBlock(n, kTreeCode, in.memory);
+    eliminationTree(n, ord, out.parent.data());
+    out.colcountSum =
+        columnCounts(n, ord, out.parent.data(), in.threads, in.memory, out.colcnt.data());
+    const Supernodes sn =
+        findSupernodes(n, std::max(1, in.maxsup), oneBased<const int>(out.parent.data()),
+                       oneBased<const int>(out.colcnt.data()), oneBased(out.snode.data()));
+    out.nsuper = sn.nsuper;
+    out.largestFundamental = sn.largestFundamental;
+    out.largestSupernode = sn.largestSupernode;
+    const int nsuper = sn.nsuper;
+    out.xsup = IntBlock(static_cast<std::int64_t>(nsuper) + 1, kSupernodeCode, in.memory);
+    {
+        const OneBased<int> xsup = oneBased(out.xsup.data());
+        const OneBased<const int> snode = oneBased<const int>(out.snode.data());
+        xsup[nsuper + 1] = n + 1;
+        for (int j = n; j >= 1; --j)
+            xsup[snode[j]] = j;
+    }
+    if (convertDomainPairs(n, ord, out) > 0) out.domainsUnusable = true;
+    const double t1 = nrt_seconds();
+    times.sfinit = t1 - t0;
+
+    out.sparent = IntBlock(nsuper, kSupernodeCode, in.memory);
+    out.pnlsch = IntBlock(nsuper, kSupernodeCode, in.memory);
+    out.nmod = IntBlock(nsuper, kSupernodeCode, in.memory);
+    out.topRows = IntBlock(nsuper, kSupernodeCode, in.memory);
+    out.oocFirst = IntBlock(nsuper, kSupernodeCode, in.memory);
+    out.oocSecond = IntBlock(nsuper, kSupernodeCode, in.memory);
+    std::fill(out.oocFirst.begin(), out.oocFirst.end(), kOocMarker);
+    std::fill(out.oocSecond.begin(), out.oocSecond.end(), kOocMarker);
+    buildSupernodalTree(out, oneBased(out.sparent.data()));
+    buildSchedule(nsuper, oneBased<const int>(out.sparent.data()), out.pnlsch.data());
+
+    out.xlnz = IntBlock(static_cast<std::int64_t>(n) + 1, kLnzPointerCode, in.memory);
+    out.xunz = IntBlock(static_cast<std::int64_t>(n) + 1, kUnzPointerCode, in.memory);
+    layoutValues(n, out);
+    if (in.symmetricStorage) out.unzSize = 1;
+
+    out.xlindx = IntBlock(static_cast<std::int64_t>(nsuper) + 1, kIndexCode, in.memory);
+    {
+        const OneBased<int> xlindx = oneBased(out.xlindx.data());
+        const OneBased<const int> xsup = oneBased<const int>(out.xsup.data());
+        const OneBased<const int> colcnt = oneBased<const int>(out.colcnt.data());
+        std::int64_t pos = 1;
+        for (int s = 1; s <= nsuper; ++s) {
+            if (pos > INT_MAX - n) throw SymbolicFailure{kStatusOverflow};
+            xlindx[s] = static_cast<int>(pos);
+            pos += colcnt[xsup[s]];
+            out.largestColumn = std::max(out.largestColumn, colcnt[xsup[s]]);
+        }
+        xlindx[nsuper + 1] = static_cast<int>(pos);
+        out.lindxSize = pos - 1;
+    }
+    out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory);
+    buildRowStructure(n, ord, out, in.memory);
+    out.tmpsiz = updateBufferSize(n, out);
+    countUpdates(out, oneBased(out.nmod.data()));
+    countTopRows(ord, out);
+    const double t2 = nrt_seconds();
+    times.symbolic = t2 - t1;
+
+    buildUpdateLists(ord, out, in.mtype, in.outOfCore, in.memory);
+    times.updateLists = nrt_seconds() - t2;
+    return times;
+}
+
+} // namespace skyrinse::spds

@@ -1,0 +1,60 @@
+// Symbolic factorization of the analysis: sfinit (elimination tree, column
+// counts, supernodes) and the supernodal structure that the numeric
+// factorization and the solve read.
+//
+// Reads: the ordering graph and perm/invp of the ordering stage. Nothing is
+// permuted in place: positions are taken through invp on the fly. All arrays
+// written are one-based and indexed by position (column of the permuted
+// matrix) or by supernode.
+//
+// Writes SymbolicResult (see Handle.h) and converts ord.domainpairs from
+// columns to supernodes.
+//
+// Workspace: the column counts borrow two arrays of t x n integers (t threads,
+// at most 16 and at most 512000000 bytes for both), halving t when they
+// cannot be had; the row-structure pass borrows n marks. Both under WORK_I0
+// (-500). Failures: AllocationFailure when the column-count work cannot be
+// had even for one thread; SymbolicFailure with status -182 when the factor
+// does not fit 32-bit positions, -180 for an inconsistent structure. A
+// domain list that does not map onto supernodes is not a failure: it sets
+// domainsUnusable and the analysis goes on.
+#pragma once
+
+#include "Handle.h"
+
+namespace skyrinse::spds {
+
+struct SymbolicFailure {
+    int status; // -180 or -182
+};
+
+struct SymbolicInput {
+    int n = 0;
+    int mtype = 11;
+    bool symmetricStorage = false;
+    int maxsup = 128;
+    int threads = 1;
+    bool outOfCore = false;
+    MemoryCounter* memory = nullptr;
+};
+
+struct SymbolicTimes {
+    double sfinit = 0;
+    double symbolic = 0;
+    double updateLists = 0;
+};
+
+SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord,
+                                    SymbolicResult& out);
+
+// Panel width (maxsup) for a matrix type, thread count and size.
+int panelWidth(int mtype, int threads, int n);
+
+// Building blocks, exposed for the tests. Arrays are one-based with an unused
+// slot 0 where they are indexed by position.
+void eliminationTree(int n, const OrderingResult& ord, int* parent);
+// Returns the number of entries of L, diagonal included.
+std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent, int threads,
+                          MemoryCounter* memory, int* colcnt);
+
+} // namespace skyrinse::spds

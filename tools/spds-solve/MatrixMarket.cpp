@@ -1,0 +1,130 @@
+#include "MatrixMarket.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+namespace skyrinse::mm {
+
+bool read(const std::string& path, Triplets& out, std::string& message) {
+    std::ifstream in(path);
+    if (!in) {
+        message = "cannot open " + path;
+        return false;
+    }
+    std::string line;
+    std::getline(in, line);
+    std::string banner, object, format, field, symmetry;
+    std::istringstream head(line);
+    head >> banner >> object >> format >> field >> symmetry;
+    for (std::string* s : {&object, &format, &field, &symmetry})
+        std::transform(s->begin(), s->end(), s->begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+    if (banner != "%%MatrixMarket" || object != "matrix" || format != "coordinate") {
+        message = path + ": not a Matrix Market coordinate matrix";
+        return false;
+    }
+    if (field != "real" && field != "integer" && field != "pattern") {
+        message = path + ": field '" + field + "' is not supported (real, integer, pattern)";
+        return false;
+    }
+    if (symmetry != "general" && symmetry != "symmetric") {
+        message = path + ": symmetry '" + symmetry + "' is not supported (general, symmetric)";
+        return false;
+    }
+    while (std::getline(in, line))
+        if (!line.empty() && line[0] != '%') break;
+    long long rows = 0, cols = 0, entries = 0;
+    if (std::sscanf(line.c_str(), "%lld %lld %lld", &rows, &cols, &entries) != 3 || rows != cols ||
+        rows < 1 || rows > 2147483646 || entries < 0) {
+        message = path + ": size line must give a square matrix";
+        return false;
+    }
+    out = Triplets{};
+    out.n = static_cast<int>(rows);
+    out.symmetric = symmetry == "symmetric";
+    out.rows.reserve(static_cast<std::size_t>(entries));
+    out.cols.reserve(static_cast<std::size_t>(entries));
+    out.values.reserve(static_cast<std::size_t>(entries));
+    const bool pattern = field == "pattern";
+    for (long long k = 0; k < entries; ++k) {
+        long long i = 0, j = 0;
+        double v = 1.0;
+        if (!(in >> i >> j) || (!pattern && !(in >> v))) {
+            message = path + ": entry " + std::to_string(k + 1) + " is missing or malformed";
+            return false;
+        }
+        if (i < 1 || i > rows || j < 1 || j > rows) {
+            message = path + ": entry " + std::to_string(k + 1) + " lies outside the matrix";
+            return false;
+        }
+        out.rows.push_back(static_cast<int>(i));
+        out.cols.push_back(static_cast<int>(j));
+        out.values.push_back(v);
+    }
+    return true;
+}
+
+bool write(const std::string& path, const Triplets& t, std::string& message) {
+    std::FILE* f = std::fopen(path.c_str(), "w");
+    if (!f) {
+        message = "cannot create " + path;
+        return false;
+    }
+    std::fprintf(f, "%%%%MatrixMarket matrix coordinate real %s\n",
+                 t.symmetric ? "symmetric" : "general");
+    std::fprintf(f, "%d %d %zu\n", t.n, t.n, t.values.size());
+    for (std::size_t k = 0; k < t.values.size(); ++k)
+        std::fprintf(f, "%d %d %.17g\n", t.rows[k], t.cols[k], t.values[k]);
+    const bool ok = std::fclose(f) == 0;
+    if (!ok) message = "cannot write " + path;
+    return ok;
+}
+
+Csr toCsr(const Triplets& t, int mtype) {
+    const bool upper = (mtype < 0 ? -mtype : mtype) % 2 == 0;
+    const int n = t.n;
+    std::vector<std::vector<std::pair<int, double>>> rows(static_cast<std::size_t>(n));
+    auto add = [&](int i, int j, double v) {
+        rows[static_cast<std::size_t>(i - 1)].push_back({j, v});
+    };
+    for (std::size_t k = 0; k < t.values.size(); ++k) {
+        int i = t.rows[k], j = t.cols[k];
+        const double v = t.values[k];
+        if (upper) {
+            if (i > j) std::swap(i, j);
+            add(i, j, v);
+        } else {
+            add(i, j, v);
+            if (t.symmetric && i != j) add(j, i, v);
+        }
+    }
+    Csr c;
+    c.n = n;
+    c.ia.reserve(static_cast<std::size_t>(n) + 1);
+    c.ia.push_back(1);
+    for (int i = 1; i <= n; ++i) {
+        auto& r = rows[static_cast<std::size_t>(i - 1)];
+        // Symmetric factorizations pivot on the diagonal: it must be stored.
+        if (upper) r.push_back({i, 0.0});
+        std::sort(r.begin(), r.end(),
+                  [](const auto& x, const auto& y) { return x.first < y.first; });
+        for (std::size_t k = 0; k < r.size(); ++k) {
+            if (!c.ja.empty() && static_cast<int>(c.ja.size()) >= c.ia.back() &&
+                c.ja.back() == r[k].first) {
+                c.a.back() += r[k].second;
+                continue;
+            }
+            c.ja.push_back(r[k].first);
+            c.a.push_back(r[k].second);
+        }
+        c.ia.push_back(static_cast<int>(c.ja.size()) + 1);
+        r.clear();
+        r.shrink_to_fit();
+    }
+    return c;
+}
+
+} // namespace skyrinse::mm

@@ -60,7 +60,7 @@ constexpr int spatialKernel[5][5] = {{2, 7, 12, 7, 2},
                                      {7, 31, 52, 31, 7},
                                      {2, 7, 12, 7, 2}};
 
-// The 3 x 3 centre of K, the only part the upsampling reaches, as [2 + dx][2 + dy].
+// The 3 x 3 centre of K, the only part the upsampling reaches, as [1 + dx][1 + dy].
 struct SpatialCentre {
     double w[3][3];
 };

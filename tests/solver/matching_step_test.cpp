@@ -14,13 +14,13 @@
 #include <vector>
 
 using namespace matching_test;
-using spds::Block;
-using spds::CompressedGraph;
-using spds::CompressedOrdering;
-using spds::IntBlock;
-using spds::MatchingOutcome;
-using spds::MatchingRequest;
-using spds::runMatchingStep;
+using skyrinse::spds::Block;
+using skyrinse::spds::CompressedGraph;
+using skyrinse::spds::CompressedOrdering;
+using skyrinse::spds::IntBlock;
+using skyrinse::spds::MatchingOutcome;
+using skyrinse::spds::MatchingRequest;
+using skyrinse::spds::runMatchingStep;
 
 namespace {
 
@@ -255,7 +255,7 @@ TEST(MatchingStep, TypesWithoutAMatchingAreRefused) {
         HandleBlocks h;
         const MatchingOutcome out = step(m, mtype, 1, true, h);
         EXPECT_EQ(out.error, -5) << mtype;
-        EXPECT_EQ(out.internalCode, spds::kGuardMessage) << mtype;
+        EXPECT_EQ(out.internalCode, skyrinse::spds::kGuardMessage) << mtype;
     }
 }
 

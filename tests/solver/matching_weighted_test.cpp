@@ -11,10 +11,10 @@
 #include <vector>
 
 using namespace matching_test;
-using spds::AllocationFailure;
-using spds::borrowView;
-using spds::MatchingResult;
-using spds::weightedMatching;
+using skyrinse::spds::AllocationFailure;
+using skyrinse::spds::borrowView;
+using skyrinse::spds::MatchingResult;
+using skyrinse::spds::weightedMatching;
 
 namespace {
 

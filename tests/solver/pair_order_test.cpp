@@ -14,14 +14,14 @@
 #include <vector>
 
 using namespace matching_test;
-using spds::borrowView;
-using spds::CompressedGraph;
-using spds::CompressedOrdering;
-using spds::cycleBlocks;
-using spds::CycleBlocks;
-using spds::expandSymmetric;
-using spds::IntBlock;
-using spds::symmetricPairOrder;
+using skyrinse::spds::borrowView;
+using skyrinse::spds::CompressedGraph;
+using skyrinse::spds::CompressedOrdering;
+using skyrinse::spds::cycleBlocks;
+using skyrinse::spds::CycleBlocks;
+using skyrinse::spds::expandSymmetric;
+using skyrinse::spds::IntBlock;
+using skyrinse::spds::symmetricPairOrder;
 
 namespace {
 
@@ -182,7 +182,7 @@ Prepared saddlePoint(int n1, int n2, std::mt19937& rng) {
     const auto stored = borrowView(n, p.m.ia.data(), p.m.ja.data(), p.m.a.data());
     const auto full = expandSymmetric(stored, nullptr, -401);
     std::vector<double> u(n), v(n);
-    EXPECT_EQ(spds::weightedMatching<double>(full, p.match, u, v).status, 0);
+    EXPECT_EQ(skyrinse::spds::weightedMatching<double>(full, p.match, u, v).status, 0);
     return p;
 }
 
@@ -193,7 +193,7 @@ TEST(SymmetricPairOrder, BlockGraphMergesTheRowsOfEachPair) {
     const auto stored = borrowView(n, p.m.ia.data(), p.m.ja.data(), p.m.a.data());
     const auto full = expandSymmetric(stored, nullptr, -401);
     RecordingOrderer rec;
-    const spds::PairOrder po = symmetricPairOrder<double>(
+    const skyrinse::spds::PairOrder po = symmetricPairOrder<double>(
         stored, full, p.match, [&](const CompressedGraph& g) { return rec(g); });
     const CycleBlocks cb = cycleBlocks<double>(stored, p.match);
     ASSERT_EQ(rec.nodes, cb.blocks);
@@ -233,7 +233,7 @@ TEST(SymmetricPairOrder, ExpansionKeepsPairsTogetherAndInvertsCorrectly) {
     const auto stored = borrowView(n, p.m.ia.data(), p.m.ja.data(), p.m.a.data());
     const auto full = expandSymmetric(stored, nullptr, -401);
     RecordingOrderer rec;
-    const spds::PairOrder po = symmetricPairOrder<double>(
+    const skyrinse::spds::PairOrder po = symmetricPairOrder<double>(
         stored, full, p.match, [&](const CompressedGraph& g) { return rec(g); });
     ASSERT_TRUE(isPermutation(po.perm.data(), n, 1));
     for (int k = 0; k < n; ++k)
@@ -267,7 +267,7 @@ TEST(SymmetricPairOrder, RangesOfTheOrderingCountTwoForAPair) {
     // separator tail and root separator = block [3].
     rec.domainpairs = {1, 1, 2, 2, 3, 3, 3, 3};
     rec.ndomains = 2;
-    const spds::PairOrder po =
+    const skyrinse::spds::PairOrder po =
         symmetricPairOrder<double>(stored, full, match, [&](const CompressedGraph& g) {
             CompressedOrdering o = rec(g);
             o.order[0] = 2; // the pair first, then [2], then [3]
@@ -287,7 +287,7 @@ TEST(SymmetricPairOrder, NoRangesMeansOnePartition) {
     const auto stored = borrowView(m.n, m.ia.data(), m.ja.data(), m.a.data());
     const auto full = expandSymmetric(stored, nullptr, -401);
     RecordingOrderer rec;
-    const spds::PairOrder po = symmetricPairOrder<double>(
+    const skyrinse::spds::PairOrder po = symmetricPairOrder<double>(
         stored, full, std::vector<int>{0, 1, 2}, [&](const CompressedGraph& g) { return rec(g); });
     EXPECT_EQ(po.partitions, 1);
     EXPECT_TRUE(po.domainpairs.empty());
@@ -319,7 +319,7 @@ TEST(SymmetricPairOrder, NestedDissectionOfTheBlockGraph) {
             o.order[k] = static_cast<int>(perm[k]);
         return o;
     };
-    const spds::PairOrder po = symmetricPairOrder<double>(stored, full, p.match, nd);
+    const skyrinse::spds::PairOrder po = symmetricPairOrder<double>(stored, full, p.match, nd);
     ASSERT_TRUE(isPermutation(po.perm.data(), n, 1));
     const CycleBlocks cb = cycleBlocks<double>(stored, p.match);
     for (int pos = 0; pos < n;) {

@@ -13,10 +13,10 @@
 #include <vector>
 
 using namespace matching_test;
-using spds::borrowView;
-using spds::buildScaling;
-using spds::expandSymmetric;
-using spds::weightedMatching;
+using skyrinse::spds::borrowView;
+using skyrinse::spds::buildScaling;
+using skyrinse::spds::expandSymmetric;
+using skyrinse::spds::weightedMatching;
 
 namespace {
 

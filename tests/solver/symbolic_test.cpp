@@ -1,0 +1,341 @@
+// Symbolic factorization against a dense symbolic elimination: elimination
+// tree, column counts, supernodes, row structure, layout of the values,
+// schedule, update counts and update buffer size, for random patterns of 1
+// to 300 unknowns under every ordering the solver offers.
+#include "SpdsCall.h"
+
+#include "Ordering.h"
+#include "SymbolicFactorization.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <numeric>
+#include <string>
+
+using namespace skyrinse::spds;
+using spdstest::Matrix;
+using spdstest::Solver;
+
+namespace {
+
+// Checks everything the symbolic stage delivered for `m`, analysed into
+// `s`, against the dense elimination in the handle's own order.
+void expectMatchesBruteForce(const Matrix& m, const Handle& h) {
+    const int n = m.n;
+    const OrderingResult& ord = h.ordering_;
+    const SymbolicResult& sym = h.symbolic;
+    std::vector<int> perm(static_cast<std::size_t>(n));
+    for (int k = 0; k < n; ++k)
+        perm[static_cast<std::size_t>(k)] = ord.perm[k] - 1;
+    {
+        std::vector<int> sorted = perm;
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<int> iota(static_cast<std::size_t>(n));
+        std::iota(iota.begin(), iota.end(), 0);
+        ASSERT_EQ(sorted, iota) << "perm is not a permutation";
+        for (int k = 0; k < n; ++k)
+            ASSERT_EQ(ord.invp[ord.perm[k] - 1], k + 1);
+    }
+    const auto cols = spdstest::bruteForceFactor(m, perm);
+
+    // Elimination tree and column counts.
+    std::int64_t total = 0;
+    for (int j = 1; j <= n; ++j) {
+        const auto& c = cols[static_cast<std::size_t>(j - 1)];
+        ASSERT_EQ(sym.parent[j - 1], c.empty() ? 0 : c.front() + 1) << "parent of " << j;
+        ASSERT_EQ(sym.colcnt[j - 1], static_cast<int>(c.size()) + 1) << "colcnt of " << j;
+        total += static_cast<std::int64_t>(c.size()) + 1;
+    }
+    EXPECT_EQ(sym.colcountSum, total);
+
+    // Supernodes: a partition into runs, each cut at maxsup, each holding
+    // columns of one structure, none that the rule would have joined.
+    const int ns = sym.nsuper;
+    ASSERT_GE(ns, 1);
+    ASSERT_EQ(sym.xsup[0], 1);
+    ASSERT_EQ(sym.xsup[ns], n + 1);
+    int widest = 0;
+    for (int s = 1; s <= ns; ++s) {
+        const int fst = sym.xsup[s - 1], lst = sym.xsup[s] - 1;
+        ASSERT_LE(fst, lst);
+        ASSERT_LE(lst - fst + 1, sym.maxsup);
+        widest = std::max(widest, lst - fst + 1);
+        for (int c = fst; c <= lst; ++c)
+            ASSERT_EQ(sym.snode[c - 1], s);
+        // Row structure of the supernode: the first column's rows, diagonal
+        // included, ascending; every later column holds its suffix.
+        std::vector<int> rows(sym.lindx.data() + sym.xlindx[s - 1] - 1,
+                              sym.lindx.data() + sym.xlindx[s] - 1);
+        std::vector<int> expect{fst};
+        for (int r : cols[static_cast<std::size_t>(fst - 1)])
+            expect.push_back(r + 1);
+        ASSERT_EQ(rows, expect) << "lindx of supernode " << s;
+        for (int c = fst + 1; c <= lst; ++c) {
+            std::vector<int> colRows{c};
+            for (int r : cols[static_cast<std::size_t>(c - 1)])
+                colRows.push_back(r + 1);
+            ASSERT_EQ(colRows, std::vector<int>(rows.begin() + (c - fst), rows.end()))
+                << "column " << c << " differs from its supernode";
+        }
+        if (s > 1) {
+            const int prevWidth = fst - sym.xsup[s - 2];
+            const bool wouldJoin =
+                sym.parent[fst - 2] == fst && sym.colcnt[fst - 2] == sym.colcnt[fst - 1] + 1;
+            EXPECT_FALSE(wouldJoin && prevWidth < sym.maxsup)
+                << "supernode " << s << " not maximal";
+        }
+    }
+    EXPECT_EQ(sym.largestSupernode, widest);
+    EXPECT_GE(sym.largestFundamental, widest);
+
+    // Layout: each column of a supernode as tall as the supernode; U holds
+    // height minus width per column.
+    ASSERT_EQ(sym.xlnz[0], 1);
+    ASSERT_EQ(sym.xunz[0], 1);
+    for (int c = 1; c <= n; ++c) {
+        const int s = sym.snode[c - 1];
+        const int height = sym.xlindx[s] - sym.xlindx[s - 1];
+        const int width = sym.xsup[s] - sym.xsup[s - 1];
+        ASSERT_EQ(sym.xlnz[c] - sym.xlnz[c - 1], height);
+        ASSERT_EQ(sym.xunz[c] - sym.xunz[c - 1], height - width);
+    }
+    EXPECT_EQ(sym.lnzSize, sym.xlnz[n] - 1);
+    if (h.symmetricStorage) {
+        EXPECT_EQ(sym.unzSize, 1);
+    } else {
+        EXPECT_EQ(sym.unzSize, sym.xunz[n] - 1);
+    }
+
+    // Supernodal tree, schedule and update counts.
+    std::vector<int> children(static_cast<std::size_t>(ns) + 1, 0);
+    std::map<int, std::set<int>> updaters;
+    for (int s = 1; s <= ns; ++s) {
+        const int lst = sym.xsup[s] - 1;
+        const int p = sym.parent[lst - 1];
+        ASSERT_EQ(sym.sparent[s - 1], p ? sym.snode[p - 1] : 0);
+        if (p) ++children[static_cast<std::size_t>(sym.snode[p - 1])];
+        const int width = sym.xsup[s] - sym.xsup[s - 1];
+        for (int k = sym.xlindx[s - 1] + width; k < sym.xlindx[s]; ++k)
+            updaters[sym.snode[sym.lindx[k - 1] - 1]].insert(s);
+    }
+    std::vector<int> position(static_cast<std::size_t>(ns) + 1, -1);
+    bool leavesDone = false;
+    for (int k = 0; k < ns; ++k) {
+        const int e = sym.pnlsch[k];
+        const int s = std::abs(e);
+        ASSERT_GE(s, 1);
+        ASSERT_EQ(position[static_cast<std::size_t>(s)], -1) << "supernode twice in pnlsch";
+        position[static_cast<std::size_t>(s)] = k;
+        ASSERT_EQ(e < 0, children[static_cast<std::size_t>(s)] == 0) << "sign of " << s;
+        if (e > 0) leavesDone = true;
+        ASSERT_FALSE(e < 0 && leavesDone) << "a leaf after an inner supernode";
+    }
+    for (int s = 1; s <= ns; ++s) {
+        const int p = sym.sparent[s - 1];
+        if (p) {
+            EXPECT_LT(position[static_cast<std::size_t>(s)], position[static_cast<std::size_t>(p)]);
+        }
+        const auto it = updaters.find(s);
+        EXPECT_EQ(sym.nmod[s - 1], it == updaters.end() ? 0 : static_cast<int>(it->second.size()))
+            << "nmod of " << s;
+    }
+
+    // Every update of d onto t fits the update buffer: rows of d from t's
+    // first column on, times the rows of d inside t.
+    for (int d = 1; d <= ns; ++d) {
+        const int width = sym.xsup[d] - sym.xsup[d - 1];
+        const int end = sym.xlindx[d];
+        for (int k = sym.xlindx[d - 1] + width; k < end;) {
+            const int t = sym.snode[sym.lindx[k - 1] - 1];
+            int q = 0;
+            while (k + q < end && sym.lindx[k + q - 1] < sym.xsup[t])
+                ++q;
+            const std::int64_t r = end - k;
+            EXPECT_LE(r * q, sym.tmpsiz) << "update " << d << " -> " << t;
+            k += q;
+        }
+    }
+    if (!sym.groupedUpdateLists) {
+        // One list entry per change of target, with the rows left.
+        for (int d = 1; d <= ns; ++d) {
+            std::vector<std::pair<int, int>> expect;
+            const int width = sym.xsup[d] - sym.xsup[d - 1];
+            int previous = 0;
+            for (int k = sym.xlindx[d - 1] + width; k < sym.xlindx[d]; ++k) {
+                const int t = sym.snode[sym.lindx[k - 1] - 1];
+                if (t != previous) expect.push_back({t, sym.xlindx[d] - k});
+                previous = t;
+            }
+            std::vector<std::pair<int, int>> got;
+            for (int e = sym.xslindx[d - 1]; e < sym.xslindx[d]; ++e)
+                got.push_back({sym.slindx[e - 1], sym.slength[e - 1]});
+            EXPECT_EQ(got, expect) << "update list of " << d;
+        }
+    }
+}
+
+struct Case {
+    bool symmetric;
+    int ordering; // iparm[1]; -1 for a random permutation of the caller
+};
+
+class SymbolicAgainstBruteForce : public ::testing::TestWithParam<Case> {};
+
+TEST_P(SymbolicAgainstBruteForce, RandomPatterns) {
+    const Case c = GetParam();
+    std::mt19937 rng(1234 + c.ordering * 7 + (c.symmetric ? 1 : 0));
+    for (int n : {2, 3, 7, 20, 51, 120, 300}) {
+        for (double density : {0.5 / n, 2.0 / n, 0.05}) {
+            Matrix m = spdstest::randomMatrix(n, density, c.symmetric, rng);
+            Solver s;
+            s.mtype = c.symmetric ? -2 : 11;
+            s.iparm[0] = 1;
+            s.iparm[1] = c.ordering < 0 ? 2 : c.ordering;
+            if (c.ordering < 0) {
+                s.iparm[4] = 1;
+                s.perm.resize(static_cast<std::size_t>(n));
+                std::iota(s.perm.begin(), s.perm.end(), 1);
+                std::shuffle(s.perm.begin(), s.perm.end(), rng);
+            }
+            ASSERT_EQ(s.call(11, m), 0) << "n " << n << " density " << density;
+            if (c.ordering < 0) {
+                for (int k = 0; k < n; ++k)
+                    ASSERT_EQ(s.handle()->ordering_.perm[k], s.perm[static_cast<std::size_t>(k)]);
+            }
+            SCOPED_TRACE("n " + std::to_string(n) + " density " + std::to_string(density));
+            expectMatchesBruteForce(m, *s.handle());
+            if (HasFatalFailure()) return;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Orderings, SymbolicAgainstBruteForce,
+    ::testing::Values(Case{true, -1}, Case{false, -1}, Case{true, 0}, Case{false, 0}, Case{true, 1},
+                      Case{false, 1}, Case{true, 2}, Case{false, 2}, Case{true, 3}, Case{false, 3}),
+    [](const ::testing::TestParamInfo<Case>& info) {
+        const std::string kind = info.param.symmetric ? "Symmetric" : "Unsymmetric";
+        return kind + (info.param.ordering < 0 ? std::string("UserPermutation")
+                                               : "Ordering" + std::to_string(info.param.ordering));
+    });
+
+TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
+    // Large enough for a p-way dissection with domains and separators.
+    const Matrix m = spdstest::stencilMatrix(17, 15, false);
+    Solver s;
+    s.mtype = 11;
+    s.iparm[0] = 1;
+    s.iparm[1] = 3;
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_GT(s.handle()->ordering_.ndomains, 1);
+    expectMatchesBruteForce(m, *s.handle());
+}
+
+TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
+    const int n = 300;
+    std::vector<std::set<int>> rows(n);
+    for (int i = 0; i < n; ++i)
+        for (int j = i; j < n; ++j)
+            rows[static_cast<std::size_t>(i)].insert(j);
+    const Matrix m = spdstest::fromRows(n, rows);
+    Solver s;
+    s.mtype = -2;
+    s.iparm[0] = 1;
+    s.iparm[1] = 2;
+    s.iparm[4] = 1;
+    s.perm.resize(n);
+    std::iota(s.perm.begin(), s.perm.end(), 1);
+    ASSERT_EQ(s.call(11, m), 0);
+    const SymbolicResult& sym = s.handle()->symbolic;
+    const int cut = sym.maxsup;
+    ASSERT_LT(cut, n);
+    EXPECT_EQ(sym.largestFundamental, n);
+    EXPECT_EQ(sym.largestSupernode, cut);
+    EXPECT_EQ(sym.nsuper, (n + cut - 1) / cut);
+    for (int s2 = 1; s2 < sym.nsuper; ++s2)
+        EXPECT_EQ(sym.xsup[s2] - sym.xsup[s2 - 1], cut);
+}
+
+TEST(SymbolicStructure, OneUnknownIsOneSupernode) {
+    Matrix m;
+    m.n = 1;
+    m.ia = {1, 3};
+    m.ja = {1, 1}; // a repeated entry keeps it off the diagonal path
+    m.a = {2.0, 1.0};
+    Solver s;
+    s.mtype = 11;
+    ASSERT_EQ(s.call(11, m), 0);
+    const Handle& h = *s.handle();
+    EXPECT_EQ(h.symbolic.nsuper, 1);
+    EXPECT_EQ(h.symbolic.lnzSize, 1);
+    EXPECT_EQ(h.ordering_.ndomains, 1);
+    EXPECT_EQ(h.symbolic.pnlsch[0], -1);
+}
+
+TEST(SymbolicStructure, DiagonalPatternGivesOnlyLeavesAndNoUpdates) {
+    const int n = 40;
+    Matrix m;
+    m.n = n;
+    for (int i = 1; i <= n; ++i) {
+        m.ja.push_back(i);
+        m.a.push_back(1.0);
+        m.ia.push_back(i + 1);
+    }
+    OrderingInput in;
+    in.n = n;
+    in.ia = m.ia.data();
+    in.ja = m.ja.data();
+    in.method = kNestedDissection;
+    MemoryCounter memory;
+    in.memory = &memory;
+    OrderingResult ord;
+    computeOrdering(in, ord);
+    SymbolicInput sin;
+    sin.n = n;
+    sin.mtype = 11;
+    sin.memory = &memory;
+    SymbolicResult sym;
+    symbolicFactorization(sin, ord, sym);
+    ASSERT_EQ(sym.nsuper, n);
+    for (int k = 0; k < n; ++k) {
+        EXPECT_LT(sym.pnlsch[k], 0);
+        EXPECT_EQ(sym.nmod[k], 0);
+    }
+    EXPECT_EQ(sym.tmpsiz, 4 * n); // no update at all: the size falls back to n
+}
+
+TEST(SymbolicStructure, PanelWidthFollowsTypeThreadsAndSize) {
+    EXPECT_EQ(panelWidth(11, 1, 10), 128);
+    EXPECT_EQ(panelWidth(11, 2, 10), 96);
+    EXPECT_EQ(panelWidth(11, 4, 10), 96);
+    EXPECT_EQ(panelWidth(11, 5, 10), 72);
+    EXPECT_EQ(panelWidth(-2, 1, 10), 128);
+    EXPECT_EQ(panelWidth(-2, 3, 250000), 80);
+    EXPECT_EQ(panelWidth(-2, 3, 250001), 112);
+    EXPECT_EQ(panelWidth(-2, 8, 250000), 64);
+    EXPECT_EQ(panelWidth(-2, 8, 250001), 96);
+}
+
+TEST(SymbolicStructure, ColumnCountsDoNotDependOnTheThreadCount) {
+    std::mt19937 rng(99);
+    const Matrix m = spdstest::randomMatrix(400, 0.01, false, rng);
+    OrderingInput in;
+    in.n = m.n;
+    in.ia = m.ia.data();
+    in.ja = m.ja.data();
+    in.method = kMinimumDegree;
+    MemoryCounter memory;
+    in.memory = &memory;
+    OrderingResult ord;
+    computeOrdering(in, ord);
+    std::vector<int> parent(static_cast<std::size_t>(m.n));
+    eliminationTree(m.n, ord, parent.data());
+    std::vector<int> one(static_cast<std::size_t>(m.n)), four(static_cast<std::size_t>(m.n));
+    const auto total1 = columnCounts(m.n, ord, parent.data(), 1, &memory, one.data());
+    const auto total4 = columnCounts(m.n, ord, parent.data(), 4, &memory, four.data());
+    EXPECT_EQ(total1, total4);
+    EXPECT_EQ(one, four);
+}
+
+} // namespace

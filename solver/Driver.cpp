@@ -159,6 +159,8 @@ void Call<T>::resetForAnalysis() {
     h->transpose = iparm[0] != 1 ? iparm[11] : 0;
     h->threads = m_threads;
     h->splitSolve = iparm[25];
+    // The copy that runs the analysis owns the handle from now on.
+    h->singlePrecision = sizeof(T) == sizeof(float);
     for (FactorRow& row : h->factors) {
         row.values.reset();
         row.state = kNotComputed;

@@ -1,0 +1,497 @@
+// The entry and the phase driver as a caller sees them: enquiry phases, the
+// handle's lifecycle, the argument checks in their order with their codes,
+// the msglvl 0 rule, iparm defaults and outputs, the diagonal path.
+#include "SpdsCall.h"
+
+#include "Driver.h"
+#include "runtime/nrt.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+
+using namespace skyrinse::spds;
+using spdstest::Matrix;
+using spdstest::Solver;
+
+namespace {
+
+bool allZero(void* const pt[64]) {
+    for (int k = 0; k < 64; ++k)
+        if (pt[k]) return false;
+    return true;
+}
+
+Matrix smallStencil() {
+    return spdstest::stencilMatrix(6, 5, false);
+}
+
+TEST(Enquiry, PhaseMinusTwoAnswersWithoutTouchingTheHandle) {
+    Solver s;
+    int error = 0;
+    s.iparm[0] = 1;
+    int phase = -2, n = 5;
+    spds(s.pt, &s.maxfct, &s.mnum, &s.mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr,
+         &s.nrhs, s.iparm, &s.msglvl, nullptr, nullptr, &error);
+    EXPECT_EQ(error, 16);
+    EXPECT_EQ(s.iparm[0], 23);
+    EXPECT_TRUE(allZero(s.pt));
+    phase = -3;
+    spds(s.pt, &s.maxfct, &s.mnum, &s.mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr,
+         &s.nrhs, s.iparm, &s.msglvl, nullptr, nullptr, &error);
+    EXPECT_EQ(error, 300000);
+    EXPECT_TRUE(allZero(s.pt));
+}
+
+TEST(Lifecycle, ReleaseOnAFreshHandleDoesNothing) {
+    Solver s;
+    EXPECT_EQ(s.call(-1, smallStencil()), 0);
+    EXPECT_TRUE(allZero(s.pt));
+}
+
+TEST(Lifecycle, SolveBeforeAnalysisInitialisesAndFails) {
+    const Matrix m = smallStencil();
+    Solver s;
+    EXPECT_EQ(s.call(33, m), -7); // msglvl 0: the silent form of -1
+    ASSERT_NE(s.handle(), nullptr) << "the handle keeps its blocks until phase -1";
+    EXPECT_EQ(s.handle()->internalCode, 100000);
+    EXPECT_EQ(s.iparm[63], kVersionStamp);
+    s.msglvl = 1;
+    EXPECT_EQ(s.call(22, m), -1);
+    EXPECT_EQ(s.call(-1, m), 0);
+    EXPECT_TRUE(allZero(s.pt));
+}
+
+TEST(Lifecycle, PhaseZeroOnAFreshHandleFailsInitialisation) {
+    Solver s;
+    EXPECT_EQ(s.call(0, smallStencil()), -7);
+    ASSERT_NE(s.handle(), nullptr);
+    EXPECT_EQ(s.handle()->initState, -1);
+    EXPECT_EQ(s.handle()->internalCode, 1000);
+}
+
+TEST(Lifecycle, PhaseZeroChecksTheFactorNumber) {
+    const Matrix m = smallStencil();
+    Solver s;
+    s.maxfct = 2;
+    ASSERT_EQ(s.call(11, m), 0);
+    s.mnum = 3;
+    EXPECT_EQ(s.call(0, m), -7);
+    EXPECT_EQ(s.handle()->internalCode, 100);
+    s.mnum = 0;
+    EXPECT_EQ(s.call(0, m), -7);
+    s.mnum = 2;
+    EXPECT_EQ(s.call(0, m), 0);
+    EXPECT_TRUE(s.handle()->hasAnalysis) << "phase 0 frees one factor, not the analysis";
+}
+
+TEST(Lifecycle, RepeatedAnalysisRebuildsTheSameStructure) {
+    const Matrix m = spdstest::stencilMatrix(12, 9, false);
+    Solver s;
+    ASSERT_EQ(s.call(11, m), 0);
+    const int nsuper = s.handle()->symbolic.nsuper;
+    const std::int64_t lnz = s.handle()->symbolic.lnzSize;
+    const int kept = s.iparm[15];
+    EXPECT_EQ(reinterpret_cast<std::intptr_t>(s.pt[0]), 1);
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(s.call(11, m), 0);
+        EXPECT_EQ(s.handle()->symbolic.nsuper, nsuper);
+        EXPECT_EQ(s.handle()->symbolic.lnzSize, lnz);
+        EXPECT_EQ(s.iparm[15], kept) << "a repeated analysis must not pile up memory";
+        EXPECT_EQ(reinterpret_cast<std::intptr_t>(s.pt[0]), 1) << "counter restarts per analysis";
+    }
+}
+
+TEST(Lifecycle, FactorizationAnswersUnavailableAfterAnalysis) {
+    // Until the numeric stages are built, asking for them is a clear error
+    // and leaves the analysis in place.
+    const Matrix m = smallStencil();
+    Solver s;
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_EQ(s.call(22, m), kNumericUnavailable);
+    EXPECT_TRUE(s.handle()->hasAnalysis);
+    EXPECT_EQ(s.call(12, m), kNumericUnavailable);
+    EXPECT_TRUE(s.handle()->hasAnalysis);
+}
+
+// ---- argument checks -------------------------------------------------------
+
+struct CheckRow {
+    const char* what;
+    int code;
+    // Applied to a valid call on a handle that holds an analysis of a
+    // 30-unknown mtype 11 stencil; returns the phase to call.
+    int (*breakIt)(Solver&, Matrix&);
+};
+
+const CheckRow kCheckRows[] = {
+    {"phase above 33", 1, [](Solver&, Matrix&) { return 34; }},
+    {"phase 334 is not a partial solve", 1, [](Solver&, Matrix&) { return 334; }},
+    {"maxfct above the handle's", 2,
+     [](Solver& s, Matrix&) {
+         s.maxfct = 2;
+         s.mnum = 9; // also breaks check 3, which comes later
+         return 11;
+     }},
+    {"mnum above maxfct", 3,
+     [](Solver& s, Matrix&) {
+         s.mnum = 2;
+         s.mtype = 99; // also breaks check 15, which comes later
+         return 11;
+     }},
+    {"mnum below 1 for a factorization", 4,
+     [](Solver& s, Matrix&) {
+         s.mnum = 0;
+         s.mtype = 99;
+         return 22;
+     }},
+    {"unknown mtype", 15,
+     [](Solver& s, Matrix& m) {
+         s.mtype = 7;
+         m.n = 0; // also breaks check 7
+         return 11;
+     }},
+    {"mtype of another parity than the analysis", 5,
+     [](Solver& s, Matrix& m) {
+         s.mtype = -2;
+         m.n = 29;
+         return 22;
+     }},
+    {"n differs from the analysis", 6,
+     [](Solver&, Matrix& m) {
+         m.n = 29;
+         return 22;
+     }},
+    {"n below 1", 7,
+     [](Solver& s, Matrix& m) {
+         m.n = 0;
+         s.nrhs = 0;
+         return 11;
+     }},
+    {"fewer entries than rows", 8,
+     [](Solver& s, Matrix& m) {
+         m.ia = {1, 2, 2, 3};
+         m.ja = {1, 2};
+         m.n = 3;
+         s.iparm[5] = 5;
+         return 11;
+     }},
+    {"no right-hand side for a solve", 9,
+     [](Solver& s, Matrix&) {
+         s.nrhs = 0;
+         s.iparm[5] = 7;
+         return 33;
+     }},
+    {"iparm[5] not 0 or 1", 10,
+     [](Solver& s, Matrix&) {
+         s.iparm[5] = 2;
+         s.iparm[1] = 9;
+         return 11;
+     }},
+    {"iparm[1] outside 0..3", 11,
+     [](Solver& s, Matrix&) {
+         s.iparm[1] = 4;
+         return 11;
+     }},
+    {"phase 21 does not exist", 20, [](Solver&, Matrix&) { return 21; }},
+    {"phase 5 does not exist", 20, [](Solver&, Matrix&) { return 5; }},
+};
+
+class ArgumentCheck : public ::testing::TestWithParam<CheckRow> {};
+
+TEST_P(ArgumentCheck, CodeAndSilentError) {
+    const CheckRow row = GetParam();
+    for (int msglvl : {0, 1}) {
+        Matrix m = smallStencil();
+        Solver s;
+        s.iparm[0] = 1;
+        s.iparm[1] = 2;
+        ASSERT_EQ(s.call(11, m), 0);
+        s.msglvl = msglvl;
+        const int phase = row.breakIt(s, m);
+        const int error = s.call(phase, m);
+        EXPECT_EQ(error, msglvl == 0 ? -7 : -1) << row.what;
+        EXPECT_EQ(s.handle()->internalCode, row.code) << row.what;
+        EXPECT_EQ(s.iparm[63], kVersionStamp);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(InTableOrder, ArgumentCheck, ::testing::ValuesIn(kCheckRows));
+
+TEST(ArgumentCheck, SameParityTypesAreAccepted) {
+    Matrix m = smallStencil();
+    Solver s;
+    ASSERT_EQ(s.call(11, m), 0);
+    s.mtype = 13; // odd like 11: the analysis stands, only the factorization is missing
+    EXPECT_EQ(s.call(22, m), kNumericUnavailable);
+}
+
+TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
+    Solver s;
+    EXPECT_EQ(s.call(-5, smallStencil()), -1);
+    EXPECT_EQ(s.iparm[63], kVersionStamp);
+}
+
+// ---- matrix checker through the entry (iparm[26]) ----------------------------
+
+struct StructureRow {
+    const char* what;
+    int code;
+    std::vector<int> ia, ja;
+    std::array<int, 3> where;
+    int mtype;
+};
+
+const StructureRow kStructureRows[] = {
+    {"ia does not start at 1", 21, {0, 2, 4, 6}, {1, 2, 2, 3, 1, 3}, {1, 0, 2}, 11},
+    {"an empty row", 21, {1, 3, 3, 5}, {1, 2, 1, 3}, {2, 3, 3}, 11},
+    {"column 0", 22, {1, 3, 5, 7}, {1, 2, 0, 2, 1, 3}, {3, 0, 3}, 11},
+    {"column above n, last find", 22, {1, 3, 5, 7}, {1, 9, 2, 3, 1, 4}, {6, 4, 3}, 11},
+    {"lower entry in symmetric storage", 23, {1, 3, 5, 6}, {1, 2, 1, 2, 3}, {2, 3, 1}, -2},
+    {"unsorted row", 24, {1, 3, 5, 7}, {2, 1, 2, 3, 1, 3}, {1, 2, 1}, 11},
+    {"repeated column", 24, {1, 3, 5, 7}, {1, 2, 2, 2, 1, 3}, {3, 2, 2}, 11},
+};
+
+class MatrixChecker : public ::testing::TestWithParam<StructureRow> {};
+
+TEST_P(MatrixChecker, ReportsCodeAndLastFind) {
+    const StructureRow row = GetParam();
+    Matrix m;
+    m.n = 3;
+    m.ia = row.ia;
+    m.ja = row.ja;
+    m.a.assign(m.ja.size(), 1.0);
+    Solver s;
+    s.mtype = row.mtype;
+    s.iparm[0] = 1;
+    s.iparm[1] = 2;
+    s.iparm[26] = 1;
+    s.msglvl = 1;
+    EXPECT_EQ(s.call(11, m), -1) << row.what;
+    EXPECT_EQ(s.handle()->internalCode, row.code) << row.what;
+    EXPECT_EQ((std::array<int, 3>{s.iparm[30], s.iparm[31], s.iparm[32]}), row.where) << row.what;
+    EXPECT_EQ(s.iparm[26], 1) << "a failed check leaves the request in place";
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, MatrixChecker, ::testing::ValuesIn(kStructureRows));
+
+TEST(MatrixChecker, PassingCheckClearsTheRequestOnce) {
+    Solver s;
+    s.iparm[0] = 1;
+    s.iparm[1] = 2;
+    s.iparm[26] = 1;
+    ASSERT_EQ(s.call(11, smallStencil()), 0);
+    EXPECT_EQ(s.iparm[26], 0);
+}
+
+TEST(MatrixChecker, BoundsAreCheckedEvenWithoutTheRequest) {
+    // The analysis reads ja through ia: broken arrays are refused even when
+    // the caller did not ask for the checker, instead of being read.
+    Matrix m;
+    m.n = 3;
+    m.ia = {1, 3, 5, 7};
+    m.ja = {1, 2, 2, 99, 1, 3};
+    m.a.assign(6, 1.0);
+    Solver s;
+    s.msglvl = 1;
+    EXPECT_EQ(s.call(11, m), -1);
+    EXPECT_EQ(s.handle()->internalCode, 22);
+    m.ja = {2, 1, 3, 2, 3, 1}; // unsorted rows are harmless to the analysis
+    EXPECT_EQ(s.call(11, m), 0);
+}
+
+// ---- iparm in and out --------------------------------------------------------
+
+TEST(Parameters, DefaultsFollowTheMatrixType) {
+    const Matrix m = smallStencil();
+    {
+        Solver s;
+        s.mtype = 11;
+        for (int& v : s.iparm)
+            v = 77;
+        s.iparm[0] = 0;
+        s.iparm[26] = 0;
+        s.iparm[27] = 0;
+        s.iparm[25] = 0;
+        ASSERT_EQ(s.call(11, m), 0);
+        EXPECT_EQ(s.iparm[1], 2);
+        EXPECT_EQ(s.iparm[9], 13);
+        EXPECT_EQ(s.iparm[10], 1);
+        EXPECT_EQ(s.iparm[12], 1);
+        EXPECT_EQ(s.iparm[20], 0);
+        EXPECT_EQ(s.iparm[59], 0);
+        EXPECT_GT(s.iparm[17], 0) << "defaults ask for the non-zeros of the factors";
+        EXPECT_EQ(s.iparm[17], s.handle()->symbolic.lnzSize + s.handle()->symbolic.unzSize);
+    }
+    {
+        Matrix u = spdstest::stencilMatrix(6, 5, true);
+        Solver s;
+        s.mtype = -2;
+        ASSERT_EQ(s.call(11, u), 0);
+        EXPECT_EQ(s.iparm[9], 8);
+        EXPECT_EQ(s.iparm[10], 0);
+        EXPECT_EQ(s.iparm[12], 0);
+        EXPECT_EQ(s.iparm[20], 1);
+        EXPECT_EQ(s.iparm[17], s.handle()->symbolic.lnzSize);
+    }
+}
+
+TEST(Parameters, CallerValuesStandWhenIparm0IsSet) {
+    Solver s;
+    s.iparm[0] = 1;
+    s.iparm[1] = 0;
+    s.iparm[17] = 0; // not negative: the count is not wanted
+    ASSERT_EQ(s.call(11, smallStencil()), 0);
+    EXPECT_EQ(s.iparm[1], 0);
+    EXPECT_EQ(s.iparm[17], 0);
+    EXPECT_EQ(s.handle()->ordering, 0);
+}
+
+TEST(Parameters, MemoryFiguresDescribeTheAnalysis) {
+    Solver s;
+    ASSERT_EQ(s.call(11, spdstest::stencilMatrix(40, 30, false)), 0);
+    EXPECT_GT(s.iparm[15], 0);
+    EXPECT_GE(s.iparm[14], s.iparm[15]);
+    const std::int64_t valuesKb = s.iparm[17] * static_cast<std::int64_t>(sizeof(double)) / 1024;
+    EXPECT_GE(s.iparm[16], valuesKb) << "the factorization needs at least its values";
+}
+
+TEST(Parameters, ThreadsFollowTheFiftyEquationRule) {
+    Solver s;
+    ASSERT_EQ(s.call(11, smallStencil()), 0); // 30 equations: one thread
+    EXPECT_EQ(s.iparm[2], 1);
+    Solver big;
+    const Matrix m = spdstest::stencilMatrix(20, 20, false);
+    ASSERT_EQ(big.call(11, m), 0);
+    const int granted = nrt_get_max_threads();
+    const int expected =
+        (nrt_get_dynamic() && granted * 50 > 400) ? std::max(1, 400 / 50) : granted;
+    EXPECT_EQ(big.iparm[2], std::max(1, std::min(granted, expected)));
+}
+
+TEST(Parameters, PrecisionIsChosenAtTheAnalysisAndKept) {
+    const Matrix m = smallStencil();
+    Solver s;
+    s.iparm[0] = 1;
+    s.iparm[1] = 2;
+    s.iparm[27] = 1;
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_TRUE(s.handle()->singlePrecision);
+    s.iparm[27] = 0;
+    s.call(22, m);
+    EXPECT_TRUE(s.handle()->singlePrecision) << "a later phase takes the handle's choice";
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_FALSE(s.handle()->singlePrecision);
+}
+
+TEST(Parameters, PermutationIsReturnedOrTaken) {
+    const Matrix m = spdstest::stencilMatrix(8, 7, false);
+    Solver s;
+    s.iparm[0] = 1;
+    s.iparm[1] = 2;
+    s.iparm[4] = 2;
+    ASSERT_EQ(s.call(11, m), 0);
+    std::vector<int> returned = s.perm;
+    for (int k = 0; k < m.n; ++k)
+        EXPECT_EQ(returned[static_cast<std::size_t>(k)], s.handle()->ordering_.perm[k]);
+
+    Solver user;
+    user.iparm[0] = 1;
+    user.iparm[1] = 3; // ignored with a caller's permutation
+    user.iparm[4] = 1;
+    user.perm.resize(static_cast<std::size_t>(m.n));
+    for (int k = 0; k < m.n; ++k)
+        user.perm[static_cast<std::size_t>(k)] = m.n - k;
+    ASSERT_EQ(user.call(11, m), 0);
+    for (int k = 0; k < m.n; ++k)
+        EXPECT_EQ(user.handle()->ordering_.perm[k], m.n - k);
+    EXPECT_EQ(user.handle()->ordering_.ndomains, 1);
+
+    user.perm[3] = user.perm[4]; // a repeated column is not a permutation
+    EXPECT_EQ(user.call(11, m), -3);
+    EXPECT_NE(user.iparm[29], 0);
+}
+
+// ---- diagonal matrices -------------------------------------------------------
+
+template <class T>
+void diagonalSolve(int singleFlag) {
+    Matrix m;
+    m.n = 4;
+    m.ia = {1, 2, 3, 4, 5};
+    m.ja = {1, 2, 3, 4};
+    std::vector<T> a{2, -4, 0.5, 8};
+    std::vector<T> b{1, 2, 3, 4, 5, 6, 7, 8};
+    std::vector<T> x(8, T(-99));
+    void* pt[64] = {};
+    int iparm[64] = {};
+    iparm[0] = 1;
+    iparm[27] = singleFlag;
+    int maxfct = 1, mnum = 1, mtype = 11, phase = 13, n = 4, nrhs = 2, msglvl = 0, error = 1;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
+         iparm, &msglvl, b.data(), x.data(), &error);
+    EXPECT_EQ(error, 0);
+    EXPECT_TRUE(allZero(pt)) << "no handle is needed";
+    EXPECT_EQ(iparm[11], -1);
+    EXPECT_EQ(iparm[21], 3);
+    EXPECT_EQ(iparm[22], 1);
+    for (int j = 0; j < 2; ++j)
+        for (int i = 0; i < 4; ++i)
+            EXPECT_EQ(x[static_cast<std::size_t>(j * 4 + i)],
+                      b[static_cast<std::size_t>(j * 4 + i)] / a[static_cast<std::size_t>(i)]);
+
+    // A later factorization on the same (empty) handle does nothing.
+    phase = 22;
+    error = 1;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
+         iparm, &msglvl, b.data(), x.data(), &error);
+    EXPECT_EQ(error, 0);
+
+    // In place into b.
+    iparm[5] = 1;
+    phase = 33;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
+         iparm, &msglvl, b.data(), x.data(), &error);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(b[1], T(2) / T(-4));
+
+    // A zero on the diagonal: -7, and x is left alone.
+    a[2] = 0;
+    std::fill(x.begin(), x.end(), T(-99));
+    iparm[5] = 0;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
+         iparm, &msglvl, b.data(), x.data(), &error);
+    EXPECT_EQ(error, -7);
+    for (T v : x)
+        EXPECT_EQ(v, T(-99));
+
+    // An entry off the diagonal in a one-entry-per-row pattern is refused.
+    a[2] = 1;
+    m.ja = {1, 3, 3, 4};
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
+         iparm, &msglvl, b.data(), x.data(), &error);
+    EXPECT_EQ(error, -7);
+}
+
+TEST(Diagonal, DoublePrecision) {
+    diagonalSolve<double>(0);
+}
+TEST(Diagonal, SinglePrecision) {
+    diagonalSolve<float>(1);
+}
+
+TEST(Diagonal, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
+    // ia[n] - 1 = n, but the rows are not one entry each: rows are checked
+    // before any entry is read.
+    Matrix m;
+    m.n = 3;
+    m.ia = {1, 3, 3, 4};
+    m.ja = {1, 2, 3};
+    m.a = {1, 1, 1};
+    Solver s;
+    EXPECT_EQ(s.call(11, m), -7);
+    EXPECT_EQ(s.handle(), nullptr);
+}
+
+} // namespace

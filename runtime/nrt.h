@@ -154,9 +154,9 @@ void* nrt_malloc(size_t size, int alignment);
 /* Zero-filled; null when count * size is 0 or overflows, or on failure. */
 void* nrt_calloc(size_t count, size_t size, int alignment);
 /* Keeps the contents up to the smaller size and the alignment p was made with.
- * A null p allocates with 64-byte alignment; the alignment argument is used
- * only then. Size 0 frees p and returns null. On failure p stays valid and
- * null is returned. */
+ * A null p allocates as nrt_malloc(size, alignment) does (the solver passes
+ * 64); for a non-null p the argument is ignored. Size 0 frees p and returns
+ * null. On failure p stays valid and null is returned. */
 void* nrt_realloc(void* p, size_t size, int alignment);
 /* Releases a block of nrt_malloc, nrt_calloc or nrt_realloc; null is accepted. */
 void nrt_free(void* p);

@@ -6,10 +6,12 @@
 // a failure half-way must not leave them shifted.
 #include "MatchingStep.h"
 
+#include "Ordering.h"
 #include "Scaling.h"
 #include "WeightedMatching.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace skyrinse::spds {
 
@@ -94,6 +96,11 @@ MatchingOutcome runMatchingStep(const MatchingRequest& rq, IntBlock& permutation
             return out;
         }
         if (rq.matching < 0) return out;
+        if (!rq.a) {
+            // The matching weighs entries; without values there is nothing to weigh.
+            out.error = -5;
+            return out;
+        }
         // Both methods (iparm[12] = 1 and 2) are served by the same
         // maximum-product matching.
         ensureHandleBlocks(rq, permutation, scalings, counter);
@@ -115,6 +122,59 @@ MatchingOutcome runMatchingStep(const MatchingRequest& rq, IntBlock& permutation
         out.internalCode = kPermutationBlock;
         return out;
     }
+}
+
+CompressedOrderer blockGraphOrderer(int method, int partitions, int threads, MemoryCounter* memory,
+                                    double* seconds) {
+    return [=](const CompressedGraph& g) {
+        // One-based rows with the diagonal first, so that no row is empty;
+        // the ordering graph drops the diagonal again.
+        const int nodes = g.nodes;
+        const std::int64_t edges = static_cast<std::int64_t>(g.adjncy.size());
+        IntBlock ia(static_cast<std::int64_t>(nodes) + 1, kIntegerWork, memory);
+        IntBlock ja(checkedAdd(edges, nodes), kIntegerWork, memory);
+        std::int64_t p = 0;
+        for (int b = 0; b < nodes; ++b) {
+            ia[b] = static_cast<int>(p + 1);
+            ja[p++] = b + 1;
+            for (int k = g.xadj[b]; k < g.xadj[b + 1]; ++k)
+                ja[p++] = g.adjncy[k] + 1;
+        }
+        ia[nodes] = static_cast<int>(p + 1);
+
+        OrderingInput in;
+        in.n = nodes;
+        in.ia = ia.data();
+        in.ja = ja.data();
+        in.mtype = 11; // the block graph is stored whole: A + A' is A itself
+        in.method = method;
+        in.partitions = partitions;
+        in.threads = threads;
+        in.memory = memory;
+        OrderingResult r;
+        const OrderingTimes t = computeOrdering(in, r);
+        if (seconds) *seconds += t.graph + t.ordering;
+
+        CompressedOrdering co;
+        co.order = IntBlock(nodes, kIntegerWork, memory);
+        for (int k = 0; k < nodes; ++k)
+            co.order[k] = r.perm[k] - 1;
+        co.domainpairs = std::move(r.domainpairs);
+        co.ndomains = r.ndomains;
+        return co;
+    };
+}
+
+void reportMatchingFailure(const MatchingOutcome& outcome, int n, int msglvl) {
+    if (outcome.error == -5 && outcome.internalCode == kGuardMessage) {
+        std::printf("System error in SPDS\n");
+    } else if (outcome.error == -6 && msglvl != 0) {
+        std::printf("*** Error in SPDS  (prereordering_mtype11,13) error_num= %d\n", outcome.error);
+        std::printf("*** Error in SPDS: preordering failed after %d neqns out of %d\n",
+                    outcome.matched, n);
+        std::printf("structure singular or input/parameter problem (matrixtype 11,13)\n");
+    }
+    std::fflush(stdout);
 }
 
 } // namespace skyrinse::spds

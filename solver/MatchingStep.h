@@ -61,4 +61,16 @@ MatchingOutcome runMatchingStep(const MatchingRequest& request, IntBlock& permut
                                 Block<double>& scalings, const CompressedOrderer& order,
                                 MemoryCounter* counter = nullptr);
 
+// The block graph ordered by the ordering stage of the analysis (Ordering.h)
+// with the method of iparm[1] and the partition count of the analysis; its
+// times are added to *seconds when given. Ordering failures propagate as
+// OrderingFailure, like those of the ordering stage itself.
+CompressedOrderer blockGraphOrderer(int method, int partitions, int threads, MemoryCounter* memory,
+                                    double* seconds);
+
+// Prints the words of a failed step on standard output: for -6 the error
+// line and "preordering failed after k neqns out of n" with its explanation
+// when msglvl != 0; for the guard -5 "System error in SPDS" at any level.
+void reportMatchingFailure(const MatchingOutcome& outcome, int n, int msglvl);
+
 } // namespace skyrinse::spds

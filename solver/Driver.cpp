@@ -8,6 +8,7 @@
 #include "Driver.h"
 
 #include "Handle.h"
+#include "MatchingStep.h"
 #include "MatrixCheck.h"
 #include "Ordering.h"
 #include "SymbolicFactorization.h"
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -33,7 +35,6 @@ constexpr int kCodeBadFactorNumber = 100;
 constexpr int kStatusParameters = -1;
 constexpr int kStatusMemory = -2;
 constexpr int kStatusReordering = -3;
-constexpr int kStatusInternal = -5;
 constexpr int kStatusOverflow = -8;
 
 bool acceptedMatrixType(int mtype) {
@@ -189,17 +190,34 @@ void Call<T>::analyse() {
         return;
     }
 
-    // Matching and scaling: identity and unit scalings until the weighted
-    // matching is run here; the ordering then sees the pattern as stored.
-    const int* rowPermutation = nullptr;
-    if (mtype > 10 || h->matching > 0) {
-        h->matchingPermutation = IntBlock(n, -403, &h->memory);
-        h->scalings = Block<double>(2 * static_cast<std::int64_t>(n), -404, &h->memory);
-        for (int i = 0; i < n; ++i)
-            h->matchingPermutation[i] = i + 1;
-        std::fill(h->scalings.begin(), h->scalings.end(), 1.0);
-        rowPermutation = h->matchingPermutation.data();
+    // Matching and scaling (MatchingStep.h): the row permutation and the
+    // scalings on the handle; for mtype -2 also the order of the block graph,
+    // which stands in for the fill-reducing order unless the caller gave one.
+    MatchingRequest mrq;
+    mrq.mtype = mtype;
+    mrq.n = n;
+    mrq.maxfct = h->maxfct;
+    mrq.matching = h->matching;
+    mrq.scaling = h->scaling;
+    mrq.single = sizeof(T) == sizeof(float);
+    mrq.a = a.a;
+    mrq.ia = a.ia;
+    mrq.ja = a.ja;
+    MatchingOutcome matched =
+        runMatchingStep(mrq, h->matchingPermutation, h->scalings,
+                        blockGraphOrderer(h->ordering, h->partitions, h->threads, &h->memory,
+                                          &h->timers[kTimeOrdering]),
+                        &h->memory);
+    if (matched.error != 0) {
+        reportMatchingFailure(matched, n, *a.msglvl);
+        status = matched.error;
+        internal = matched.internalCode;
+        return;
     }
+    const int* rowPermutation =
+        h->matchingPermutation.empty() ? nullptr : h->matchingPermutation.data();
+    const bool callerOrder = h->userPermutation > 0 && h->userPermutation != 2;
+    const bool pairOrder = matched.hasPairOrder && !callerOrder;
 
     OrderingInput oin;
     oin.n = n;
@@ -207,8 +225,8 @@ void Call<T>::analyse() {
     oin.ja = a.ja;
     oin.mtype = mtype;
     oin.method = h->ordering;
-    oin.userPermutation = h->userPermutation;
-    oin.callerPerm = a.perm;
+    oin.userPermutation = pairOrder ? 1 : h->userPermutation;
+    oin.callerPerm = pairOrder ? matched.pairOrder.perm.data() : a.perm;
     oin.rowPermutation = mtype > 10 ? rowPermutation : nullptr;
     oin.partitions = h->partitions;
     oin.threads = h->threads;
@@ -216,6 +234,13 @@ void Call<T>::analyse() {
     const OrderingTimes ot = computeOrdering(oin, h->ordering_);
     h->timers[kTimeGraph] += ot.graph;
     h->timers[kTimeOrdering] += ot.ordering;
+    if (pairOrder) {
+        if (matched.pairOrder.ndomains > 1) {
+            h->ordering_.domainpairs = std::move(matched.pairOrder.domainpairs);
+            h->ordering_.ndomains = matched.pairOrder.ndomains;
+        }
+        h->partitions = matched.pairOrder.partitions;
+    }
     if (h->userPermutation == 2 && a.perm)
         std::copy(h->ordering_.perm.begin(), h->ordering_.perm.end(), a.perm);
 
@@ -335,7 +360,8 @@ int Call<T>::run() {
         internal = kCodeSolveBeforeAnalysis;
         return exit();
     }
-    a.pt[0] = static_cast<char*>(a.pt[0]) + 1;
+    // The counter lives in a pointer-sized word; count in integers.
+    a.pt[0] = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(a.pt[0]) + 1);
 
     // The call's values become the record.
     const int n = *a.n;

@@ -62,7 +62,9 @@ int entry(const CallArgs& args) {
                                   static_cast<double*>(args.x));
         return r == 0 ? 0 : kDiagonalFailure;
     }
-    if (iparm[11] == -1) return 0;
+    // A diagonal matrix marks iparm[11] so that later phases on the same
+    // handle do nothing; releasing a handle still releases it.
+    if (iparm[11] == -1 && !(phase <= 0 && handleOf(args.pt))) return 0;
     iparm[2] = threads;
     return single ? runDriver<float>(args, threads) : runDriver<double>(args, threads);
 }

@@ -42,11 +42,12 @@ int runInput(const std::uint8_t* data, std::size_t size) {
         ia[static_cast<std::size_t>(i)] =
             ia[static_cast<std::size_t>(i) - 1] + step % 7 - ((step & 0xe0) == 0xe0 ? 3 : 0);
     }
-    // The caller's promise: ja and a hold ia[n] - 1 entries.
-    ia[static_cast<std::size_t>(n)] =
-        std::clamp(ia[static_cast<std::size_t>(n)], 1, kMaxEntries + 1);
-    const int nnz = ia[static_cast<std::size_t>(n)] - 1;
-    std::vector<int> ja(static_cast<std::size_t>(std::max(1, nnz)));
+    // The caller's promise: ja and a hold ia[n] - 1 entries, for any n the
+    // calls pass (n or n - 1), so they are sized for the largest ia.
+    for (int& v : ia)
+        v = std::min(v, kMaxEntries + 1);
+    const int nnz = std::max(1, *std::max_element(ia.begin(), ia.end()) - 1);
+    std::vector<int> ja(static_cast<std::size_t>(nnz));
     for (int& j : ja) {
         const int b = in.next();
         j = (b & 0xf0) == 0xf0 ? b % 5 - 2 + ((b & 1) ? n : 0) : 1 + b % n;
@@ -85,6 +86,9 @@ int runInput(const std::uint8_t* data, std::size_t size) {
     int releaseType = mtype;
     spds(pt, &maxfct, &mnum, &releaseType, &phase, &n, a.data(), ia.data(), ja.data(), perm.data(),
          &nrhs, iparm, &msglvl, b.data(), x.data(), &error);
+    // Phase -1 must leave the handle as it was before the first call.
+    for (void* word : pt)
+        if (word) return -1;
     return calls;
 }
 

@@ -8,7 +8,8 @@
 
 namespace spdsfuzz {
 
-// Runs the calls; returns the number of calls made. Any crash, hang or
+// Runs the calls and releases the handle; returns the number of calls made,
+// or -1 when the release left words of the handle set. Any crash, hang or
 // sanitizer report is a defect of the solver.
 int runInput(const std::uint8_t* data, std::size_t size);
 

@@ -11,6 +11,7 @@
 #include "WeightedMatching.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace skyrinse::spds {
@@ -41,19 +42,37 @@ void writeScaling(const MatchingRequest& rq, int mode, std::span<const int> matc
                     all.subspan(n, n));
 }
 
+bool isComplexType(int mtype) {
+    return mtype == 13 || mtype == -4 || mtype == 6;
+}
+bool hasMatching(int mtype) {
+    return mtype == 11 || mtype == 13 || scalesSymmetrically(mtype);
+}
+
 template <class T>
 MatchingOutcome matchAndScale(const MatchingRequest& rq, IntBlock& permutation,
                               Block<double>& scalings, const CompressedOrderer& order,
                               MemoryCounter* counter) {
     MatchingOutcome out;
     const int n = rq.n;
-    const SparseView<T> stored = borrowView(n, rq.ia, rq.ja, static_cast<const T*>(rq.a));
+    // Complex values come as (real, imaginary) pairs; the matching and the
+    // pair test only weigh magnitudes, so those are taken once up front.
+    Block<T> magnitudes;
+    const T* values = static_cast<const T*>(rq.a);
+    if (isComplexType(rq.mtype)) {
+        const std::int64_t nnz = static_cast<std::int64_t>(rq.ia[n]) - rq.ia[0];
+        magnitudes = Block<T>(nnz, kRealWork, counter);
+        for (std::int64_t k = 0; k < nnz; ++k)
+            magnitudes[k] = std::hypot(values[2 * k], values[2 * k + 1]);
+        values = magnitudes.data();
+    }
+    const SparseView<T> stored = borrowView(n, rq.ia, rq.ja, values);
 
     IntBlock match(n, kIntegerWork, counter);
     Block<T> u(n, kRealWork, counter);
     Block<T> v(n, kRealWork, counter);
 
-    const bool symmetric = rq.mtype == -2;
+    const bool symmetric = scalesSymmetrically(rq.mtype);
     SparseView<T> full;
     if (symmetric) full = expandSymmetric(stored, counter, kIntegerWork);
     const MatchingResult m =
@@ -104,7 +123,7 @@ MatchingOutcome runMatchingStep(const MatchingRequest& rq, IntBlock& permutation
         // Both methods (iparm[12] = 1 and 2) are served by the same
         // maximum-product matching.
         ensureHandleBlocks(rq, permutation, scalings, counter);
-        if (rq.mtype != 11 && rq.mtype != -2) {
+        if (!hasMatching(rq.mtype)) {
             out.error = -5;
             out.internalCode = kGuardMessage;
             return out;

@@ -3,15 +3,18 @@
 //
 //   matching off, mtype above 10   identity permutation and unit scalings
 //   matching off, other types      nothing
-//   matching on, mtype 11          maximum-product matching of the matrix,
+//   matching on, mtype 11, 13      maximum-product matching of the matrix,
 //                                  its permutation, and with scaling on the
 //                                  scalings exp(u), exp(v)
-//   matching on, mtype -2          matching of the full symmetric pattern,
+//   matching on, mtype -2, -4, 6   matching of the full symmetric pattern,
 //                                  the pair-keeping order of the block graph
 //                                  (SymmetricPairOrder.h), and with scaling
 //                                  on the symmetric scaling
 //   matching on, other types       no matching exists for them: error -5
 //                                  with the guard code 773
+//
+// Complex types (13, -4, 6) hold (real, imaginary) pairs in a; the matching
+// weighs their magnitudes, copied once into a work of nnz reals (-402).
 //
 // Reads the caller's a, ia, ja (one-based) and never writes to them; they
 // are identical after the call whatever its outcome. Writes the handle's
@@ -52,8 +55,8 @@ struct MatchingOutcome {
     int matched = 0;      // columns matched, when the matching ran
     bool ran = false;     // the weighted matching was computed
     bool hasPairOrder = false;
-    PairOrder pairOrder; // mtype -2 with the matching on
-    IntBlock fullIa;     // full symmetric pattern of mtype -2, zero-based
+    PairOrder pairOrder; // symmetric types (-2, -4, 6) with the matching on
+    IntBlock fullIa;     // their full symmetric pattern, zero-based
     IntBlock fullJa;
 };
 

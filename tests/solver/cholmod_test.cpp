@@ -79,6 +79,7 @@ TEST(AgainstCholmod, MattingShapedSystems) {
     expectSameCount(spdstest::stencilMatrix(60, 45, true), -2, 3);
     expectSameCount(spdstest::stencilMatrix(60, 45, false), 11, 2);
     expectSameCount(spdstest::stencilMatrix(50, 40, true), -2, 0);
+    expectSameCount(spdstest::stencilMatrix(90, 80, true), -2, 3); // contracted dissection
 }
 
 TEST(AgainstCholmod, CallersPermutation) {

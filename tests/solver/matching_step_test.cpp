@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <metis.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <set>
@@ -251,11 +252,61 @@ TYPED_TEST(MatchingStepTyped, ZeroColumnIsStructurallySingular) {
 TEST(MatchingStep, TypesWithoutAMatchingAreRefused) {
     std::mt19937 rng(5);
     const Csr<double> m = randomUnsymmetric<double>(5, 2, rng);
-    for (int mtype : {1, 2, -4, 6, 13}) {
+    for (int mtype : {1, 2, 3, -1, 4}) {
         HandleBlocks h;
         const MatchingOutcome out = step(m, mtype, 1, true, h);
         EXPECT_EQ(out.error, -5) << mtype;
         EXPECT_EQ(out.internalCode, skyrinse::spds::kGuardMessage) << mtype;
+    }
+}
+
+// Complex values as (real, imaginary) pairs: the matching weighs moduli, so
+// a large imaginary entry counts as much as a large real one.
+TEST(MatchingStep, ComplexTypesAreMatchedByModulus) {
+    // Row i holds 1 + 0i on the diagonal and 0 + 50i in column (i + 1) % n.
+    const int n = 6;
+    Csr<double> m;
+    m.n = n;
+    m.ia.push_back(1);
+    std::vector<double> pairs;
+    for (int i = 0; i < n; ++i) {
+        const int j = (i + 1) % n;
+        std::vector<std::pair<int, std::pair<double, double>>> row{{i, {1.0, 0.0}},
+                                                                   {j, {0.0, 50.0 + i}}};
+        std::sort(row.begin(), row.end());
+        for (auto& [c, z] : row) {
+            m.ja.push_back(c + 1);
+            pairs.push_back(z.first);
+            pairs.push_back(z.second);
+        }
+        m.ia.push_back(static_cast<int>(m.ja.size()) + 1);
+    }
+    MatchingRequest rq;
+    rq.mtype = 13;
+    rq.n = n;
+    rq.matching = 1;
+    rq.scaling = true;
+    rq.a = pairs.data();
+    rq.ia = m.ia.data();
+    rq.ja = m.ja.data();
+    HandleBlocks h;
+    const MatchingOutcome out = runMatchingStep(rq, h.permutation, h.scalings, identityOrder);
+    ASSERT_EQ(out.error, 0);
+    for (int i = 0; i < n; ++i) {
+        const int j = (i + 1) % n;
+        EXPECT_EQ(h.permutation[j], i + 1) << "column " << j;
+        EXPECT_NEAR(h.scalings[i] * (50.0 + i) * h.scalings[n + j], 1.0, 1e-12);
+        EXPECT_LE(h.scalings[i] * 1.0 * h.scalings[n + i], 1.0 + 1e-12);
+    }
+
+    // The same pattern stored as complex symmetric (upper triangle of a
+    // cyclic band) goes through the pair order.
+    for (int mtype : {-4, 6}) {
+        rq.mtype = mtype;
+        HandleBlocks hs;
+        const MatchingOutcome sym = runMatchingStep(rq, hs.permutation, hs.scalings, identityOrder);
+        EXPECT_EQ(sym.error, 0) << mtype;
+        EXPECT_TRUE(sym.hasPairOrder) << mtype;
     }
 }
 

@@ -232,6 +232,18 @@ TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
     expectMatchesBruteForce(m, *s.handle());
 }
 
+TEST(SymbolicStructure, ContractedDissectionMatchesBruteForce) {
+    // Wide enough stencil that the dissection works on contracted pairs.
+    const Matrix m = spdstest::stencilMatrix(70, 65, true);
+    Solver s;
+    s.mtype = -2;
+    s.iparm[0] = 1;
+    s.iparm[1] = 3;
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_GT(s.handle()->ordering_.ndomains, 1);
+    expectMatchesBruteForce(m, *s.handle());
+}
+
 TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
     const int n = 300;
     std::vector<std::set<int>> rows(n);

@@ -139,8 +139,8 @@ std::unique_ptr<float[]> ZImage::estimateDarkChannel(std::span<float, 3> airligh
     const int w = Width();
     const int h = Height();
     Z_CHECK(w > 0 && h > 0, Z_INVALID_BITMAP);
-    const int threads = std::max(1, threadCount);
     const std::size_t pixels = static_cast<std::size_t>(w) * h;
+    const int threads = haze::regionThreads(pixels);
 
     // Per-channel window minimum; alpha is filtered along and never read.
     std::vector<float> filtered(pixels * 4);
@@ -223,7 +223,7 @@ std::unique_ptr<float[]> ZImage::upsampleDarkChannel(const float* map,
     const int sw = working.Width();
     const int sh = working.Height();
     Z_CHECK(sw > 0 && sh > 0, Z_INVALID_BITMAP);
-    const int threads = std::max(1, threadCount);
+    const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
 
     const float fx = static_cast<float>(sw) / static_cast<float>(w);
     const float fy = static_cast<float>(sh) / static_cast<float>(h);
@@ -280,7 +280,7 @@ void ZImage::applyHazeRemoval(const float* airDepthMap, std::span<const float, 3
     Z_CHECK(airDepthMap, Z_INVALID_PARAMETER);
     const int w = Width();
     const int h = Height();
-    const int threads = std::max(1, threadCount);
+    const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
     const float a[3] = {airlight[0], airlight[1], airlight[2]};
 
 #pragma omp parallel for schedule(static) num_threads(threads)

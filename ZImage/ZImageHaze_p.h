@@ -2,6 +2,8 @@
 // weight tables of the upsampling and the ordered map of the airlight search.
 #pragma once
 
+#include "ZImage/ThreadCount.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <limits>
@@ -19,6 +21,16 @@ inline int windowRadius(int width, int height) {
 // of 1999, then one more per thousand rows.
 inline int candidateRows(int height) {
     return height > 1000 ? height / 1000 : 1;
+}
+
+// Team size of a region over `pixels` pixels: threadCount, but no thread gets
+// less than a quarter megapixel. Below that, starting and joining the team
+// costs more than it saves, and when the other core is busy the barrier waits
+// far longer than the work takes. Results never depend on the team size.
+inline int regionThreads(std::size_t pixels) {
+    constexpr std::size_t minPixelsPerThread = std::size_t{1} << 18;
+    const std::size_t useful = std::max<std::size_t>(1, pixels / minPixelsPerThread);
+    return static_cast<int>(std::min<std::size_t>(std::max(1, threadCount), useful));
 }
 
 // Joint bilateral weights. The range weight is the normal density with

@@ -89,6 +89,16 @@ TEST(DarkChannelSizes, CandidatesAreWholeRowsByThousands) {
     EXPECT_EQ(3, haze::candidateRows(3999));
 }
 
+TEST(DarkChannelSizes, RegionsSplitOnlyWhenEachThreadGetsAQuarterMegapixel) {
+    hazetest::ThreadCountScope threads(2);
+    EXPECT_EQ(1, haze::regionThreads(100000));
+    EXPECT_EQ(1, haze::regionThreads(2 * 262144 - 1));
+    EXPECT_EQ(2, haze::regionThreads(2 * 262144));
+    EXPECT_EQ(2, haze::regionThreads(24000000));
+    threadCount = 0;
+    EXPECT_EQ(1, haze::regionThreads(24000000));
+}
+
 TEST(TopPixelMap, NewestOfEqualKeysComesFirstAndIsReplacedFirst) {
     const float px[5] = {};
     haze::TopPixelMap top;
@@ -223,7 +233,7 @@ TEST(EstimateDarkChannel, TransparentPixelCanSupplyTheAirlight) {
 }
 
 TEST(EstimateDarkChannel, ResultDoesNotDependOnThreadCount) {
-    const ZImage image = hazetest::randomImage(367, 271, 77, 0.0f, 1.0f);
+    const ZImage image = hazetest::randomImage(820, 700, 77, 0.0f, 1.0f);
     Estimate one, two;
     {
         hazetest::ThreadCountScope threads(1);
@@ -231,6 +241,7 @@ TEST(EstimateDarkChannel, ResultDoesNotDependOnThreadCount) {
     }
     {
         hazetest::ThreadCountScope threads(2);
+        ASSERT_EQ(2, haze::regionThreads(820 * 700)) << "too small to split";
         two = estimate(image);
     }
     EXPECT_EQ(one.airlight, two.airlight);

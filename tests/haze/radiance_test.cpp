@@ -2,6 +2,7 @@
 // working size, the cached map, thread independence, failure without change,
 // and the recovery of a synthetic hazy scene.
 #include "ZImage/ZImageHaze.h"
+#include "ZImage/ZImageHaze_p.h"
 
 #include "HazeTestImages.h"
 
@@ -219,11 +220,12 @@ TEST(RunHazeRemoval, FailureLeavesImageAndCacheAsTheyWere) {
 }
 
 TEST(RunHazeRemoval, ResultDoesNotDependOnThreadCount) {
-    const ZImage source = hazetest::randomImage(523, 389, 94);
+    const ZImage source = hazetest::randomImage(1000, 600, 94);
     std::vector<float> images[2], maps[2];
     std::array<float, 3> airlights[2];
     for (int threads = 1; threads <= 2; ++threads) {
         hazetest::ThreadCountScope scope(threads);
+        ASSERT_EQ(threads, haze::regionThreads(1000 * 600)) << "too small to split";
         ZImage image;
         image.CopyFrom(source);
         HazeSettings settings;
@@ -231,7 +233,7 @@ TEST(RunHazeRemoval, ResultDoesNotDependOnThreadCount) {
         runHazeRemoval(image, settings);
         images[threads - 1] = hazetest::pixels(image);
         maps[threads - 1].assign(settings.airDepthMap.get(),
-                                 settings.airDepthMap.get() + 523 * 389);
+                                 settings.airDepthMap.get() + 1000 * 600);
         airlights[threads - 1] = settings.airlight;
     }
     EXPECT_EQ(airlights[0], airlights[1]);

@@ -200,7 +200,7 @@ TEST(UpsampleDarkChannel, TransparencyGivesZero) {
 }
 
 TEST(UpsampleDarkChannel, ResultDoesNotDependOnThreadCount) {
-    const ZImage full = hazetest::randomImage(401, 333, 60);
+    const ZImage full = hazetest::randomImage(1100, 520, 60);
     const ZImage working = hazetest::randomImage(120, 100, 61);
     const auto map = randomMap(12000, 62);
     std::vector<float> one, two;
@@ -210,6 +210,7 @@ TEST(UpsampleDarkChannel, ResultDoesNotDependOnThreadCount) {
     }
     {
         hazetest::ThreadCountScope threads(2);
+        ASSERT_EQ(2, haze::regionThreads(1100 * 520)) << "too small to split";
         two = upsample(full, working, map);
     }
     EXPECT_TRUE(hazetest::sameBits(one.data(), two.data(), one.size()));

@@ -140,33 +140,6 @@ void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
     }
 }
 
-void layoutValues(int n, SymbolicResult& sym) {
-    const OneBased<const int> snode = oneBased(sym.snode.data());
-    const OneBased<const int> xsup = oneBased(sym.xsup.data());
-    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
-    const OneBased<int> xlnz = oneBased(sym.xlnz.data());
-    const OneBased<int> xunz = oneBased(sym.xunz.data());
-    // Tested before each growth against a bound that leaves room for the
-    // largest possible column, so the last pointer still fits 32 bits.
-    const std::int64_t limit = 2147483645LL - n;
-    std::int64_t pos = 1, upos = 1;
-    for (int c = 1; c <= n; ++c) {
-        const int s = snode[c];
-        const int fst = xsup[s];
-        const int height = colcnt[fst];
-        const int width = xsup[s + 1] - fst;
-        if (pos > limit || upos > limit) throw SymbolicFailure{kStatusOverflow};
-        xlnz[c] = static_cast<int>(pos);
-        xunz[c] = static_cast<int>(upos);
-        pos += height;
-        upos += height - width;
-    }
-    xlnz[n + 1] = static_cast<int>(pos);
-    xunz[n + 1] = static_cast<int>(upos);
-    sym.lnzSize = pos - 1;
-    sym.unzSize = upos - 1;
-}
-
 void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
                        MemoryCounter* memory) {
     const int nsuper = sym.nsuper;
@@ -356,6 +329,33 @@ void buildUpdateLists(const OrderingResult& ord, SymbolicResult& sym, int mtype,
 }
 
 } // namespace
+
+void layoutValues(int n, SymbolicResult& sym) {
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
+    const OneBased<int> xlnz = oneBased(sym.xlnz.data());
+    const OneBased<int> xunz = oneBased(sym.xunz.data());
+    // Tested before each growth against a bound that leaves room for the
+    // largest possible column, so the last pointer still fits 32 bits.
+    const std::int64_t limit = 2147483645LL - n;
+    std::int64_t pos = 1, upos = 1;
+    for (int c = 1; c <= n; ++c) {
+        const int s = snode[c];
+        const int fst = xsup[s];
+        const int height = colcnt[fst];
+        const int width = xsup[s + 1] - fst;
+        if (pos > limit || upos > limit) throw SymbolicFailure{kStatusOverflow};
+        xlnz[c] = static_cast<int>(pos);
+        xunz[c] = static_cast<int>(upos);
+        pos += height;
+        upos += height - width;
+    }
+    xlnz[n + 1] = static_cast<int>(pos);
+    xunz[n + 1] = static_cast<int>(upos);
+    sym.lnzSize = pos - 1;
+    sym.unzSize = upos - 1;
+}
 
 int panelWidth(int mtype, int threads, int n) {
     const bool unsymmetricPanels = mtype == 1 || mtype == 3 || mtype == 11 || mtype == 13;

@@ -53,6 +53,9 @@ int panelWidth(int mtype, int threads, int n);
 // Building blocks, exposed for the tests. Arrays are one-based with an unused
 // slot 0 where they are indexed by position.
 void eliminationTree(int n, const OrderingResult& ord, int* parent);
+// Column pointers xlnz/xunz from snode, xsup and colcnt; throws
+// SymbolicFailure{-182} when a pointer would pass the 32-bit range.
+void layoutValues(int n, SymbolicResult& sym);
 // Returns the number of entries of L, diagonal included.
 std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent, int threads,
                           MemoryCounter* memory, int* colcnt);

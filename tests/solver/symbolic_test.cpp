@@ -317,6 +317,35 @@ TEST(SymbolicStructure, DiagonalPatternGivesOnlyLeavesAndNoUpdates) {
     EXPECT_EQ(sym.tmpsiz, 4 * n); // no update at all: the size falls back to n
 }
 
+TEST(SymbolicStructure, FactorPastThirtyTwoBitsIsAnOverflowNotAWrap) {
+    // Three supernodes of one column each, so tall that the third column
+    // would start beyond what a 32-bit position can hold.
+    auto layout = [](int height) {
+        const int n = 3;
+        SymbolicResult sym;
+        sym.snode = IntBlock(n, -600, nullptr);
+        sym.xsup = IntBlock(n + 1, -700, nullptr);
+        sym.colcnt = IntBlock(n, -600, nullptr);
+        sym.xlnz = IntBlock(n + 1, -801, nullptr);
+        sym.xunz = IntBlock(n + 1, -802, nullptr);
+        for (int j = 0; j < n; ++j) {
+            sym.snode[j] = j + 1;
+            sym.xsup[j] = j + 1;
+            sym.colcnt[j] = height;
+        }
+        sym.xsup[n] = n + 1;
+        layoutValues(n, sym);
+        return sym.lnzSize;
+    };
+    EXPECT_EQ(layout(700000000), 2100000000LL);
+    try {
+        layout(1100000000);
+        ADD_FAILURE() << "no overflow reported";
+    } catch (const SymbolicFailure& f) {
+        EXPECT_EQ(f.status, -182);
+    }
+}
+
 TEST(SymbolicStructure, PanelWidthFollowsTypeThreadsAndSize) {
     EXPECT_EQ(panelWidth(11, 1, 10), 128);
     EXPECT_EQ(panelWidth(11, 2, 10), 96);

@@ -1,0 +1,99 @@
+// Matrix Market reading of spds-solve: the CSR handed to spds for each
+// matrix type, and one damaged file per row refused with a message.
+#include "MatrixMarket.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+std::string writeFile(const std::string& name, const std::string& text) {
+    const auto path = std::filesystem::temp_directory_path() / ("spds_mm_" + name + ".mtx");
+    std::ofstream(path) << text;
+    return path.string();
+}
+
+const char* kSymmetric = "%%MatrixMarket matrix coordinate real symmetric\n"
+                         "% a comment\n"
+                         "3 3 4\n"
+                         "1 1 4\n"
+                         "3 1 -1\n"
+                         "2 2 5\n"
+                         "3 1 -0.5\n"; // repeated: summed
+
+TEST(MatrixMarket, SymmetricFileToUpperTriangleWithEveryDiagonal) {
+    skyrinse::mm::Triplets t;
+    std::string message;
+    ASSERT_TRUE(skyrinse::mm::read(writeFile("sym", kSymmetric), t, message)) << message;
+    EXPECT_TRUE(t.symmetric);
+    const skyrinse::mm::Csr c = skyrinse::mm::toCsr(t, -2);
+    EXPECT_EQ(c.ia, (std::vector<int>{1, 3, 4, 5}));
+    EXPECT_EQ(c.ja, (std::vector<int>{1, 3, 2, 3}));
+    EXPECT_EQ(c.a, (std::vector<double>{4, -1.5, 5, 0})) << "row 3 gets its missing diagonal";
+}
+
+TEST(MatrixMarket, SymmetricFileToFullPatternForUnsymmetricTypes) {
+    skyrinse::mm::Triplets t;
+    std::string message;
+    ASSERT_TRUE(skyrinse::mm::read(writeFile("full", kSymmetric), t, message)) << message;
+    const skyrinse::mm::Csr c = skyrinse::mm::toCsr(t, 11);
+    EXPECT_EQ(c.ia, (std::vector<int>{1, 3, 4, 5}));
+    EXPECT_EQ(c.ja, (std::vector<int>{1, 3, 2, 1}));
+    EXPECT_EQ(c.a, (std::vector<double>{4, -1.5, 5, -1.5}));
+}
+
+TEST(MatrixMarket, WrittenFileReadsBack) {
+    skyrinse::mm::Triplets t;
+    t.n = 2;
+    t.rows = {1, 2, 1};
+    t.cols = {1, 2, 2};
+    t.values = {0.1, 2e-30, -7};
+    std::string message;
+    const std::string path = writeFile("roundtrip", "");
+    ASSERT_TRUE(skyrinse::mm::write(path, t, message)) << message;
+    skyrinse::mm::Triplets back;
+    ASSERT_TRUE(skyrinse::mm::read(path, back, message)) << message;
+    EXPECT_EQ(back.rows, t.rows);
+    EXPECT_EQ(back.cols, t.cols);
+    EXPECT_EQ(back.values, t.values);
+}
+
+struct BrokenFile {
+    const char* what;
+    const char* text;
+};
+
+const BrokenFile kBroken[] = {
+    {"no banner", "3 3 1\n1 1 1\n"},
+    {"array format", "%%MatrixMarket matrix array real general\n2 2\n1\n2\n3\n4\n"},
+    {"complex field", "%%MatrixMarket matrix coordinate complex general\n1 1 1\n1 1 1 0\n"},
+    {"skew symmetry", "%%MatrixMarket matrix coordinate real skew-symmetric\n2 2 1\n2 1 1\n"},
+    {"not square", "%%MatrixMarket matrix coordinate real general\n2 3 1\n1 1 1\n"},
+    {"entry outside", "%%MatrixMarket matrix coordinate real general\n2 2 1\n3 1 1\n"},
+    {"entry missing", "%%MatrixMarket matrix coordinate real general\n2 2 2\n1 1 1\n"},
+    {"value missing", "%%MatrixMarket matrix coordinate real general\n2 2 1\n1 1\n"},
+};
+
+class MatrixMarketBroken : public ::testing::TestWithParam<BrokenFile> {};
+
+TEST_P(MatrixMarketBroken, IsRefusedWithAMessage) {
+    skyrinse::mm::Triplets t;
+    std::string message;
+    EXPECT_FALSE(skyrinse::mm::read(writeFile("broken", GetParam().text), t, message))
+        << GetParam().what;
+    EXPECT_FALSE(message.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(OneFaultEach, MatrixMarketBroken, ::testing::ValuesIn(kBroken));
+
+TEST(MatrixMarket, MissingFileNamesThePath) {
+    skyrinse::mm::Triplets t;
+    std::string message;
+    EXPECT_FALSE(skyrinse::mm::read("/nonexistent/spds.mtx", t, message));
+    EXPECT_NE(message.find("/nonexistent/spds.mtx"), std::string::npos);
+}
+
+} // namespace

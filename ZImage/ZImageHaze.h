@@ -12,8 +12,8 @@
 // ZImageHaze.cpp) and take only RGBA images with 32-bit float components
 // (type code 32, depth 32, 1.0 full scale); anything else throws
 // ZException("Invalid Bitmap"). Each per-pixel stage is one OpenMP region over
-// rows with `threadCount` threads and a static split; no result depends on the
-// thread count.
+// rows with a static split and `threadCount` threads, none of which gets less
+// than a quarter megapixel; no result depends on the team size.
 //
 //   ZImage::estimateDarkChannel(airlight)      working image -> map D, airlight
 //   ZImage::upsampleDarkChannel(D, working)    full image    -> full-size map

@@ -275,4 +275,47 @@ TYPED_TEST(MatchingEntry, ZeroColumnFailsWithMinusSixAndItsReport) {
     }
 }
 
+// Failing the k-th allocation of an analysis with the matching on, for
+// k = 0, 1, ... until it succeeds: each failure is -2 with the code of a
+// block, phase -1 leaves nothing behind, and the caller's arrays stay.
+template <class T>
+void sweepAnalysis(const Csr<T>& m, int mtype) {
+    const Csr<T> before = m;
+    std::set<int> codes;
+    bool succeeded = false;
+    for (long k = 0; k < 2000 && !succeeded; ++k) {
+        FailingHeap heap(k);
+        int error = 0;
+        int code = 0;
+        {
+            Analysis<T> s(mtype, 2);
+            error = s.analyse(m);
+            code = s.handle() ? s.handle()->internalCode : -100;
+        } // phase -1
+        EXPECT_EQ(heap.live(), 0) << "allocation " << k;
+        EXPECT_EQ(m.ia, before.ia);
+        EXPECT_EQ(m.ja, before.ja);
+        EXPECT_EQ(m.a, before.a);
+        if (error == 0) {
+            succeeded = true;
+            break;
+        }
+        EXPECT_EQ(error, -2) << "allocation " << k;
+        codes.insert(code);
+    }
+    EXPECT_TRUE(succeeded);
+    for (int code : {-401, -402, -403, -404})
+        EXPECT_EQ(codes.count(code), 1u) << "no failure named " << code;
+}
+
+TEST(MatchingEntryMemory, SymmetricAnalysisFailuresAreReported) {
+    std::mt19937 rng(36);
+    sweepAnalysis(saddlePoint<double>(40, 15, rng), -2);
+}
+
+TEST(MatchingEntryMemory, UnsymmetricAnalysisFailuresAreReported) {
+    std::mt19937 rng(37);
+    sweepAnalysis(randomUnsymmetric<float>(40, 3, rng), 11);
+}
+
 } // namespace

@@ -401,7 +401,8 @@ void buildOrderingGraph(const OrderingInput& in, OrderingResult& out) {
     const int n = in.n;
     const int* ia = in.ia;
     const int* ja = in.ja;
-    IntBlock count(static_cast<std::int64_t>(n) + 1, kGraphCode, in.memory);
+    // Twice the entries of a 32-bit pattern can pass 32 bits: count in 64.
+    Block<std::int64_t> count(static_cast<std::int64_t>(n) + 1, kGraphCode, in.memory);
     auto sourceRow = [&](int i) { return in.rowPermutation ? in.rowPermutation[i] - 1 : i; };
     for (int i = 0; i < n; ++i) {
         const int r = sourceRow(i);
@@ -438,6 +439,11 @@ void buildOrderingGraph(const OrderingInput& in, OrderingResult& out) {
         std::sort(b, e);
         length[i] = static_cast<int>(std::unique(b, e) - b);
     }
+    std::int64_t edges = 0;
+    for (int i = 0; i < n; ++i)
+        edges += length[i];
+    // The graph is one-based in 32-bit words, as METIS and AMD take it.
+    if (edges > 2147483646LL) throw SizeOverflow{};
     out.xadj = IntBlock(static_cast<std::int64_t>(n) + 1, kGraphCode, in.memory);
     out.xadj[0] = 1;
     for (int i = 0; i < n; ++i)

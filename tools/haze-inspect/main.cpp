@@ -10,8 +10,8 @@
 //   result.pfm         the dehazed picture (RGB, values above 1 kept)
 //   result.png         the same, 8-bit, clipped
 //
-// The picture is read through QImage for now and converted to RGBA float
-// with its values as they are encoded (no linearisation, as in the plug-in).
+// The picture is read through IFL, so every format the command reads works
+// here too (JPEG, PNG, TIFF at 8, 16 and 32 bits, HDR, EXR, ...).
 #include "Pfm.h"
 
 #include "ZImage/ZImage.h"
@@ -23,14 +23,12 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QImage>
-#include <QImageReader>
 #include <QSaveFile>
 #include <QTextStream>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 namespace {
@@ -44,18 +42,13 @@ public:
     explicit Failure(const QString& message) : std::runtime_error(message.toStdString()) {}
 };
 
+// Decoded through IFL, as the host does, and converted to RGBA float with
+// its values as they are encoded (no linearisation, as in the plug-in).
 ZImage readPicture(const QString& path) {
-    if (!QFileInfo(path).isFile()) throw Failure(tr("Cannot open %1: no such file").arg(path));
-    QImageReader reader(path);
-    // Large panoramas are exactly what this tool is for; lift Qt's guard.
-    QImageReader::setAllocationLimit(0);
-    const QImage decoded = reader.read();
-    if (decoded.isNull()) throw Failure(tr("Cannot read %1: %2").arg(path, reader.errorString()));
-    const QImage rgba = decoded.convertToFormat(QImage::Format_RGBA32FPx4);
-    ZImage image(rgba.width(), rgba.height(), ZImage::RGBA, 32, false);
-    for (int y = 0; y < rgba.height(); ++y)
-        std::memcpy(image.PixelAt(0, y), rgba.constScanLine(y),
-                    static_cast<std::size_t>(rgba.width()) * 4 * sizeof(float));
+    ZImage decoded;
+    decoded.Load(path);
+    ZImage image;
+    decoded.CopyTo(image, ZImage::RGBA, 32);
     return image;
 }
 

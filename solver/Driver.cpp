@@ -7,6 +7,7 @@
 // and the previous analysis first.
 #include "Driver.h"
 
+#include "ArrayReport.h"
 #include "Handle.h"
 #include "MatchingStep.h"
 #include "MatrixCheck.h"
@@ -252,7 +253,9 @@ void Call<T>::analyse() {
     sin.threads = h->threads;
     sin.outOfCore = h->oocMode > 0;
     sin.memory = &h->memory;
+    if (*a.msglvl >= 2) reportOrdering(h->ordering_, n);
     const SymbolicTimes st = symbolicFactorization(sin, h->ordering_, h->symbolic);
+    if (*a.msglvl >= 2) reportSymbolic(h->ordering_, h->symbolic, n);
     h->timers[kTimeSfinit] += st.sfinit;
     h->timers[kTimeSymbolic] += st.sfinit + st.symbolic;
     h->timers[kTimeUpdateLists] += st.updateLists;

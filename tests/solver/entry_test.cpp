@@ -495,3 +495,38 @@ TEST(Diagonal, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(Reports, ArraysOfTheAnalysisAtMessageLevelTwo) {
+    const Matrix m = spdstest::stencilMatrix(4, 3, false);
+    Solver s;
+    s.msglvl = 2;
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(s.call(11, m), 0);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    std::size_t at = 0;
+    for (const char* label : {"xadj", "adjncy", "invp after sssord", "perm after sssord",
+                              "invp after sfinit", "perm after sfinit", "index pointer xlindx",
+                              "index pointer xlnz", "index pointer xunz", "index array lindx"}) {
+        const std::size_t found = out.find(std::string(label) + "\n", at);
+        ASSERT_NE(found, std::string::npos) << label << " missing or out of order";
+        at = found;
+    }
+    // The last array printed is lindx, all of it.
+    const SymbolicResult& sym = s.handle()->symbolic;
+    std::string expected;
+    for (std::int64_t k = 0; k < sym.lindxSize; ++k)
+        expected += (k % 10 == 0 ? (k ? "\n " : " ") : " ") + std::to_string(sym.lindx[k]);
+    EXPECT_EQ(out.substr(at), "index array lindx\n" + expected + "\n");
+    s.msglvl = 0;
+}
+
+TEST(Reports, NothingIsPrintedAtMessageLevelZero) {
+    Solver s;
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(s.call(11, spdstest::stencilMatrix(4, 3, false)), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+} // namespace

@@ -1,8 +1,11 @@
 #include "MatrixMarket.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -49,10 +52,28 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
     out.cols.reserve(static_cast<std::size_t>(entries));
     out.values.reserve(static_cast<std::size_t>(entries));
     const bool pattern = field == "pattern";
+    // The entries are read in one piece and parsed in place: a stream
+    // extraction per number costs more than the whole analysis.
+    const std::string body((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const char* p = body.data();
+    const char* const end = body.data() + body.size();
+    auto skipSpace = [&] {
+        while (p < end && std::isspace(static_cast<unsigned char>(*p)))
+            ++p;
+    };
+    auto number = [&](auto& value) {
+        skipSpace();
+        const auto r = std::from_chars(p, end, value);
+        if (r.ec != std::errc() ||
+            (r.ptr < end && !std::isspace(static_cast<unsigned char>(*r.ptr))))
+            return false;
+        p = r.ptr;
+        return true;
+    };
     for (long long k = 0; k < entries; ++k) {
         long long i = 0, j = 0;
         double v = 1.0;
-        if (!(in >> i >> j) || (!pattern && !(in >> v))) {
+        if (!number(i) || !number(j) || (!pattern && !number(v))) {
             message = path + ": entry " + std::to_string(k + 1) + " is missing or malformed";
             return false;
         }

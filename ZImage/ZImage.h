@@ -73,6 +73,9 @@ public:
 
     // Haze removal on RGBA float images (ZImageHaze.cpp, see ZImageHaze.h).
     std::unique_ptr<float[]> estimateDarkChannel(std::span<float, 3> airlight) const;
+    // Replaces `map` (width x height) by its soft-matting refinement
+    // (ZImageHaze_Refine.cpp); on an exception `map` is unchanged.
+    void refineDarkChannel(std::span<float> map) const;
     std::unique_ptr<float[]> upsampleDarkChannel(const float* map, const ZImage& working) const;
     void applyHazeRemoval(const float* airDepthMap, std::span<const float, 3> airlight,
                           float strength);

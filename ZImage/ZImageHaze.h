@@ -16,6 +16,7 @@
 // than a quarter megapixel; no result depends on the team size.
 //
 //   ZImage::estimateDarkChannel(airlight)      working image -> map D, airlight
+//   ZImage::refineDarkChannel(D)               working image, D refined in place
 //   ZImage::upsampleDarkChannel(D, working)    full image    -> full-size map
 //   ZImage::applyHazeRemoval(map, A, s)        full image, changed in place
 //
@@ -27,6 +28,7 @@
 #include <cstdint>
 #include <memory>
 
+class CSparseSingle;
 class ZImage;
 
 // The per-image record of the tool. The plug-in makes one per image of the
@@ -51,6 +53,16 @@ struct HazeWorkingSize {
 // Never less than 1 x 1, for needle-thin pictures. Throws "Invalid Parameter"
 // for an empty size.
 HazeWorkingSize hazeWorkingSize(int width, int height);
+
+// The sparse system that refineDarkChannel solves for a working image of
+// n = width x height pixels: L + 0.001 I, with L the closed-form matting
+// Laplacian of the image's 3 x 3 windows (covariance regulariser 0.001 / 9).
+// Unknown y * width + x is pixel (x, y). The matrix is initialised, filled
+// with its upper triangle (diagonal included) and compressed: ia, ja and a
+// of `matrix` are then the one-based rows that SPDS reads as mtype -2.
+// Values do not depend on threadCount. Throws "Invalid Bitmap" for anything
+// but an RGBA float image.
+void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix);
 
 // Removes the haze from `image` in place with settings.strength. With strength
 // 0 nothing happens at all. Otherwise the veil map is computed when

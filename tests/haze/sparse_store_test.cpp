@@ -1,0 +1,442 @@
+// CSparseSingle: the two modes and the growth of the row table, at() and its
+// symmetric redirection, compress() against a map model, and solve(): its
+// answers against dense solves, its messages with the solver's error number,
+// and the release of the solver's memory whenever a phase fails.
+#include "ZImage/CSparseSingle.h"
+#include "ZImage/ZException.h"
+#include "solver/spds.h"
+
+#include "RefineTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <QRegularExpression>
+
+#include <map>
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Model = std::map<std::pair<int, int>, float>;
+
+// Checks the compressed arrays against a model of (row, col) -> value.
+void expectArraysMatch(const CSparseSingle& m, const Model& model, int rows) {
+    ASSERT_EQ(rows + 1, m.iaSize());
+    ASSERT_EQ(static_cast<int>(model.size()), m.nnz());
+    const auto ia = m.ia();
+    const auto ja = m.ja();
+    const auto a = m.a();
+    ASSERT_EQ(1, ia[0]);
+    ASSERT_EQ(m.nnz() + 1, ia[rows]);
+    auto it = model.begin();
+    for (int r = 0; r < rows; ++r) {
+        ASSERT_LE(ia[r], ia[r + 1]);
+        for (int k = ia[r] - 1; k < ia[r + 1] - 1; ++k, ++it) {
+            if (k > ia[r] - 1) {
+                EXPECT_LT(ja[k - 1], ja[k]) << "row " << r;
+            }
+            ASSERT_NE(model.end(), it);
+            EXPECT_EQ(it->first.first, r);
+            EXPECT_EQ(it->first.second + 1, ja[k]);
+            EXPECT_EQ(it->second, a[k]);
+        }
+    }
+    EXPECT_EQ(model.end(), it);
+}
+
+QString message(const ZException& e) {
+    return QString::fromUtf8(e.what());
+}
+
+TEST(SparseStore, FreshObjectIsZeroAndRefusesAccess) {
+    CSparseSingle m;
+    EXPECT_EQ(0, m.rowCount());
+    EXPECT_EQ(0, m.nnz());
+    EXPECT_EQ(0, m.iaSize());
+    EXPECT_EQ(0, m.rowCapacity());
+    EXPECT_TRUE(m.ia().empty());
+    try {
+        m.at(0, 0);
+        FAIL() << "at() before init() must throw";
+    } catch (const ZException& e) {
+        EXPECT_EQ(QStringLiteral("Invalid Parameter"), message(e));
+    }
+}
+
+TEST(SparseStore, GrowingModeDoublesItsRowTableAndKeepsRows) {
+    CSparseSingle m;
+    m.init(0, 77); // the column count is ignored when growing
+    EXPECT_EQ(8, m.rowCapacity());
+    EXPECT_EQ(0, m.rowCount());
+    EXPECT_EQ(0, m.colCount());
+    EXPECT_EQ(1, m.iaSize());
+    EXPECT_EQ(0, m.nnz());
+    EXPECT_TRUE(m.ja().empty());
+
+    for (int r = 0; r < 8; ++r)
+        m.at(r, 7 - r) = static_cast<float>(r + 1);
+    EXPECT_EQ(8, m.rowCapacity());
+    EXPECT_EQ(8, m.rowCount());
+    m.at(8, 8) = 9.0f;
+    EXPECT_EQ(16, m.rowCapacity());
+    EXPECT_EQ(9, m.rowCount());
+
+    m.compress();
+    Model model;
+    for (int r = 0; r < 8; ++r)
+        model[{r, 7 - r}] = static_cast<float>(r + 1);
+    model[{8, 8}] = 9.0f;
+    expectArraysMatch(m, model, 9);
+}
+
+TEST(SparseStore, GrowingJumpsStraightToTheNeededCapacity) {
+    CSparseSingle m;
+    m.init(0, 0);
+    m.at(3, 1) = 2.5f;
+    m.at(100, 0) = 1.0f;
+    EXPECT_EQ(128, m.rowCapacity());
+    EXPECT_EQ(101, m.rowCount());
+    // Rows in between exist and are empty.
+    EXPECT_EQ(0, m.rowSize(50));
+    m.compress();
+    expectArraysMatch(m, Model{{{3, 1}, 2.5f}, {{100, 0}, 1.0f}}, 101);
+
+    m.at(127, 0);
+    EXPECT_EQ(128, m.rowCapacity());
+    m.at(128, 0);
+    EXPECT_EQ(256, m.rowCapacity());
+}
+
+TEST(SparseStore, SameEntryIsOneSlotThatAccumulates) {
+    CSparseSingle m;
+    m.init(0, 0);
+    float& first = m.at(2, 5);
+    first += 1.5f;
+    // Entries created in the same row do not move the slot.
+    for (int c = 0; c < 40; ++c)
+        if (c != 5) m.at(2, c) = -1.0f;
+    float& again = m.at(2, 5);
+    EXPECT_EQ(&first, &again);
+    again += 2.0f;
+    EXPECT_EQ(3.5f, m.at(2, 5));
+    EXPECT_EQ(40, m.rowSize(2));
+}
+
+TEST(SparseStore, GrowingModeRefusesNegativeIndices) {
+    CSparseSingle m;
+    m.init(0, 0);
+    EXPECT_THROW(m.at(-1, 0), ZException);
+    EXPECT_THROW(m.at(0, -3), ZException);
+    EXPECT_EQ(0, m.rowCount());
+}
+
+TEST(SparseStore, FixedModeGuessesADenseBlockAndCompressTrimsIt) {
+    CSparseSingle m;
+    m.init(3, 4);
+    EXPECT_EQ(3, m.rowCount());
+    EXPECT_EQ(4, m.colCount());
+    EXPECT_EQ(4, m.iaSize());
+    EXPECT_EQ(12, m.nnz());
+    EXPECT_EQ(12u, m.a().size());
+
+    m.at(0, 3) = 1.0f;
+    m.at(2, 0) = -2.0f;
+    m.at(2, 2) = 4.0f;
+    m.compress();
+    expectArraysMatch(m, Model{{{0, 3}, 1.0f}, {{2, 0}, -2.0f}, {{2, 2}, 4.0f}}, 3);
+    EXPECT_EQ(0, m.rowSize(1));
+}
+
+TEST(SparseStore, InitRefusesSizesItCannotCount) {
+    CSparseSingle m;
+    EXPECT_THROW(m.init(-1, 4), ZException);
+    EXPECT_THROW(m.init(4, -1), ZException);
+    // 50000 x 50000 would wrap a 32-bit entry count.
+    try {
+        m.init(50000, 50000);
+        FAIL() << "a guess beyond 32-bit counts must be refused";
+    } catch (const ZException& e) {
+        EXPECT_EQ(QStringLiteral("Invalid Parameter"), message(e));
+    }
+    // The refusal happens before anything is allocated.
+    EXPECT_EQ(0, m.nnz());
+    EXPECT_TRUE(m.a().empty());
+}
+
+TEST(SparseStore, SymmetricFlagStoresTheUpperTriangleOnly) {
+    for (int rows : {0, 6}) {
+        SCOPED_TRACE(rows == 0 ? "growing" : "fixed");
+        CSparseSingle m;
+        m.init(rows, rows);
+        m.setSymmetricFlag(true);
+        m.at(4, 1) = 3.0f;
+        m.at(1, 4) += 1.0f;
+        EXPECT_EQ(&m.at(4, 1), &m.at(1, 4));
+        m.at(5, 5) = 2.0f;
+        m.compress();
+        expectArraysMatch(m, Model{{{1, 4}, 4.0f}, {{5, 5}, 2.0f}}, 6);
+        // init() and reset() clear the flag.
+        m.init(rows, rows);
+        EXPECT_EQ(0, m.symmetricFlag());
+        m.setSymmetricFlag(true);
+        m.reset();
+        EXPECT_EQ(0, m.symmetricFlag());
+    }
+}
+
+TEST(SparseStore, CompressOfAnEmptyMatrixIsOneRowStart) {
+    CSparseSingle m;
+    m.init(0, 0);
+    m.compress();
+    ASSERT_EQ(1, m.iaSize());
+    EXPECT_EQ(1, m.ia()[0]);
+    EXPECT_EQ(0, m.nnz());
+    EXPECT_TRUE(m.ja().empty());
+    EXPECT_TRUE(m.a().empty());
+}
+
+TEST(SparseStore, CompressMatchesAModelAndCanBeRepeated) {
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int> index(0, 59);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    CSparseSingle m;
+    m.init(0, 0);
+    Model model;
+    int rows = 0;
+    auto add = [&](int count) {
+        for (int k = 0; k < count; ++k) {
+            const int r = index(rng);
+            const int c = index(rng);
+            const float v = value(rng);
+            m.at(r, c) += v;
+            model[{r, c}] += v;
+            rows = std::max(rows, r + 1);
+        }
+    };
+    add(400);
+    m.compress();
+    expectArraysMatch(m, model, rows);
+    // The maps survive compress(): assembly goes on and the arrays follow.
+    add(400);
+    m.at(75, 2) = 1.0f;
+    model[{75, 2}] = 1.0f;
+    m.compress();
+    expectArraysMatch(m, model, 76);
+}
+
+TEST(SparseStore, MovingHandsOverEverything) {
+    CSparseSingle m;
+    m.init(0, 0);
+    m.at(1, 1) = 5.0f;
+    m.compress();
+    CSparseSingle n(std::move(m));
+    EXPECT_EQ(0, m.rowCount());
+    EXPECT_THROW(m.at(0, 0), ZException);
+    EXPECT_EQ(2, n.rowCount());
+    EXPECT_EQ(5.0f, n.a()[0]);
+    EXPECT_EQ(5.0f, n.at(1, 1));
+}
+
+// ---- solve ------------------------------------------------------------------
+
+// A random sparse matrix of order n, diagonally dominant so that its
+// condition number stays near 10: entries of the upper triangle only when `symmetric` (with a
+// diagonal of both signs, so that it is indefinite), else a general pattern.
+struct System {
+    CSparseSingle store;
+    refinetest::Dense dense;
+    std::vector<double> b;
+    explicit System(int n) : dense(n), b(static_cast<std::size_t>(n)) {}
+};
+
+System makeSystem(int n, bool symmetric, unsigned seed) {
+    System s(n);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    std::uniform_int_distribution<int> column(0, n - 1);
+    for (int i = 0; i < n; ++i) {
+        s.dense(i, i) = (i % 3 == 0 ? -1.0f : 1.0f) * (8.0f + value(rng));
+        for (int k = 0; k < 3; ++k) {
+            const int j = column(rng);
+            if (j == i) continue;
+            s.dense(i, j) = static_cast<float>(s.dense(i, j) + value(rng));
+            if (symmetric) s.dense(j, i) = s.dense(i, j);
+        }
+        s.b[static_cast<std::size_t>(i)] = value(rng);
+    }
+    s.store.init(0, 0);
+    for (int r = 0; r < n; ++r)
+        for (int c = symmetric ? r : 0; c < n; ++c)
+            if (s.dense(r, c) != 0.0) s.store.at(r, c) = static_cast<float>(s.dense(r, c));
+    s.store.compress();
+    return s;
+}
+
+std::vector<float> toFloat(const std::vector<double>& v) {
+    return {v.begin(), v.end()};
+}
+
+double relativeError(const std::vector<float>& x, const std::vector<double>& reference) {
+    std::vector<double> diff(x.size());
+    for (std::size_t i = 0; i < x.size(); ++i)
+        diff[i] = x[i] - reference[i];
+    return refinetest::norm2(diff) / refinetest::norm2(reference);
+}
+
+// ||A x - b|| / ||b||, in double with the matrix as stored.
+double relativeResidual(const refinetest::Dense& a, const std::vector<float>& x,
+                        const std::vector<double>& b) {
+    std::vector<double> r(b.size());
+    for (int i = 0; i < a.n; ++i) {
+        double s = -b[static_cast<std::size_t>(i)];
+        for (int j = 0; j < a.n; ++j)
+            s += a(i, j) * x[static_cast<std::size_t>(j)];
+        r[static_cast<std::size_t>(i)] = s;
+    }
+    return refinetest::norm2(r) / refinetest::norm2(b);
+}
+
+// A float solution of these systems (condition numbers near 10) is
+// within this distance of the exact one; a wrong pivot or a lost entry is
+// far outside it.
+constexpr double kForwardTolerance = 1e-3;
+
+TEST(SparseStoreSolve, SymmetricIndefiniteAgreesWithADenseSolve) {
+    System s = makeSystem(120, true, 3);
+    const std::vector<double> reference = refinetest::denseSolve(s.dense, s.b);
+    std::vector<float> rhs = toFloat(s.b);
+    std::vector<float> x(rhs.size());
+    s.store.solve(rhs, x, true, true);
+    EXPECT_LT(relativeResidual(s.dense, rhs, s.b), 1e-5)
+        << "the solution replaces the right-hand side";
+    EXPECT_LT(relativeError(rhs, reference), kForwardTolerance);
+}
+
+TEST(SparseStoreSolve, UnsymmetricKeepsTheRightHandSideWhenAsked) {
+    System s = makeSystem(90, false, 5);
+    const std::vector<double> reference = refinetest::denseSolve(s.dense, s.b);
+    const std::vector<float> original = toFloat(s.b);
+    std::vector<float> rhs = original;
+    std::vector<float> x(rhs.size(), 0.0f);
+    s.store.solve(rhs, x, false, false);
+    EXPECT_LT(relativeResidual(s.dense, x, s.b), 1e-5);
+    EXPECT_LT(relativeError(x, reference), kForwardTolerance);
+    EXPECT_EQ(original, rhs);
+}
+
+TEST(SparseStoreSolve, RefusesArraysThatDoNotFit) {
+    CSparseSingle m;
+    m.init(0, 0);
+    m.at(0, 0) = 1.0f;
+    m.at(1, 1) = 1.0f;
+    std::vector<float> two(2), one(1);
+    // Not compressed since its rows changed.
+    EXPECT_THROW(m.solve(two, two, true, true), ZException);
+    m.compress();
+    EXPECT_THROW(m.solve(one, two, true, true), ZException);
+    EXPECT_THROW(m.solve(two, one, true, true), ZException);
+}
+
+// The number in the message is the solver's own; the location names the
+// store; the matrix is as it was; and the solver's memory is gone.
+TEST(SparseStoreSolve, FailedAnalysisNamesTheErrorAndReleasesTheSolver) {
+    refinetest::CountingHeap heap;
+    {
+        CSparseSingle m;
+        m.init(0, 0);
+        for (int i = 0; i < 4; ++i)
+            m.at(i, i) = 2.0f;
+        m.at(1, 9) = 1.0f; // a column past the order of the matrix
+        m.compress();
+        const long long ownBlocks = heap.live();
+        const std::vector<int> ia(m.ia().begin(), m.ia().end());
+        const std::vector<int> ja(m.ja().begin(), m.ja().end());
+        const std::vector<float> a(m.a().begin(), m.a().end());
+
+        std::vector<float> rhs(4, 1.0f), x(4, 0.0f);
+        QString text, location;
+        try {
+            m.solve(rhs, x, true, true);
+            FAIL() << "a column out of range must fail the analysis";
+        } catch (const ZException& e) {
+            text = message(e);
+            location = *e.location();
+        }
+        EXPECT_EQ(ownBlocks, heap.live()) << "the solver's blocks must be released";
+
+        // The same call made directly gives the number in the message.
+        void* pt[64] = {};
+        int iparm[64] = {};
+        iparm[0] = 1;
+        iparm[1] = 3;
+        iparm[27] = 1;
+        // At message level 0 the solver gives the silent form of some errors.
+        int maxfct = 1, mnum = 1, mtype = -2, phase = 11, n = 4, nrhs = 1, msglvl = 1;
+        int perm = 0, error = 0;
+        float dummy = 0.0f;
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), ia.data(), ja.data(), &perm, &nrhs,
+             iparm, &msglvl, &dummy, &dummy, &error);
+        ASSERT_NE(0, error);
+        phase = -1;
+        int ignored = 0;
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, &dummy, ia.data(), ja.data(), &perm, &nrhs,
+             iparm, &msglvl, &dummy, &dummy, &ignored);
+
+        EXPECT_EQ(
+            QStringLiteral("SPDS error during symbolic factorization: %1").arg(error).toStdString(),
+            text.toStdString());
+        EXPECT_TRUE(location.contains(QStringLiteral("CSparseSingle.cpp")))
+            << location.toStdString();
+        EXPECT_EQ(ia, std::vector<int>(m.ia().begin(), m.ia().end()));
+        EXPECT_EQ(ja, std::vector<int>(m.ja().begin(), m.ja().end()));
+        EXPECT_EQ(a, std::vector<float>(m.a().begin(), m.a().end()));
+        EXPECT_EQ(std::vector<float>(4, 1.0f), rhs);
+    }
+    EXPECT_EQ(0, heap.live());
+}
+
+// Every allocation of the solver fails in turn: each failure is an exception
+// that names its phase and error number, leaves no block of the solver
+// behind, and the sweep ends with a solve that succeeds.
+TEST(SparseStoreSolve, EveryFailingAllocationReleasesTheSolver) {
+    const QRegularExpression pattern(QStringLiteral(
+        "^SPDS error during (symbolic factorization|numerical factorization|solution): -[0-9]+$"));
+    System s = makeSystem(40, true, 9);
+    const std::vector<double> reference = refinetest::denseSolve(s.dense, s.b);
+    // The store's arrays are made again under the counting heap.
+    refinetest::CountingHeap heap;
+    s.store.compress();
+    CSparseSingle m;
+    m.init(0, 0);
+    for (int r = 0; r < 40; ++r)
+        for (int k = s.store.ia()[r] - 1; k < s.store.ia()[r + 1] - 1; ++k)
+            m.at(r, s.store.ja()[k] - 1) = s.store.a()[k];
+    m.compress();
+    const long long ownBlocks = heap.live();
+
+    std::map<QString, int> phasesMet;
+    bool solved = false;
+    for (long long k = 1; k < 5000 && !solved; ++k) {
+        std::vector<float> rhs = toFloat(s.b);
+        std::vector<float> x(rhs.size());
+        heap.failAt(k);
+        try {
+            m.solve(rhs, x, true, true);
+            solved = true;
+            EXPECT_LT(relativeResidual(s.dense, rhs, s.b), 1e-5);
+            EXPECT_LT(relativeError(rhs, reference), kForwardTolerance);
+        } catch (const ZException& e) {
+            const QString text = message(e);
+            ASSERT_TRUE(pattern.match(text).hasMatch()) << text.toStdString();
+            ++phasesMet[text.section(QLatin1Char(':'), 0, 0)];
+        }
+        heap.failAt(0);
+        ASSERT_EQ(ownBlocks, heap.live()) << "blocks left after failing allocation " << k;
+    }
+    EXPECT_TRUE(solved);
+    EXPECT_GT(phasesMet.size(), 1u) << "the sweep should reach past the analysis";
+}
+
+} // namespace

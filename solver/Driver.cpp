@@ -9,8 +9,10 @@
 
 #include "ArrayReport.h"
 #include "Handle.h"
+#include "IterativeRefinement.h"
 #include "MatchingStep.h"
 #include "MatrixCheck.h"
+#include "NumericFactorization.h"
 #include "Ordering.h"
 #include "SymbolicFactorization.h"
 
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -37,6 +40,8 @@ constexpr int kStatusParameters = -1;
 constexpr int kStatusMemory = -2;
 constexpr int kStatusReordering = -3;
 constexpr int kStatusOverflow = -8;
+constexpr int kStatusNumeric = -4;
+constexpr int kCodeNoVectors = 9;
 
 bool acceptedMatrixType(int mtype) {
     const int m = mtype < 0 ? -mtype : mtype;
@@ -98,6 +103,7 @@ private:
     void resetForAnalysis();
     void analyse();
     void finishAnalysisFigures(bool factorsWanted, bool operationsWanted);
+    int factorAndSolve(int lastDigit);
     int exit();
 
     const CallArgs& a;
@@ -267,11 +273,14 @@ void Call<T>::analyse() {
 }
 
 template <class T>
-void Call<T>::finishAnalysisFigures(bool factorsWanted, bool /*operationsWanted*/) {
+void Call<T>::finishAnalysisFigures(bool factorsWanted, bool operationsWanted) {
     int* iparm = a.iparm;
     const SymbolicResult& s = h->symbolic;
     const std::int64_t factorEntries = s.lnzSize + (h->symmetricStorage ? 0 : s.unzSize);
     if (factorsWanted) iparm[17] = clampToInt(factorEntries);
+    if (operationsWanted)
+        iparm[18] =
+            clampToInt(std::llround(factorizationOperations(s, h->n, !h->symmetricStorage)));
     h->analysisPeakKb = h->memory.peakKb();
     h->analysisPermanentKb = h->memory.currentKb();
     // What the factorization will add: the values, one update buffer and the
@@ -431,9 +440,92 @@ int Call<T>::run() {
         }
         if (lastDigit == 1) return exit();
     }
-    // Factorization and solve stages are not part of this build yet.
-    status = kNumericUnavailable;
-    internal = 0;
+    return factorAndSolve(lastDigit);
+}
+
+// Numeric factorization (first digit 1 or 2) and solve (last digit 3).
+template <class T>
+int Call<T>::factorAndSolve(int lastDigit) {
+    int* iparm = a.iparm;
+    const int mnum = *a.mnum;
+    if (!numericSupported(h->mtype)) {
+        status = kNumericUnavailable;
+        return exit();
+    }
+    FactorRow& row = h->factors[mnum - 1];
+    const int stagePhase = (phase >= 331 && phase <= 333) ? 33 : phase;
+    try {
+        if (stagePhase != 33) {
+            NumericRequest rq;
+            rq.mtype = h->mtype;
+            rq.n = h->n;
+            rq.a = a.a;
+            rq.ia = a.ia;
+            rq.ja = a.ja;
+            rq.bunchKaufman = iparm[20] != 0;
+            rq.pivotExponent = iparm[9];
+            const double t0 = nrt_seconds();
+            const NumericResult r = numericFactorization<T>(*h, rq, row);
+            h->timers[kTimeNumeric] = nrt_seconds() - t0;
+            h->perturbedPivots = r.perturbed;
+            h->positiveEigenvalues = r.positive;
+            h->negativeEigenvalues = r.negative;
+            iparm[13] = r.perturbed;
+            iparm[21] = r.positive;
+            iparm[22] = r.negative;
+            if (r.status != 0) {
+                iparm[29] = r.status;
+                status = kStatusNumeric;
+                return exit();
+            }
+            if (lastDigit == 2) return exit();
+        } else if (iparm[13] > 0) {
+            // The caller's count of perturbed pivots decides about refinement.
+            h->perturbedPivots = iparm[13];
+        } else if (h->perturbedPivots == 0) {
+            iparm[13] = 0;
+        }
+        if (row.state != 0) {
+            status = kStatusParameters;
+            internal = kCodeSolveBeforeAnalysis;
+            return exit();
+        }
+        if (!a.b || !a.x) {
+            status = kStatusParameters;
+            internal = kCodeNoVectors;
+            return exit();
+        }
+        RefinementRequest rq;
+        rq.n = h->n;
+        rq.nrhs = *a.nrhs;
+        rq.a = a.a;
+        rq.ia = a.ia;
+        rq.ja = a.ja;
+        rq.symmetricStorage = h->symmetricStorage;
+        rq.transpose = iparm[0] != 1 && iparm[11] > 0 && !h->symmetricStorage;
+        rq.solutionInB = iparm[5] == 1;
+        rq.steps = iparm[7];
+        rq.partial = h->partialSolve;
+        rq.refine = (h->perturbedPivots > 0 || iparm[7] != 0) && h->splitSolve == 0;
+        const double t0 = nrt_seconds();
+        const RefinementResult r =
+            solveAndRefine<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
+        h->timers[kTimeSolve] = nrt_seconds() - t0;
+        h->refinementSteps = r.steps;
+        iparm[6] = r.steps;
+        if (r.stoppedAtTwo) iparm[19] = -34;
+        if (r.status != 0) {
+            iparm[29] = r.status;
+            status = kStatusNumeric;
+        }
+    } catch (const AllocationFailure& f) {
+        status = kStatusMemory;
+        internal = f.code;
+        h->failedBytes = f.bytes;
+    } catch (const SizeOverflow&) {
+        status = kStatusOverflow;
+        iparm[29] = -182;
+    }
     return exit();
 }
 

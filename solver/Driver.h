@@ -35,8 +35,8 @@ struct CallArgs {
 template <class T>
 int runDriver(const CallArgs& args, int threads);
 
-// Status the stages report when the factorization or solve is asked for:
-// those stages are not part of this build yet.
+// Status of a factorization or solve asked for a matrix type whose numeric
+// stages this build does not have (the complex types).
 inline constexpr int kNumericUnavailable = -5;
 
 } // namespace skyrinse::spds

@@ -68,6 +68,15 @@ typedef struct spds_analysis_info {
  * when the handle holds no analysis (fresh, released, or failed). */
 int spds_get_analysis_info(void* const pt[64], spds_analysis_info* info);
 
+/* Progress of the numeric factorization. The hook receives the thread (1),
+ * the percentage done, a stage text and its length; a non-zero return
+ * cancels the factorization (error -4 with iparm[29] = -1). One hook serves
+ * the whole process; null removes it. */
+typedef int (*spds_progress_fn)(const int* thread, const int* step, const char* stage,
+                                int length);
+void spds_set_progress(spds_progress_fn hook);
+spds_progress_fn spds_get_progress(void);
+
 /* The words of an `error` value ("reordering_phase", ...); never null. */
 const char* spds_error_text(int error);
 

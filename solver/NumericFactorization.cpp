@@ -1,0 +1,538 @@
+// Numeric factorization; the contract is in NumericFactorization.h.
+//
+// Supernodes are taken in the order of pnlsch (leaves first). Each panel is
+// zeroed, receives its matrix entries, then the updates of every supernode
+// that is linked to it, and is factorized by the kernels of
+// SupernodalKernels.h. A finished supernode is linked to the supernode of
+// its first row below the diagonal block; after updating that one it moves
+// on to the supernode of its next unused row, so each source is visited
+// once per target and the lists never need more than one word a supernode.
+//
+// An update of source d onto target s takes the rows of d not yet used
+// (r of them, the first q inside s) and is one of four shapes:
+//   the rows of d are exactly those of s, or lie on consecutive rows of s:
+//       one product straight into the panel of s;
+//   d is one column wide: a rank-1 update by loops, no dense call;
+//   otherwise: the product goes to the update buffer and is added to the
+//       panel through relind (the local rows) and indmap.
+// For LU every shape runs twice: on L (r x q) and on U ((r - q) x q).
+#include "NumericFactorization.h"
+
+#include "Progress.h"
+#include "SupernodalKernels.h"
+#include "internal/Blas.h"
+#include "internal/FactorLayout.h"
+#include "internal/OneBased.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+namespace skyrinse::spds {
+
+namespace {
+
+constexpr int kFactorCode = -1100;
+constexpr int kWorkCode = -1200;
+constexpr char kStageText[] = "Spds: factorization phase";
+constexpr int kStageLength = 25;
+// Below this many multiply-adds an update product runs as plain loops.
+constexpr std::int64_t kSmallProduct = 2048;
+
+bool isLu(int mtype) {
+    return mtype == 1 || mtype == 11 || mtype == -11;
+}
+
+// C (m x n) -= A (m x k) B^T (n x k), or C = A B^T when `assign`.
+template <class T>
+void productNT(int m, int n, int k, const T* a, int lda, const T* b, int ldb, T* c, int ldc,
+               bool assign) {
+    if (m <= 0 || n <= 0) return;
+    if (static_cast<std::int64_t>(m) * n * k >= kSmallProduct) {
+        blas::gemm('N', 'T', m, n, k, assign ? T(1) : T(-1), a, lda, b, ldb, assign ? T(0) : T(1),
+                   c, ldc);
+        return;
+    }
+    for (int j = 0; j < n; ++j) {
+        T* cj = c + static_cast<std::int64_t>(j) * ldc;
+        if (assign) std::fill(cj, cj + m, T(0));
+        for (int t = 0; t < k; ++t) {
+            const T f = b[j + static_cast<std::int64_t>(t) * ldb];
+            if (f == T(0)) continue;
+            const T* at = a + static_cast<std::int64_t>(t) * lda;
+            if (assign)
+                for (int i = 0; i < m; ++i)
+                    cj[i] += at[i] * f;
+            else
+                for (int i = 0; i < m; ++i)
+                    cj[i] -= at[i] * f;
+        }
+    }
+}
+
+// A matrix entry on its way to the factor: permuted row and column and the
+// scaled value.
+template <class T>
+struct Entry {
+    int row;
+    int col;
+    T value;
+};
+
+template <class T>
+class Worker {
+public:
+    Worker(Handle& h, const NumericRequest& rq, FactorView<T> f)
+        : h(h), rq(rq), s(h.symbolic), n(rq.n), nsuper(s.nsuper), lu(isLu(rq.mtype)),
+          cholesky(rq.mtype == 2), f(f), xsup(s.xsup.data()), xlindx(s.xlindx.data()),
+          lindx(s.lindx.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()), snode(s.snode.data()) {}
+
+    NumericResult run();
+
+private:
+    void groupEntries();
+    std::int64_t largestScatteredUpdate() const;
+    void scatter(int sn, int fst, int lst, int hs, int ws);
+    int update(int d, int sn);
+    void formDLt(int d, int p0, int q);
+    void addScattered(T* target, int ld, int q, int rowsFrom, int rowsTo, int rowShift,
+                      bool lowerOnly);
+    NumericResult factorBlock(int sn, int fst, int hs, int ws);
+
+    Handle& h;
+    const NumericRequest& rq;
+    const SymbolicResult& s;
+    const int n;
+    const int nsuper;
+    const bool lu;
+    const bool cholesky;
+    FactorView<T> f;
+    const OneBased<const int> xsup, xlindx, lindx, xlnz, xunz, snode;
+    PivotRule<T> rule;
+
+    // Per-thread work: the maps of the current panel and the buffers.
+    IntBlock indmap; // global row -> offset from the end of the current panel
+    IntBlock relind; // local rows of one update
+    IntBlock head;   // pending sources of each supernode
+    IntBlock next;   // next source in a pending list
+    IntBlock length; // rows of each finished supernode not yet used
+    Block<T> temp;   // scattered update products
+    Block<T> dlt;    // D L^T of the current source
+    IntBlock xentry; // n+1 starts of the entries of each factor column
+    Block<Entry<T>> entries;
+};
+
+template <class T>
+void Worker<T>::groupEntries() {
+    const OneBased<const int> invp(h.ordering_.invp.data());
+    const int* ia = rq.ia;
+    const int* ja = rq.ja;
+    const T* a = static_cast<const T*>(rq.a);
+    const std::int64_t nnz = static_cast<std::int64_t>(ia[n]) - ia[0];
+    const bool scaled = h.scaling && !h.scalings.empty();
+    const double* rowScale = scaled ? h.scalings.data() : nullptr;
+    const double* colScale = scaled ? h.scalings.data() + (lu ? n : 0) : nullptr;
+    // Position of each original row in the matching's order (types above 10).
+    IntBlock rowPosition;
+    if (lu && !h.matchingPermutation.empty()) {
+        rowPosition = IntBlock(n, kWorkCode, &h.memory);
+        for (int i = 1; i <= n; ++i)
+            rowPosition[h.matchingPermutation[i - 1] - 1] = i;
+    }
+    xentry = IntBlock(static_cast<std::int64_t>(n) + 2, kWorkCode, &h.memory);
+    entries = Block<Entry<T>>(std::max<std::int64_t>(1, nnz), kWorkCode, &h.memory);
+    auto place = [&](int r, int c) {
+        // r, c zero-based original row and column -> permuted one-based.
+        const int i = rowPosition.empty() ? r + 1 : rowPosition[r];
+        return std::pair<int, int>(invp[i], invp[c + 1]);
+    };
+    for (int r = 0; r < n; ++r)
+        for (int p = ia[r] - 1; p < ia[r + 1] - 1; ++p) {
+            const auto [k, l] = place(r, ja[p] - 1);
+            ++xentry[std::min(k, l) + 1];
+        }
+    xentry[1] = 0;
+    for (int c = 1; c <= n; ++c)
+        xentry[c + 1] += xentry[c];
+    std::vector<int> fill(xentry.begin() + 1, xentry.begin() + n + 1);
+    for (int r = 0; r < n; ++r)
+        for (int p = ia[r] - 1; p < ia[r + 1] - 1; ++p) {
+            const int c = ja[p] - 1;
+            const auto [k, l] = place(r, c);
+            double v = static_cast<double>(a[p]);
+            if (scaled) v *= rowScale[r] * colScale[c];
+            Entry<T> e{k, l, static_cast<T>(v)};
+            if (!lu && k < l) std::swap(e.row, e.col);
+            entries[fill[static_cast<std::size_t>(std::min(k, l) - 1)]++] = e;
+        }
+}
+
+// The largest r x q of an update that goes through the buffer, so that the
+// buffer never runs short whatever the shape of the tree.
+template <class T>
+std::int64_t Worker<T>::largestScatteredUpdate() const {
+    std::int64_t best = 0;
+    for (int d = 1; d <= nsuper; ++d) {
+        const int wd = xsup[d + 1] - xsup[d];
+        const int end = xlindx[d + 1];
+        int k = xlindx[d] + wd;
+        while (k < end) {
+            const int t = snode[lindx[k]];
+            const int tl = xsup[t + 1] - 1;
+            int g = 0;
+            while (k + g < end && lindx[k + g] <= tl)
+                ++g;
+            best = std::max(best, static_cast<std::int64_t>(end - k) * g);
+            k += g;
+        }
+    }
+    return best;
+}
+
+template <class T>
+void Worker<T>::scatter(int sn, int fst, int lst, int hs, int ws) {
+    (void)sn;
+    T* L = f.lnz + xlnz[fst] - 1;
+    T* U = lu ? f.unz + xunz[fst] - 1 : nullptr;
+    const OneBased<const int> map(indmap.data());
+    const int hu = hs - ws;
+    for (int c = fst; c <= lst; ++c)
+        for (int p = xentry[c]; p < xentry[c + 1]; ++p) {
+            const Entry<T>& e = entries[p];
+            if (!lu) {
+                // row >= col == c
+                L[static_cast<std::int64_t>(c - fst) * hs + (hs - map[e.row])] += e.value;
+            } else if (e.row >= e.col) {
+                L[static_cast<std::int64_t>(e.col - fst) * hs + (hs - map[e.row])] += e.value;
+            } else if (e.col <= lst) {
+                L[static_cast<std::int64_t>(e.col - fst) * hs + (e.row - fst)] += e.value;
+            } else {
+                U[static_cast<std::int64_t>(e.row - fst) * hu + (hs - map[e.col]) - ws] += e.value;
+            }
+        }
+}
+
+// W (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
+// indefinite update.
+template <class T>
+void Worker<T>::formDLt(int d, int p0, int q) {
+    const int fd = xsup[d];
+    const int wd = xsup[d + 1] - fd;
+    const int hd = xlnz[fd + 1] - xlnz[fd];
+    const T* L = f.lnz + xlnz[fd] - 1;
+    const int* piv = f.rowPivot + fd - 1;
+    T* w = dlt.data();
+    for (int t = 0; t < wd;) {
+        const T* lt = L + static_cast<std::int64_t>(t) * hd + p0;
+        T* wt = w + static_cast<std::int64_t>(t) * q;
+        if (piv[t] > 0) {
+            const T dv = L[static_cast<std::int64_t>(t) * hd + t];
+            for (int j = 0; j < q; ++j)
+                wt[j] = lt[j] * dv;
+            ++t;
+        } else {
+            const T d11 = L[static_cast<std::int64_t>(t) * hd + t];
+            const T d21 = L[static_cast<std::int64_t>(t) * hd + t + 1];
+            const T d22 = L[static_cast<std::int64_t>(t + 1) * hd + t + 1];
+            const T* lt1 = lt + hd;
+            T* wt1 = wt + q;
+            for (int j = 0; j < q; ++j) {
+                wt[j] = lt[j] * d11 + lt1[j] * d21;
+                wt1[j] = lt[j] * d21 + lt1[j] * d22;
+            }
+            t += 2;
+        }
+    }
+}
+
+// Subtracts the buffer (rows rowsFrom..rowsTo-1 of an r-row product, q
+// columns) from `target` at local rows relind[t] - rowShift. The first q
+// rows of an update lie in the diagonal block of the target, so their local
+// rows are also the columns the product goes to.
+template <class T>
+void Worker<T>::addScattered(T* target, int ld, int q, int rowsFrom, int rowsTo, int rowShift,
+                             bool lowerOnly) {
+    const int* rel = relind.data();
+    const int m = rowsTo - rowsFrom;
+    for (int j = 0; j < q; ++j) {
+        T* cj = target + static_cast<std::int64_t>(rel[j]) * ld - rowShift;
+        const T* tj = temp.data() + static_cast<std::int64_t>(j) * m - rowsFrom;
+        for (int t = lowerOnly ? rowsFrom + j : rowsFrom; t < rowsTo; ++t)
+            cj[rel[t]] -= tj[t];
+    }
+}
+
+template <class T>
+int Worker<T>::update(int d, int sn) {
+    const int fd = xsup[d];
+    const int wd = xsup[d + 1] - fd;
+    const int hd = xlnz[fd + 1] - xlnz[fd];
+    const int r = length[d - 1];
+    const int p0 = hd - r;
+    const int* rows = lindx.p + (xlindx[d] - 1) + p0;
+    const int fs = xsup[sn];
+    const int ls = xsup[sn + 1] - 1;
+    const int ws = ls - fs + 1;
+    const int hs = xlnz[fs + 1] - xlnz[fs];
+    const OneBased<const int> map(indmap.data());
+    int q = 0;
+    while (q < r && rows[q] <= ls)
+        ++q;
+    const T* Ld = f.lnz + xlnz[fd] - 1;
+    T* Ls = f.lnz + xlnz[fs] - 1;
+    const int c0 = rows[0] - fs;
+    const int i0 = hs - map[rows[0]];
+    const int i1 = hs - map[rows[r - 1]];
+
+    if (!lu) {
+        if (wd == 1) {
+            const T* v = Ld + p0;
+            const T dv = cholesky ? T(1) : Ld[0];
+            for (int j = 0; j < q; ++j) {
+                const T coef = v[j] * dv;
+                if (coef == T(0)) continue;
+                T* cs = Ls + static_cast<std::int64_t>(rows[j] - fs) * hs + hs;
+                for (int t = j; t < r; ++t)
+                    cs[-map[rows[t]]] -= coef * v[t];
+            }
+            return q;
+        }
+        const T* right = Ld + p0;
+        int ldr = hd;
+        if (!cholesky) {
+            formDLt(d, p0, q);
+            right = dlt.data();
+            ldr = q;
+        }
+        if (i1 - i0 == r - 1) {
+            productNT(r, q, wd, Ld + p0, hd, right, ldr,
+                      Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs, false);
+        } else {
+            productNT(r, q, wd, Ld + p0, hd, right, ldr, temp.data(), r, true);
+            for (int t = 0; t < r; ++t)
+                relind[t] = hs - map[rows[t]];
+            addScattered(Ls, hs, q, 0, r, 0, true);
+        }
+        return q;
+    }
+
+    // LU: the L part (r x q) and the U part ((r - q) x q) of the target.
+    const int hud = hd - wd;
+    const T* Ud = f.unz + xunz[fd] - 1 + (p0 - wd);
+    const int hus = hs - ws;
+    T* Us = f.unz + xunz[fs] - 1;
+    const bool contiguous = i1 - i0 == r - 1;
+    if (!contiguous)
+        for (int t = 0; t < r; ++t)
+            relind[t] = hs - map[rows[t]];
+    if (contiguous) {
+        productNT(r, q, wd, Ld + p0, hd, Ud, hud, Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs,
+                  false);
+    } else {
+        productNT(r, q, wd, Ld + p0, hd, Ud, hud, temp.data(), r, true);
+        addScattered(Ls, hs, q, 0, r, 0, false);
+    }
+    if (r > q) {
+        const int iq = hs - map[rows[q]];
+        if (contiguous) {
+            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd,
+                      Us + (iq - ws) + static_cast<std::int64_t>(c0) * hus, hus, false);
+        } else {
+            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd, temp.data(), r - q, true);
+            addScattered(Us, hus, q, q, r, ws, false);
+        }
+    }
+    return q;
+}
+
+template <class T>
+NumericResult Worker<T>::factorBlock(int sn, int fst, int hs, int ws) {
+    (void)sn;
+    NumericResult r;
+    T* L = f.lnz + xlnz[fst] - 1;
+    BlockCounts c;
+    if (cholesky) {
+        c = choleskyPanel(L, hs, ws);
+        if (c.failedColumn >= 0) {
+            r.status = h.ordering_.perm[fst - 1 + c.failedColumn];
+            return r;
+        }
+    } else if (!lu) {
+        int* piv = f.rowPivot + fst - 1;
+        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv);
+        for (int k = 0; k < ws; ++k)
+            piv[k] = piv[k] >= 0 ? fst + piv[k] : -(fst + (-piv[k] - 1));
+    } else {
+        int* rp = f.rowPivot + fst - 1;
+        int* cp = f.colPivot + fst - 1;
+        c = luPanel(L, hs, ws, f.unz + xunz[fst] - 1, hs - ws, rule, rp, cp);
+        for (int k = 0; k < ws; ++k) {
+            rp[k] += fst;
+            cp[k] += fst;
+        }
+    }
+    r.perturbed = c.perturbed;
+    r.positive = c.positive;
+    r.negative = c.negative;
+    return r;
+}
+
+template <class T>
+NumericResult Worker<T>::run() {
+    NumericResult result;
+    const float eps =
+        pivotEpsilon(rq.mtype, rq.pivotExponent, n, static_cast<const T*>(rq.a), rq.ia);
+    // An exponent of 0 asks for no threshold; a zero pivot then still has to
+    // become something that can be divided by.
+    rule.threshold = static_cast<T>(std::abs(eps));
+    rule.replacement = eps == 0.0f ? static_cast<T>(1e-8) : static_cast<T>(std::abs(eps));
+
+    indmap = IntBlock(n, kWorkCode, &h.memory);
+    relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
+    head = IntBlock(nsuper, kWorkCode, &h.memory);
+    next = IntBlock(nsuper, kWorkCode, &h.memory);
+    length = IntBlock(nsuper, kWorkCode, &h.memory);
+    temp =
+        Block<T>(std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate()), kWorkCode, &h.memory);
+    const std::int64_t panel = std::max(1, s.largestSupernode);
+    dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
+    groupEntries();
+
+    const OneBased<int> map(indmap.data());
+    const std::int64_t total = std::max<std::int64_t>(1, s.lnzSize);
+    int lastPercent = 0;
+    if (reportProgress(1, 0, kStageText, kStageLength) != 0) {
+        result.status = -1;
+        return result;
+    }
+    for (int idx = 0; idx < nsuper; ++idx) {
+        const int sn = std::abs(s.pnlsch[idx]);
+        const int fst = xsup[sn];
+        const int lst = xsup[sn + 1] - 1;
+        const int ws = lst - fst + 1;
+        const int hs = xlnz[fst + 1] - xlnz[fst];
+        T* L = f.lnz + xlnz[fst] - 1;
+        std::fill(L, L + static_cast<std::int64_t>(hs) * ws, T(0));
+        if (lu) {
+            T* U = f.unz + xunz[fst] - 1;
+            std::fill(U, U + static_cast<std::int64_t>(hs - ws) * ws, T(0));
+        }
+        const int* rows = lindx.p + xlindx[sn] - 1;
+        for (int i = 0; i < hs; ++i)
+            map[rows[i]] = hs - i;
+        scatter(sn, fst, lst, hs, ws);
+
+        while (head[sn - 1] != 0) {
+            const int d = head[sn - 1];
+            head[sn - 1] = next[d - 1];
+            const int q = update(d, sn);
+            length[d - 1] -= q;
+            if (length[d - 1] > 0) {
+                const int fd = xsup[d];
+                const int hd = xlnz[fd + 1] - xlnz[fd];
+                const int t = snode[lindx[xlindx[d] + hd - length[d - 1]]];
+                next[d - 1] = head[t - 1];
+                head[t - 1] = d;
+            }
+        }
+
+        const NumericResult b = factorBlock(sn, fst, hs, ws);
+        if (b.status != 0) {
+            result.status = b.status;
+            return result;
+        }
+        result.perturbed += b.perturbed;
+        result.positive += b.positive;
+        result.negative += b.negative;
+
+        if (hs > ws) {
+            length[sn - 1] = hs - ws;
+            const int t = snode[rows[ws]];
+            next[sn - 1] = head[t - 1];
+            head[t - 1] = sn;
+        } else {
+            length[sn - 1] = 0;
+        }
+
+        const std::int64_t done = static_cast<std::int64_t>(xlnz[lst + 1]) - 1;
+        const int percent =
+            static_cast<int>(std::min<double>(99.0, 100.0 * static_cast<double>(done - 1) / total));
+        if (percent > lastPercent) {
+            lastPercent = percent;
+            if (reportProgress(1, percent, kStageText, kStageLength) != 0) {
+                result.status = -1;
+                return result;
+            }
+        }
+    }
+    if (reportProgress(1, 100, kStageText, kStageLength) != 0) result.status = -1;
+    return result;
+}
+
+} // namespace
+
+bool numericSupported(int mtype) {
+    return mtype == 1 || mtype == 2 || mtype == -2 || mtype == 11 || mtype == -11;
+}
+
+template <class T>
+float pivotEpsilon(int mtype, int exponent, int n, const T* a, const int* ia) {
+    if (exponent == 0) return 0.0f;
+    float eps = static_cast<float>(std::exp(-2.3025851 * std::abs(exponent)));
+    if (mtype == -4 || mtype == -2 || mtype == 6) {
+        // Only the entries of row 1 after its first take part: the scale of
+        // one row stands for the matrix, as it always has.
+        double m = 0;
+        if (n > 0 && a && ia)
+            for (int k = ia[0] + 1; k <= ia[1] - 1; ++k)
+                m = std::max(m, std::abs(static_cast<double>(a[k - 1])));
+        if (m == 0 || n == 0) m = 1;
+        eps =
+            m < 1 ? static_cast<float>(eps * std::sqrt(m)) : static_cast<float>(eps / std::sqrt(m));
+    }
+    return eps;
+}
+
+double factorizationOperations(const SymbolicResult& s, int n, bool lu) {
+    double ops = 0;
+    const OneBased<const int> xsup(s.xsup.data());
+    const OneBased<const int> xlnz(s.xlnz.data());
+    for (int sn = 1; sn <= s.nsuper; ++sn) {
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const double hs = xlnz[fst + 1] - xlnz[fst];
+        for (int k = 0; k < ws; ++k) {
+            const double below = hs - k - 1; // rows below the pivot in this column
+            ops += lu ? 2.0 * below * below + below : below * below + below;
+        }
+    }
+    (void)n;
+    return ops / 1e6;
+}
+
+template <class T>
+NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRow& row) {
+    const SymbolicResult& s = h.symbolic;
+    const bool lu = isLu(rq.mtype);
+    const FactorLayout layout(s.lnzSize, lu ? s.unzSize : 1, rq.n, sizeof(T));
+    if (row.values.size() < layout.bytes) {
+        row.values.reset();
+        row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory);
+    }
+    row.state = kNotComputed;
+    Worker<T> worker(h, rq, layout.view<T>(row.values.data()));
+    const NumericResult r = worker.run();
+    if (r.status == 0) row.state = 0;
+    row.scalarWords = 1;
+    return r;
+}
+
+template NumericResult numericFactorization<float>(Handle&, const NumericRequest&, FactorRow&);
+template NumericResult numericFactorization<double>(Handle&, const NumericRequest&, FactorRow&);
+template float pivotEpsilon<float>(int, int, int, const float*, const int*);
+template float pivotEpsilon<double>(int, int, int, const double*, const int*);
+
+} // namespace skyrinse::spds

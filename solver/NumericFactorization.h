@@ -1,0 +1,69 @@
+// Numeric factorization (phase 22): left-looking supernodal LDL^T, Cholesky
+// or LU of the matrix that the analysis ordered.
+//
+// Reads: the caller's a, ia, ja (one-based, as stored: the upper triangle
+// for symmetric types, every entry for the others; repeated entries add up),
+// and from the handle the ordering (perm/invp), the symbolic structure, the
+// matching's row permutation (types above 10) and the scalings when scaling
+// is on. Nothing is permuted in place: each entry goes straight to its
+// position in the factor. The factor is of
+//   P^T S A S P          symmetric types, S = diag(first scaling array)
+//   P^T Dr Q A Dc P      types 1 and 11, Q the matching's row permutation,
+//                        Dr, Dc the row and column scalings
+// with the interchanges of the diagonal blocks on top (FactorLayout.h).
+//
+// Writes: the factor row's value block (allocated, or replaced when it is
+// too small, under FACT_L&U -1100), the perturbation, inertia and status
+// figures of the result. Borrows for the call (WORK_R0, -1200): indmap and
+// relind of n integers each, three lists of one integer per supernode, the
+// update buffer of max(tmpsiz, largest scattered update) scalars, a block
+// of panelWidth^2 scalars for D L^T, and the matrix entries grouped by
+// factor column (12 or 16 bytes an entry).
+//
+// Tiny pivots never fail the symmetric indefinite and LU factorizations:
+// they are replaced by the threshold of iparm[9] and counted. A Cholesky
+// (mtype 2) pivot that is not positive stops the factorization with the
+// equation where it arose. The progress hook may cancel (status -1). Memory
+// failures throw AllocationFailure for the driver to report. One thread:
+// the per-thread arrays (indmap, relind, the buffers) are members of one
+// worker so that a parallel schedule can give each thread its own.
+#pragma once
+
+#include "Handle.h"
+
+namespace skyrinse::spds {
+
+struct NumericRequest {
+    int mtype = -2;
+    int n = 0;
+    const void* a = nullptr;
+    const int* ia = nullptr;
+    const int* ja = nullptr;
+    bool bunchKaufman = true; // iparm[20] != 0 (mtype -2 only)
+    int pivotExponent = 8;    // iparm[9]
+};
+
+struct NumericResult {
+    int status = 0;    // 0, -1 cancelled, or the equation of a failed Cholesky pivot
+    int perturbed = 0; // pivots replaced by the threshold
+    int positive = 0;  // inertia of LDL^T and Cholesky
+    int negative = 0;
+};
+
+template <class T>
+NumericResult numericFactorization(Handle& h, const NumericRequest& request, FactorRow& row);
+
+// The threshold below which a pivot is replaced: 10^-|exponent| (0 for
+// exponent 0), for mtype -4, -2 and 6 scaled by the square root of the
+// largest magnitude among the entries of row 1 after its first.
+template <class T>
+float pivotEpsilon(int mtype, int exponent, int n, const T* a, const int* ia);
+
+// Floating-point operations of the factorization the structure implies, in
+// millions (what iparm[18] reports).
+double factorizationOperations(const SymbolicResult& s, int n, bool lu);
+
+// Whether the numeric stages handle this matrix type (the real ones).
+bool numericSupported(int mtype);
+
+} // namespace skyrinse::spds

@@ -1,0 +1,62 @@
+// Dense kernels on one supernode: the factorization of its diagonal block
+// with pivoting confined to that block, and the panel solve of the rows
+// below it.
+//
+// A panel is column-major, `ld` rows high (the supernode's height h), `w`
+// columns wide; its first w rows are the diagonal block, the rest are the
+// rows below. The U part of an LU panel is a separate (h - w) x w block,
+// stored transposed (row j of the block's U right of the diagonal is its
+// column j).
+//
+// What the kernels read: the block as the updates left it, lower triangle
+// only for the symmetric kernels (the strict upper triangle may hold
+// anything and is never read). What they write: the factor in place, the
+// interchanges as local indices into `pivots` (0-based, the 2 x 2 pairs as
+// -(index + 1) in both entries), and counters.
+//
+// Interchanges are applied to whole rows of the block at once, so that the
+// factor of the block is a plain triangle of the permuted block and a solve
+// can apply all interchanges of a supernode before it, in order.
+//
+// Tiny or zero pivots: the symmetric indefinite and LU kernels never fail;
+// a pivot at most `threshold` in magnitude becomes +replacement or
+// -replacement (by its sign, 0 counting as positive) and is counted. The
+// Cholesky kernel fails on the first pivot that is not positive and returns
+// its local column. No workspace is borrowed.
+#pragma once
+
+namespace skyrinse::spds {
+
+template <class T>
+struct PivotRule {
+    T threshold{};
+    T replacement{};
+};
+
+struct BlockCounts {
+    int perturbed = 0;
+    int positive = 0;
+    int negative = 0;
+    int failedColumn = -1; // Cholesky: local column of a pivot that is not positive
+};
+
+// Cholesky of the whole panel: the block becomes L_B, the rows below L_B^-T.
+template <class T>
+BlockCounts choleskyPanel(T* panel, int ld, int w);
+
+// LDL^T of the block with Bunch-Kaufman pivoting (bunchKaufman) or with the
+// largest remaining diagonal entry as pivot (1 x 1 only), then the rows
+// below become (rows P) L_B^-T D^-1. D stands on the block's diagonal, the
+// off-diagonal entry of a 2 x 2 pivot below its first column.
+template <class T>
+BlockCounts ldltPanel(T* panel, int ld, int w, bool bunchKaufman, PivotRule<T> rule, int* pivots);
+
+// LU of the block with complete pivoting inside it; row interchanges go to
+// rowPivots and to the columns of `upper`, column interchanges to colPivots
+// and to all rows of the panel. Then the rows below become L and `upper`
+// becomes the transposed U right of the block.
+template <class T>
+BlockCounts luPanel(T* panel, int ld, int w, T* upper, int ldu, PivotRule<T> rule, int* rowPivots,
+                    int* colPivots);
+
+} // namespace skyrinse::spds

@@ -1,11 +1,19 @@
-// Analysis speed of SPDS (phase 11) on matting-Laplacian-shaped systems,
-// against CHOLMOD's analysis of the same pattern measured in the same run.
+// Speed of SPDS against its peers, in one run with one thread count.
 //
-//   bench_solver [WIDTH HEIGHT]          default 316 x 316, about 100,000 unknowns
-//   bench_solver --write-mtx FILE [W H]  writes the system for spds-solve
-//
-// Figures: seconds per analysis (best of three), nnz(L), and the ratios
-// SPDS / CHOLMOD. One thread, as the target says.
+//   bench_solver [--threads N] [--reps R] [--quick]
+//        full benchmark: matting Laplacians of three photographs at the
+//        working size, a 2D and a 3D Laplacian and a saddle-point system;
+//        analysis, factorization and solve of SPDS (single and double, the
+//        parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
+//        simplicial LDL^T; best of R repetitions (default 3), each peer's
+//        time as a ratio to SPDS single, and the residuals.
+//   bench_solver --write-photo-mtx PHOTO FILE
+//        writes the matting Laplacian of a photograph for spds-solve
+//   bench_solver --analysis [WIDTH HEIGHT]
+//        analysis only (phase 11) on a matting-shaped pattern, against
+//        CHOLMOD's analysis of the same pattern
+//   bench_solver --write-mtx FILE [W H]  writes that pattern's system
+#include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
 #include "runtime/nrt.h"
@@ -116,7 +124,7 @@ Result cholmodAnalysis(const skyrinse::mm::Csr& upperRows, int method) {
 
 } // namespace
 
-int main(int argc, char** argv) {
+int analysisTable(int argc, char** argv) {
     int w = 316, h = 316;
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) {
         if (argc >= 5) {
@@ -130,9 +138,9 @@ int main(int argc, char** argv) {
         }
         return 0;
     }
-    if (argc >= 3) {
-        w = std::atoi(argv[1]);
-        h = std::atoi(argv[2]);
+    if (argc >= 4) {
+        w = std::atoi(argv[2]);
+        h = std::atoi(argv[3]);
     }
     nrt_set_num_threads(1);
     const skyrinse::mm::Triplets t = mattingPattern(w, h);
@@ -161,4 +169,10 @@ int main(int argc, char** argv) {
                     r.seconds / row.ref->seconds, r.nnzL / row.ref->nnzL);
     }
     return 0;
+}
+
+int main(int argc, char** argv) {
+    if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
+    return fullBenchmark(argc, argv);
 }

@@ -1,0 +1,192 @@
+// The peers of the solver benchmark; see Peers.h. Each keeps its own
+// defaults (ordering choice included), as a user of that library gets them.
+#include "Peers.h"
+
+#include "runtime/nrt.h"
+
+#include <cholmod.h>
+
+#ifdef SPDS_BENCH_MUMPS
+#include <dmumps_c.h>
+#endif
+#ifdef SPDS_BENCH_EIGEN
+#include <Eigen/SparseCholesky>
+#include <Eigen/SparseCore>
+#endif
+
+#include <algorithm>
+#include <cmath>
+
+namespace bench {
+
+void Timing::keepBest(double an, double fa, double so) {
+    ran = true;
+    analysis = std::min(analysis, an);
+    factorization = std::min(factorization, fa);
+    solve = std::min(solve, so);
+}
+
+double residual(const Problem& p, const std::vector<double>& x, const std::vector<double>& b) {
+    std::vector<double> r(b.size(), 0.0);
+    for (int i = 0; i < p.n; ++i)
+        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
+            const int j = p.ja[k] - 1;
+            r[i] += p.a[k] * x[j];
+            if (j != i) r[j] += p.a[k] * x[i];
+        }
+    double rr = 0, bb = 0;
+    for (std::size_t i = 0; i < b.size(); ++i) {
+        rr += (r[i] - b[i]) * (r[i] - b[i]);
+        bb += b[i] * b[i];
+    }
+    return std::sqrt(rr / (bb > 0 ? bb : 1));
+}
+
+Timing runCholmod(const Problem& p, const std::vector<double>& b, int repetitions) {
+    Timing t;
+    if (!p.definite) {
+        t.note = "not definite";
+        return t;
+    }
+    // The upper triangle by rows is the lower triangle by columns.
+    std::vector<int> colp(p.ia.begin(), p.ia.end()), rowi(p.ja.begin(), p.ja.end());
+    for (int& v : colp)
+        --v;
+    for (int& v : rowi)
+        --v;
+    for (int rep = 0; rep < repetitions; ++rep) {
+        cholmod_common cc;
+        cholmod_start(&cc);
+        cc.supernodal = CHOLMOD_SUPERNODAL;
+        cholmod_sparse a{};
+        a.nrow = a.ncol = static_cast<std::size_t>(p.n);
+        a.nzmax = rowi.size();
+        a.p = colp.data();
+        a.i = rowi.data();
+        a.x = const_cast<double*>(p.a.data());
+        a.stype = -1;
+        a.itype = CHOLMOD_INT;
+        a.xtype = CHOLMOD_REAL;
+        a.dtype = CHOLMOD_DOUBLE;
+        a.sorted = 1;
+        a.packed = 1;
+        cholmod_dense* rhs = cholmod_zeros(static_cast<std::size_t>(p.n), 1, CHOLMOD_REAL, &cc);
+        std::copy(b.begin(), b.end(), static_cast<double*>(rhs->x));
+        const double t0 = nrt_seconds();
+        cholmod_factor* l = cholmod_analyze(&a, &cc);
+        const double t1 = nrt_seconds();
+        const int ok = cholmod_factorize(&a, l, &cc);
+        const double t2 = nrt_seconds();
+        cholmod_dense* x = cholmod_solve(CHOLMOD_A, l, rhs, &cc);
+        const double t3 = nrt_seconds();
+        if (!ok || !x || cc.status != CHOLMOD_OK) {
+            t.note = "failed";
+        } else {
+            t.keepBest(t1 - t0, t2 - t1, t3 - t2);
+            const double* xv = static_cast<double*>(x->x);
+            t.residual = residual(p, std::vector<double>(xv, xv + p.n), b);
+            t.nnzFactor = cc.lnz;
+        }
+        cholmod_free_dense(&x, &cc);
+        cholmod_free_dense(&rhs, &cc);
+        cholmod_free_factor(&l, &cc);
+        cholmod_finish(&cc);
+    }
+    return t;
+}
+
+Timing runMumps(const Problem& p, const std::vector<double>& b, int repetitions) {
+    Timing t;
+#ifdef SPDS_BENCH_MUMPS
+    std::vector<int> irn, jcn;
+    irn.reserve(p.ja.size());
+    for (int i = 0; i < p.n; ++i)
+        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
+            irn.push_back(i + 1);
+            jcn.push_back(p.ja[k]);
+        }
+    std::vector<double> values(p.a.begin(), p.a.end());
+    for (int rep = 0; rep < repetitions; ++rep) {
+        DMUMPS_STRUC_C id{};
+        id.comm_fortran = -987654; // the sequential library's communicator
+        id.par = 1;
+        id.sym = p.definite ? 1 : 2;
+        id.job = -1;
+        dmumps_c(&id);
+        id.icntl[0] = id.icntl[1] = id.icntl[2] = id.icntl[3] = 0; // silent
+        id.n = p.n;
+        id.nnz = static_cast<MUMPS_INT8>(irn.size());
+        id.irn = irn.data();
+        id.jcn = jcn.data();
+        id.a = values.data();
+        std::vector<double> x(b);
+        id.rhs = x.data();
+        id.job = 1;
+        const double t0 = nrt_seconds();
+        dmumps_c(&id);
+        const double t1 = nrt_seconds();
+        id.job = 2;
+        dmumps_c(&id);
+        const double t2 = nrt_seconds();
+        id.job = 3;
+        dmumps_c(&id);
+        const double t3 = nrt_seconds();
+        if (id.infog[0] < 0) {
+            t.note = "failed, INFOG(1) " + std::to_string(id.infog[0]);
+        } else {
+            t.keepBest(t1 - t0, t2 - t1, t3 - t2);
+            t.residual = residual(p, x, b);
+            t.nnzFactor = static_cast<double>(id.infog[28]);
+        }
+        id.job = -2;
+        dmumps_c(&id);
+    }
+#else
+    (void)p;
+    (void)b;
+    (void)repetitions;
+    t.note = "not built";
+#endif
+    return t;
+}
+
+Timing runEigen(const Problem& p, const std::vector<double>& b, int repetitions) {
+    Timing t;
+#ifdef SPDS_BENCH_EIGEN
+    using Matrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
+    // The upper triangle by rows is the lower triangle by columns: map it.
+    std::vector<int> colp(p.ia.begin(), p.ia.end()), rowi(p.ja.begin(), p.ja.end());
+    for (int& v : colp)
+        --v;
+    for (int& v : rowi)
+        --v;
+    const Eigen::Map<const Matrix> a(p.n, p.n, static_cast<int>(rowi.size()), colp.data(),
+                                     rowi.data(), p.a.data());
+    const Eigen::Map<const Eigen::VectorXd> rhs(b.data(), p.n);
+    for (int rep = 0; rep < repetitions; ++rep) {
+        Eigen::SimplicialLDLT<Matrix, Eigen::Lower> ldlt;
+        const double t0 = nrt_seconds();
+        ldlt.analyzePattern(a);
+        const double t1 = nrt_seconds();
+        ldlt.factorize(a);
+        const double t2 = nrt_seconds();
+        const Eigen::VectorXd x = ldlt.solve(rhs);
+        const double t3 = nrt_seconds();
+        if (ldlt.info() != Eigen::Success) {
+            t.note = "failed";
+            continue;
+        }
+        t.keepBest(t1 - t0, t2 - t1, t3 - t2);
+        t.residual = residual(p, std::vector<double>(x.data(), x.data() + p.n), b);
+        t.nnzFactor = static_cast<double>(ldlt.matrixL().nestedExpression().nonZeros() + p.n);
+    }
+#else
+    (void)p;
+    (void)b;
+    (void)repetitions;
+    t.note = "not built";
+#endif
+    return t;
+}
+
+} // namespace bench

@@ -122,7 +122,9 @@ int Call<T>::argumentCheck() {
     if (ph < -1 || ph >= 34) return 1;
     if (h->maxfct >= 1 && maxfct > h->maxfct) return 2;
     if (mnum > maxfct) return 3;
-    if (mnum < 1 && ph >= 22) return 4;
+    // Phases 12 and 13 factor too: without a factor number they would write
+    // before the first row of the factor table.
+    if (mnum < 1 && (ph >= 22 || ph == 12 || ph == 13)) return 4;
     if (!acceptedMatrixType(mtype)) return 15;
     if (h->mtype != 0 && mtype != h->mtype && mtype != -h->mtype &&
         (std::abs(mtype) % 2) != (std::abs(h->mtype) % 2))

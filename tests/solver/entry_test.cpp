@@ -103,18 +103,6 @@ TEST(Lifecycle, RepeatedAnalysisRebuildsTheSameStructure) {
     }
 }
 
-TEST(Lifecycle, FactorizationAnswersUnavailableAfterAnalysis) {
-    // Until the numeric stages are built, asking for them is a clear error
-    // and leaves the analysis in place.
-    const Matrix m = smallStencil();
-    Solver s;
-    ASSERT_EQ(s.call(11, m), 0);
-    EXPECT_EQ(s.call(22, m), kNumericUnavailable);
-    EXPECT_TRUE(s.handle()->hasAnalysis);
-    EXPECT_EQ(s.call(12, m), kNumericUnavailable);
-    EXPECT_TRUE(s.handle()->hasAnalysis);
-}
-
 // ---- argument checks -------------------------------------------------------
 
 struct CheckRow {
@@ -145,6 +133,12 @@ const CheckRow kCheckRows[] = {
          s.mnum = 0;
          s.mtype = 99;
          return 22;
+     }},
+    {"mnum below 1 for an analysis that factors", 4,
+     [](Solver& s, Matrix&) {
+         s.mnum = 0;
+         s.mtype = 99;
+         return 12;
      }},
     {"unknown mtype", 15,
      [](Solver& s, Matrix& m) {
@@ -223,8 +217,12 @@ TEST(ArgumentCheck, SameParityTypesAreAccepted) {
     Matrix m = smallStencil();
     Solver s;
     ASSERT_EQ(s.call(11, m), 0);
-    s.mtype = 13; // odd like 11: the analysis stands, only the factorization is missing
-    EXPECT_EQ(s.call(22, m), kNumericUnavailable);
+    s.mtype = 13; // odd like 11: passes the check that -2 fails
+    s.call(22, m);
+    EXPECT_NE(s.handle()->internalCode, 5);
+    s.mtype = -2;
+    EXPECT_EQ(s.call(22, m), -7);
+    EXPECT_EQ(s.handle()->internalCode, 5);
 }
 
 TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {

@@ -442,6 +442,22 @@ int Call<T>::run() {
         }
         if (lastDigit == 1) return exit();
     }
+    // The factorization places every entry by its position in the row and
+    // the refinement multiplies with A: both need the structure the checker
+    // asks for, whatever iparm[26] says, and this call's arrays need not be
+    // those of the analysis.
+    if (!a.ja) {
+        status = kStatusParameters;
+        internal = 22;
+        return exit();
+    }
+    const int structure =
+        checkMatrix(*a.n, a.ia, a.ja, (std::abs(h->mtype) % 2) == 0, kCheckAll, iparm + 30);
+    if (structure != 0) {
+        status = kStatusParameters;
+        internal = structure;
+        return exit();
+    }
     return factorAndSolve(lastDigit);
 }
 

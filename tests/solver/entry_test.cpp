@@ -299,6 +299,31 @@ TEST(MatrixChecker, BoundsAreCheckedEvenWithoutTheRequest) {
     EXPECT_EQ(s.call(11, m), 0);
 }
 
+TEST(MatrixChecker, FactorizationRefusesWhatOnlyTheAnalysisAccepts) {
+    // Unsorted rows and repeated columns are harmless to the analysis but
+    // not to the factorization, which places entries by position.
+    Matrix m = smallStencil();
+    std::swap(m.ja[0], m.ja[1]);
+    Solver s;
+    s.msglvl = 1;
+    ASSERT_EQ(s.call(11, m), 0);
+    EXPECT_EQ(s.call(22, m), -1);
+    EXPECT_EQ(s.handle()->internalCode, 24);
+    EXPECT_EQ(s.call(12, m), -1);
+    EXPECT_EQ(s.handle()->internalCode, 24);
+}
+
+TEST(MatrixChecker, FactorizationChecksTheArraysOfItsOwnCall) {
+    Matrix m = smallStencil();
+    Solver s;
+    s.msglvl = 1;
+    ASSERT_EQ(s.call(11, m), 0);
+    m.ja[3] = m.n + 5; // the analysis saw a valid matrix; this call's is not
+    EXPECT_EQ(s.call(22, m), -1);
+    EXPECT_EQ(s.handle()->internalCode, 22);
+    EXPECT_EQ(s.iparm[30], 4);
+}
+
 // ---- iparm in and out --------------------------------------------------------
 
 TEST(Parameters, DefaultsFollowTheMatrixType) {

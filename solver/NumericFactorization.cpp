@@ -235,7 +235,7 @@ void Worker<T>::formDLt(int d, int p0, int q) {
             ++t;
         } else {
             const T d11 = L[static_cast<std::int64_t>(t) * hd + t];
-            const T d21 = L[static_cast<std::int64_t>(t) * hd + t + 1];
+            const T d21 = L[static_cast<std::int64_t>(t + 1) * hd + t];
             const T d22 = L[static_cast<std::int64_t>(t + 1) * hd + t + 1];
             const T* lt1 = lt + hd;
             T* wt1 = wt + q;

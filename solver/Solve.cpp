@@ -228,7 +228,7 @@ struct FactorSolver<T>::Impl {
                     ++c;
                 } else {
                     const T* col1 = f.lnz + xlnz[c + 1] - 1;
-                    const T d11 = col[off], d21 = col[off + 1], d22 = col1[off + 1];
+                    const T d11 = col[off], d21 = col1[off], d22 = col1[off + 1];
                     const T det = d11 * d22 - d21 * d21;
                     const T u = yj[c - 1], v = yj[c];
                     yj[c - 1] = (u * d22 - v * d21) / det;

@@ -264,6 +264,11 @@ BlockCounts ldltPanel(T* a, int ld, int w, bool bunchKaufman, PivotRule<T> rule,
                 ck1[j] = wk1;
             }
             pivots[k] = pivots[k + 1] = -(kp + 1);
+            // L is unit lower with a zero below a 2 x 2 pivot; the pivot's
+            // off-diagonal entry moves to the unused upper triangle, so that
+            // the triangular solves read L as a plain triangle.
+            at(a, ld, k, k + 1) = at(a, ld, k + 1, k);
+            at(a, ld, k + 1, k) = T(0);
         }
         k += step;
     }
@@ -289,7 +294,7 @@ BlockCounts ldltPanel(T* a, int ld, int w, bool bunchKaufman, PivotRule<T> rule,
                 bj[i] *= inv;
             ++j;
         } else {
-            const T d11 = at(a, ld, j, j), d21 = at(a, ld, j + 1, j), d22 = at(a, ld, j + 1, j + 1);
+            const T d11 = at(a, ld, j, j), d21 = at(a, ld, j, j + 1), d22 = at(a, ld, j + 1, j + 1);
             const T det = d11 * d22 - d21 * d21;
             const T e11 = d22 / det, e21 = -d21 / det, e22 = d11 / det;
             T* bj1 = bj + ld;

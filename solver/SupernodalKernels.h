@@ -47,7 +47,8 @@ BlockCounts choleskyPanel(T* panel, int ld, int w);
 // LDL^T of the block with Bunch-Kaufman pivoting (bunchKaufman) or with the
 // largest remaining diagonal entry as pivot (1 x 1 only), then the rows
 // below become (rows P) L_B^-T D^-1. D stands on the block's diagonal, the
-// off-diagonal entry of a 2 x 2 pivot below its first column.
+// off-diagonal entry of a 2 x 2 pivot right of its first column (in the
+// upper triangle), and L below a 2 x 2 pivot is 0.
 template <class T>
 BlockCounts ldltPanel(T* panel, int ld, int w, bool bunchKaufman, PivotRule<T> rule, int* pivots);
 

@@ -18,8 +18,8 @@ struct Problem {
 };
 
 struct Timing {
-    bool ran = false;     // the peer exists in this build and accepted the system
-    std::string note;     // why not, or what went wrong
+    bool ran = false; // the peer exists in this build and accepted the system
+    std::string note; // why not, or what went wrong
     double analysis = 1e30;
     double factorization = 1e30;
     double solve = 1e30;

@@ -3,7 +3,8 @@
 // A FactorRow's value block holds, one after the other, each part starting
 // on a 128-byte boundary:
 //   lnz        lnzSize scalars: the supernodal panels of L (diagonal blocks
-//              whole, D on their diagonal for LDL^T)
+//              whole, D on their diagonal for LDL^T, the off-diagonal
+//              entry of a 2 x 2 pivot in the upper triangle)
 //   unz        unzSize scalars: the U part right of the diagonal blocks,
 //              stored transposed like L (mtype 1 and 11; 1 scalar otherwise)
 //   rowPivot   n integers: interchanges of the diagonal blocks, one-based

@@ -222,7 +222,7 @@ inline double relativeDifference(const std::vector<double>& x, const std::vector
 
 // One handle through the entry, in precision T; released on scope exit.
 template <class T>
-struct Run {
+struct SpdsRun {
     void* pt[64] = {};
     int iparm[64] = {};
     int maxfct = 1, mnum = 1, msglvl = 0;
@@ -230,7 +230,7 @@ struct Run {
     std::vector<T> a;
     std::vector<int> perm;
 
-    explicit Run(const System& s) : sys(s), a(s.a.begin(), s.a.end()), perm(s.n) {
+    explicit SpdsRun(const System& s) : sys(s), a(s.a.begin(), s.a.end()), perm(s.n) {
         iparm[0] = 1;
         iparm[1] = 2;
         iparm[7] = 2;
@@ -242,14 +242,14 @@ struct Run {
         iparm[20] = 1;
         iparm[27] = std::is_same_v<T, float> ? 1 : 0;
     }
-    ~Run() {
+    ~SpdsRun() {
         int phase = -1, n = sys.n, nrhs = 1, error = 0;
         int mtype = sys.mtype;
         spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
              iparm, &msglvl, nullptr, nullptr, &error);
     }
-    Run(const Run&) = delete;
-    Run& operator=(const Run&) = delete;
+    SpdsRun(const SpdsRun&) = delete;
+    SpdsRun& operator=(const SpdsRun&) = delete;
 
     int call(int phase, std::vector<T>* b = nullptr, std::vector<T>* x = nullptr, int nrhs = 1) {
         int error = 12345, n = sys.n, mtype = sys.mtype;

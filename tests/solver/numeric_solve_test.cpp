@@ -48,7 +48,7 @@ TYPED_TEST(NumericSolve, MatchesDenseSolveForEveryType) {
     using T = TypeParam;
     for (const System& s : families()) {
         SCOPED_TRACE(s.name);
-        Run<T> run(s);
+        SpdsRun<T> run(s);
         const std::vector<double> b = randomVector(static_cast<std::size_t>(s.n), 7);
         std::vector<T> bt = narrow<T>(b), x(static_cast<std::size_t>(s.n), T(-99));
         ASSERT_EQ(run.call(13, &bt, &x), 0);
@@ -58,6 +58,9 @@ TYPED_TEST(NumericSolve, MatchesDenseSolveForEveryType) {
         const std::vector<double> ref = denseSolve(s, b, 1);
         EXPECT_LE(relativeDifference(xd, ref), 1e4 * this->eps());
         EXPECT_EQ(run.iparm[6], 2) << "two refinement steps were asked for";
+        if (s.name.rfind("spd", 0) == 0) {
+            EXPECT_EQ(run.iparm[13], 0) << "a definite matrix calls for no perturbed pivot";
+        }
     }
 }
 
@@ -67,7 +70,7 @@ TYPED_TEST(NumericSolve, SplitPhasesEqualOneShot) {
         SCOPED_TRACE(s.name);
         const std::vector<double> b = randomVector(static_cast<std::size_t>(s.n), 11);
         std::vector<T> b1 = narrow<T>(b), x1(b1.size()), b2 = b1, x2(b1.size());
-        Run<T> once(s), split(s);
+        SpdsRun<T> once(s), split(s);
         ASSERT_EQ(once.call(13, &b1, &x1), 0);
         ASSERT_EQ(split.call(11), 0);
         ASSERT_EQ(split.call(22), 0);
@@ -84,7 +87,7 @@ TYPED_TEST(NumericSolve, SeveralRightHandSidesEqualSolvesOneAtATime) {
     for (const System& s : families()) {
         SCOPED_TRACE(s.name);
         const std::size_t n = static_cast<std::size_t>(s.n);
-        Run<T> run(s);
+        SpdsRun<T> run(s);
         run.iparm[7] = 0; // the raw solves, without refinement
         ASSERT_EQ(run.call(12), 0);
         if (run.iparm[13] > 0) continue; // perturbed: refinement would run anyway
@@ -112,7 +115,7 @@ TYPED_TEST(NumericSolve, TransposedSolveOfUnsymmetricMatrices) {
     for (const System& s : families()) {
         if (s.mtype != 11 && s.mtype != 1) continue;
         SCOPED_TRACE(s.name);
-        Run<T> run(s);
+        SpdsRun<T> run(s);
         ASSERT_EQ(run.call(12), 0);
         // The transposed solve is honoured when the caller's values are not
         // taken as they stand (iparm[0] other than 1).
@@ -131,7 +134,7 @@ TYPED_TEST(NumericSolve, PartialSolvesComposeToTheFullSolve) {
     using T = TypeParam;
     for (const System& s : families()) {
         SCOPED_TRACE(s.name);
-        Run<T> run(s);
+        SpdsRun<T> run(s);
         run.iparm[7] = 0;
         ASSERT_EQ(run.call(12), 0);
         if (run.iparm[13] > 0) continue;
@@ -154,7 +157,7 @@ TYPED_TEST(NumericSolve, SolutionIntoB) {
     using T = TypeParam;
     const std::vector<System> all = families();
     const System& s = all[3];
-    Run<T> run(s);
+    SpdsRun<T> run(s);
     run.iparm[5] = 1;
     const std::vector<double> b = randomVector(static_cast<std::size_t>(s.n), 17);
     std::vector<T> bt = narrow<T>(b), x(bt.size());

@@ -1,0 +1,194 @@
+// Pivoting of the numeric factorization: inertia against a dense eigenvalue
+// count, 2 x 2 pivots, the perturbation threshold and its counters, the
+// failure of a Cholesky pivot, and the progress hook with its cancel.
+#include "NumericFactorization.h"
+#include "NumericSupport.h"
+
+#include <gtest/gtest.h>
+
+using namespace numtest;
+
+namespace {
+
+System twoByTwo(int mtype, double a11, double a12, double a22) {
+    return fromEntries("2x2", mtype, 2,
+                       {{{0, 0}, a11}, {{0, 1}, a12}, {{1, 0}, a12}, {{1, 1}, a22}});
+}
+
+// Factor without the matching, so that the pivoting of the blocks alone
+// decides.
+template <class T>
+void plainPivoting(SpdsRun<T>& run, int exponent, int bunchKaufman) {
+    run.iparm[9] = exponent;
+    run.iparm[10] = 0;
+    run.iparm[12] = 0;
+    run.iparm[20] = bunchKaufman;
+}
+
+TEST(Inertia, MatchesDenseEigenvalueCount) {
+    std::mt19937 rng(77);
+    std::vector<System> systems;
+    for (int k = 0; k < 4; ++k)
+        systems.push_back(fromEntries("random indefinite", -2, 60 + 10 * k,
+                                      symmetricEntries(60 + 10 * k, 0.08, rng, 0.5, true)));
+    systems.push_back(fromEntries("saddle", -2, 100 + 20, saddleEntries(10, 10, 20, rng)));
+    for (const System& s : systems) {
+        for (int bk : {1, 0}) {
+            SCOPED_TRACE(s.name + (bk ? ", Bunch-Kaufman" : ", diagonal pivoting"));
+            SpdsRun<double> run(s);
+            run.iparm[20] = bk;
+            ASSERT_EQ(run.call(12), 0);
+            if (run.iparm[13] != 0) continue; // a perturbed pivot may flip a sign
+            const auto [pos, neg] = denseInertia(s);
+            EXPECT_EQ(run.iparm[21], pos);
+            EXPECT_EQ(run.iparm[22], neg);
+        }
+    }
+}
+
+TEST(Inertia, PositiveDefiniteCountsEveryPivotPositive) {
+    const System s = fromEntries("grid", -2, 225, gridEntries(15, 15, 0.1));
+    SpdsRun<float> run(s);
+    ASSERT_EQ(run.call(12), 0);
+    EXPECT_EQ(run.iparm[21], 225);
+    EXPECT_EQ(run.iparm[22], 0);
+    EXPECT_EQ(run.iparm[13], 0);
+}
+
+TEST(BunchKaufman, ZeroDiagonalTakesTwoByTwoPivot) {
+    const System s = twoByTwo(-2, 0.0, 1.0, 0.0);
+    SpdsRun<double> run(s);
+    plainPivoting(run, 8, 1);
+    std::vector<double> b{3.0, 5.0}, x(2);
+    run.iparm[7] = 0;
+    ASSERT_EQ(run.call(13, &b, &x), 0);
+    EXPECT_EQ(run.iparm[13], 0) << "a 2 x 2 pivot needs no perturbation";
+    EXPECT_EQ(run.iparm[21], 1);
+    EXPECT_EQ(run.iparm[22], 1);
+    EXPECT_NEAR(x[0], 5.0, 1e-14);
+    EXPECT_NEAR(x[1], 3.0, 1e-14);
+}
+
+TEST(Perturbation, ZeroThresholdReplacesAnExactZeroPivot) {
+    // Rank one: after the first pivot the remaining one is exactly zero.
+    for (int mtype : {11, -2}) {
+        SCOPED_TRACE(mtype);
+        const System s = twoByTwo(mtype, 1.0, 1.0, 1.0);
+        SpdsRun<double> run(s);
+        plainPivoting(run, 0, 0);
+        ASSERT_EQ(run.call(12), 0) << "a zero pivot is never a failure";
+        EXPECT_EQ(run.iparm[13], 1);
+        if (mtype == -2) {
+            // The replaced pivot is +1e-8: zero counts as positive.
+            EXPECT_EQ(run.iparm[21], 2);
+            EXPECT_EQ(run.iparm[22], 0);
+        }
+    }
+}
+
+TEST(Perturbation, PivotsBelowTheThresholdAreCountedAndRefined) {
+    // Nearly diagonal, pivots 0.05 under the threshold 0.1 of iparm[9] = 1.
+    std::map<std::pair<int, int>, double> e;
+    const int n = 40;
+    for (int i = 0; i < n; ++i) {
+        e[{i, i}] = 0.05;
+        if (i + 1 < n) e[{i, i + 1}] = e[{i + 1, i}] = 1e-4;
+    }
+    const System s = fromEntries("small pivots", 11, n, e);
+    SpdsRun<double> run(s);
+    plainPivoting(run, 1, 0);
+    run.iparm[7] = 40; // the error halves with every step
+    const std::vector<double> b = randomVector(n, 1);
+    std::vector<double> bt = b, x(n);
+    ASSERT_EQ(run.call(13, &bt, &x), 0);
+    EXPECT_EQ(run.iparm[13], n);
+    EXPECT_LE(relativeResidual(s, x, b, 1), 1e-6) << "refinement repairs the perturbed factor";
+}
+
+TEST(PivotEpsilon, ScaledByTheFirstRowForSymmetricIndefiniteTypes) {
+    using skyrinse::spds::pivotEpsilon;
+    const std::vector<int> ia{1, 3, 4};
+    const std::vector<double> big{1.0, 4.0, 1.0}, small{1.0, 0.25, 1.0};
+    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, big.data(), ia.data()), 1e-8f / 2);
+    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, small.data(), ia.data()), 1e-8f * 0.5f);
+    EXPECT_FLOAT_EQ(pivotEpsilon(11, 8, 2, big.data(), ia.data()), 1e-8f);
+    EXPECT_EQ(pivotEpsilon(-2, 0, 2, big.data(), ia.data()), 0.0f);
+    // Row 1 with its diagonal only: nothing to scale by.
+    const std::vector<int> iaDiagonal{1, 2, 4};
+    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, big.data(), iaDiagonal.data()), 1e-8f);
+}
+
+TEST(Cholesky, NonPositivePivotFailsWithItsEquation) {
+    std::map<std::pair<int, int>, double> e;
+    const int n = 12;
+    for (int i = 0; i < n; ++i) {
+        e[{i, i}] = i == 6 ? -5.0 : 4.0;
+        if (i + 1 < n) e[{i, i + 1}] = e[{i + 1, i}] = -1.0;
+    }
+    const System s = fromEntries("indefinite", 2, n, e);
+    SpdsRun<double> run(s);
+    EXPECT_EQ(run.call(12), -4);
+    EXPECT_EQ(run.iparm[29], 7);
+    std::vector<double> b(n, 1.0), x(n);
+    EXPECT_NE(run.call(33, &b, &x), 0) << "no solve from a failed factorization";
+}
+
+struct HookLog {
+    std::vector<int> steps;
+    std::string stage;
+    int length = 0;
+    int thread = 0;
+    int cancelAt = 1000;
+};
+HookLog* hookLog = nullptr;
+
+int recordingHook(const int* thread, const int* step, const char* stage, int length) {
+    hookLog->steps.push_back(*step);
+    hookLog->stage.assign(stage, static_cast<std::size_t>(length));
+    hookLog->length = length;
+    hookLog->thread = *thread;
+    return *step >= hookLog->cancelAt ? 1 : 0;
+}
+
+class ProgressHook : public ::testing::Test {
+protected:
+    void SetUp() override {
+        hookLog = &log;
+        spds_set_progress(recordingHook);
+    }
+    void TearDown() override {
+        spds_set_progress(nullptr);
+        hookLog = nullptr;
+    }
+    HookLog log;
+};
+
+TEST_F(ProgressHook, ReportsRisingPercentagesFromZeroToHundred) {
+    const System s = fromEntries("grid", -2, 900, gridEntries(30, 30, 0.1));
+    SpdsRun<double> run(s);
+    ASSERT_EQ(run.call(12), 0);
+    ASSERT_GE(log.steps.size(), 3u);
+    EXPECT_EQ(log.steps.front(), 0);
+    EXPECT_EQ(log.steps.back(), 100);
+    EXPECT_TRUE(std::is_sorted(log.steps.begin(), log.steps.end()));
+    EXPECT_EQ(log.stage, "Spds: factorization phase");
+    EXPECT_EQ(log.length, 25);
+    EXPECT_EQ(log.thread, 1);
+    EXPECT_EQ(spds_get_progress(), &recordingHook);
+}
+
+TEST_F(ProgressHook, NonZeroReturnCancels) {
+    const System s = fromEntries("grid", -2, 900, gridEntries(30, 30, 0.1));
+    SpdsRun<double> run(s);
+    log.cancelAt = 1;
+    EXPECT_EQ(run.call(12), -4);
+    EXPECT_EQ(run.iparm[29], -1);
+    EXPECT_LT(log.steps.back(), 100) << "the loop stops at the cancel";
+    std::vector<double> b(900, 1.0), x(900);
+    EXPECT_NE(run.call(33, &b, &x), 0) << "a cancelled factor is not solved with";
+    log.cancelAt = 1000;
+    EXPECT_EQ(run.call(22), 0) << "factorizing again after a cancel works";
+    EXPECT_EQ(run.call(33, &b, &x), 0);
+}
+
+} // namespace

@@ -1,18 +1,25 @@
-// spds-solve: analyse a sparse system from a Matrix Market file with SPDS.
+// spds-solve: solve a sparse system from a Matrix Market file with SPDS.
 //
-//   spds-solve [--mtype T] [--ordering 0..3] [--threads N] [--single] FILE.mtx
+//   spds-solve [--mtype T] [--ordering 0..3] [--threads N] [--single]
+//              [--refine STEPS] [--rhs FILE] FILE.mtx
 //
 // The whole use of the solver in one place: build the one-based CSR arrays,
-// call spds with phase 11 (ordering and symbolic factorization), read back
-// what the analysis found, and release the handle with phase -1.
+// analyse (phase 11), factorize (22), solve with refinement (33), print the
+// residual ||A x - b|| / ||b||, the times, the inertia and the perturbed
+// pivots, and release the handle (phase -1). The right-hand side is read
+// from FILE (numbers separated by white space, lines starting with '%'
+// skipped, a Matrix Market "array" header accepted) or is all ones.
 #include "MatrixMarket.h"
 
 #include "runtime/nrt.h"
 #include "spds.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,8 +27,77 @@ namespace {
 
 int usage() {
     std::fprintf(stderr, "usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] "
-                         "[--single] FILE.mtx\n");
+                         "[--single] [--refine STEPS] [--rhs FILE] FILE.mtx\n");
     return 2;
+}
+
+bool readRhs(const char* path, int n, std::vector<double>& b) {
+    std::ifstream in(path);
+    if (!in) return false;
+    std::vector<double> values;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '%') continue;
+        std::istringstream s(line);
+        for (double v; s >> v;)
+            values.push_back(v);
+    }
+    // A Matrix Market array file starts with its sizes "n 1".
+    if (values.size() == static_cast<std::size_t>(n) + 2)
+        values.erase(values.begin(), values.begin() + 2);
+    if (values.size() != static_cast<std::size_t>(n)) return false;
+    b = values;
+    return true;
+}
+
+// ||A x - b|| / ||b|| in double; symmetric types store one triangle.
+double residual(const skyrinse::mm::Csr& c, bool symmetric, const std::vector<double>& x,
+                const std::vector<double>& b) {
+    std::vector<double> r(b.size(), 0.0);
+    for (int i = 0; i < c.n; ++i)
+        for (int k = c.ia[i] - 1; k < c.ia[i + 1] - 1; ++k) {
+            const int j = c.ja[k] - 1;
+            r[i] += c.a[k] * x[j];
+            if (symmetric && j != i) r[j] += c.a[k] * x[i];
+        }
+    double rr = 0, bb = 0;
+    for (std::size_t i = 0; i < b.size(); ++i) {
+        rr += (r[i] - b[i]) * (r[i] - b[i]);
+        bb += b[i] * b[i];
+    }
+    return std::sqrt(rr) / std::sqrt(bb > 0 ? bb : 1.0);
+}
+
+struct Outcome {
+    int error = 0;
+    const char* stage = "";
+    double seconds[3] = {};
+    std::vector<double> x;
+};
+
+// Phases 11, 22, 33 and -1 in the precision T.
+template <class T>
+Outcome solve(const skyrinse::mm::Csr& c, int mtype, int* iparm, const std::vector<double>& b) {
+    const std::vector<T> a(c.a.begin(), c.a.end());
+    std::vector<T> rhs(b.begin(), b.end()), x(b.size());
+    void* pt[64] = {};
+    int maxfct = 1, mnum = 1, nrhs = 1, msglvl = 0, n = c.n;
+    Outcome out;
+    const int phases[3] = {11, 22, 33};
+    const char* names[3] = {"analysis", "factorization", "solve"};
+    for (int k = 0; k < 3 && out.error == 0; ++k) {
+        int phase = phases[k];
+        const double t0 = nrt_seconds();
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), c.ia.data(), c.ja.data(), nullptr,
+             &nrhs, iparm, &msglvl, rhs.data(), x.data(), &out.error);
+        out.seconds[k] = nrt_seconds() - t0;
+        out.stage = names[k];
+    }
+    out.x.assign(x.begin(), x.end());
+    int phase = -1, error = 0;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs, iparm,
+         &msglvl, nullptr, nullptr, &error);
+    return out;
 }
 
 } // namespace
@@ -30,8 +106,10 @@ int main(int argc, char** argv) {
     int mtype = 0; // 0: 11 for a general file, -2 for a symmetric one
     int ordering = 3;
     int threads = 0;
+    int refine = 2;
     bool single = false;
     const char* path = nullptr;
+    const char* rhsPath = nullptr;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         if (!std::strcmp(argv[i], "--mtype") && hasValue)
@@ -40,6 +118,10 @@ int main(int argc, char** argv) {
             ordering = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--threads") && hasValue)
             threads = std::atoi(argv[++i]);
+        else if (!std::strcmp(argv[i], "--refine") && hasValue)
+            refine = std::atoi(argv[++i]);
+        else if (!std::strcmp(argv[i], "--rhs") && hasValue)
+            rhsPath = argv[++i];
         else if (!std::strcmp(argv[i], "--single"))
             single = true;
         else if (argv[i][0] != '-' && !path)
@@ -59,56 +141,48 @@ int main(int argc, char** argv) {
     }
     if (mtype == 0) mtype = triplets.symmetric ? -2 : 11;
     const skyrinse::mm::Csr csr = skyrinse::mm::toCsr(triplets, mtype);
-    std::vector<float> values(csr.a.begin(), csr.a.end());
-    const void* a = single ? static_cast<const void*>(values.data()) : csr.a.data();
+    std::vector<double> b(static_cast<std::size_t>(csr.n), 1.0);
+    if (rhsPath && !readRhs(rhsPath, csr.n, b)) {
+        std::fprintf(stderr, "spds-solve: %s: expected %d numbers\n", rhsPath, csr.n);
+        return 1;
+    }
     const double readTime = nrt_seconds() - t0;
 
-    void* pt[64] = {};
+    const bool symmetric = mtype == 2 || mtype == -2;
     int iparm[64] = {};
-    iparm[0] = 1;        // take the values below, not the defaults
-    iparm[1] = ordering; // 0, 1 minimum degree; 2, 3 nested dissection
-    iparm[17] = -1;      // report the non-zeros of the factors
+    iparm[0] = 1;                   // take the values below, not the defaults
+    iparm[1] = ordering;            // 0, 1 minimum degree; 2, 3 nested dissection
+    iparm[7] = refine;              // refinement steps at most (negative: wide residual)
+    iparm[9] = symmetric ? 8 : 13;  // pivots below 1e-8 / 1e-13 are perturbed
+    iparm[10] = mtype == 2 ? 0 : 1; // scaling and matching: large entries near
+    iparm[12] = mtype == 2 ? 0 : 1; // the diagonal, where pivoting can reach them
+    iparm[17] = -1;                 // report the entries of the factors
+    iparm[20] = 1;                  // Bunch-Kaufman pivots (mtype -2)
     iparm[27] = single ? 1 : 0;
-    int maxfct = 1, mnum = 1, nrhs = 1, msglvl = 0, error = 0;
-    int phase = 11;
-    std::vector<int> perm(static_cast<std::size_t>(csr.n));
-    const double t1 = nrt_seconds();
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &csr.n, a, csr.ia.data(), csr.ja.data(), perm.data(),
-         &nrhs, iparm, &msglvl, nullptr, nullptr, &error);
-    const double analysisTime = nrt_seconds() - t1;
+    const Outcome r =
+        single ? solve<float>(csr, mtype, iparm, b) : solve<double>(csr, mtype, iparm, b);
 
     std::printf("matrix        %s (mtype %d, %s precision)\n", path, mtype,
                 single ? "single" : "double");
     std::printf("n             %d\n", csr.n);
     std::printf("nnz           %d\n", csr.ia[static_cast<std::size_t>(csr.n)] - 1);
-    int status = 0;
-    if (error != 0) {
-        std::printf("error         %d (%s), iparm[29] %d\n", error, spds_error_text(error),
-                    iparm[29]);
-        status = 1;
-    } else {
-        spds_analysis_info info;
-        spds_get_analysis_info(pt, &info);
-        std::printf("threads       %d\n", info.threads);
-        std::printf("domains       %d (of %d parts)\n", info.domains, info.partitions);
-        std::printf("supernodes    %d\n", info.supernodes);
-        std::printf("largest       %d columns (fundamental %d, panel cut %d)\n",
-                    info.largest_supernode, info.largest_fundamental, info.panel_width);
-        std::printf("nnz(L)        %lld (%lld by columns)\n", info.nnz_l, info.nnz_l_columns);
-        if (info.nnz_u > 0) std::printf("nnz(U)        %lld\n", info.nnz_u);
-        std::printf("iparm[17]     %d\n", iparm[17]);
-        std::printf("memory        peak %d KB, kept %d KB, factorization %d KB\n", iparm[14],
-                    iparm[15], iparm[16]);
-        std::printf("time read     %.3f s\n", readTime);
-        std::printf("time graph    %.3f s\n", info.time_graph);
-        std::printf("time ordering %.3f s\n", info.time_ordering);
-        std::printf("time sfinit   %.3f s\n", info.time_sfinit);
-        std::printf("time symbolic %.3f s\n", info.time_symbolic);
-        std::printf("time lists    %.3f s\n", info.time_update_lists);
-        std::printf("time analysis %.3f s\n", analysisTime);
+    std::printf("right side    %s\n", rhsPath ? rhsPath : "ones");
+    if (r.error != 0) {
+        std::printf("error         %d in the %s (%s), iparm[29] %d\n", r.error, r.stage,
+                    spds_error_text(r.error), iparm[29]);
+        return 1;
     }
-    phase = -1;
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &csr.n, a, csr.ia.data(), csr.ja.data(), perm.data(),
-         &nrhs, iparm, &msglvl, nullptr, nullptr, &error);
-    return status;
+    std::printf("threads       %d\n", iparm[2]);
+    std::printf("nnz(L+U)      %d\n", iparm[17]);
+    std::printf("inertia       %d positive, %d negative\n", iparm[21], iparm[22]);
+    std::printf("perturbed     %d pivots\n", iparm[13]);
+    std::printf("refinement    %d steps\n", iparm[6]);
+    std::printf("residual      %.3e (||Ax-b|| / ||b||)\n", residual(csr, symmetric, r.x, b));
+    std::printf("memory        peak %d KB, kept %d KB, factorization %d KB\n", iparm[14], iparm[15],
+                iparm[16]);
+    std::printf("time read     %.3f s\n", readTime);
+    std::printf("time analysis %.3f s\n", r.seconds[0]);
+    std::printf("time factor   %.3f s\n", r.seconds[1]);
+    std::printf("time solve    %.3f s\n", r.seconds[2]);
+    return 0;
 }

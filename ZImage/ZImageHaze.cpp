@@ -310,11 +310,10 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings) {
         ZImage working;
         image.ResizeTo(working, size.width, size.height, 0, 0.0, 0.0, 0.0, 0.0);
         std::unique_ptr<float[]> map = working.estimateDarkChannel(settings.airlight);
-        // The soft-matting refinement of the map (refineDarkChannel on the
-        // working image) belongs here, between the estimate and the
-        // upsampling. It needs the sparse direct solver, which is not in the
-        // tree yet; until then the coarse map goes straight to the
-        // upsampling, whose edge-aware weights soften its window blocks.
+        // The window blocks of the estimate give way to the edges of the
+        // picture before the map is carried to full size.
+        working.refineDarkChannel(
+            std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
         settings.airDepthMap = image.upsampleDarkChannel(map.get(), working);
     }
     const float s = static_cast<float>(settings.strength / 100.0);

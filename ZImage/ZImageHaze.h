@@ -13,7 +13,9 @@
 // (type code 32, depth 32, 1.0 full scale); anything else throws
 // ZException("Invalid Bitmap"). Each per-pixel stage is one OpenMP region over
 // rows with a static split and `threadCount` threads, none of which gets less
-// than a quarter megapixel; no result depends on the team size.
+// than a quarter megapixel; no result depends on the team size, except the
+// last bits of the refinement's sparse solve, where the solver's own threads
+// may round differently.
 //
 //   ZImage::estimateDarkChannel(airlight)      working image -> map D, airlight
 //   ZImage::refineDarkChannel(D)               working image, D refined in place

@@ -149,8 +149,9 @@ TEST(RunHazeRemoval, ReusesTheCachedMapAndAirlight) {
 
 // A scene J whose blue channel is 0 everywhere (so its dark channel is 0),
 // veiled with transmission 0.6 under airlight A, with a sky of pure A along
-// the top. The estimate must find A, a map of 1 - 0.6 below the sky, and
-// strength 100 must give J back.
+// the top. The estimate must find A and a map of 1 - 0.6 below the sky; the
+// refinement spreads the sky's 1 down into the texture, fading with the
+// distance, so far from the sky line strength 100 must give J back.
 TEST(RunHazeRemoval, RecoversASyntheticHazyScene) {
     const int w = 480, h = 360, skyRows = 90;
     const std::array<float, 3> a{0.8f, 0.85f, 0.9f};
@@ -174,18 +175,33 @@ TEST(RunHazeRemoval, RecoversASyntheticHazyScene) {
     for (int c = 0; c < 3; ++c)
         EXPECT_NEAR(a[c], settings.airlight[c], 1e-5f);
 
-    // Away from the sky line, where windows and neighbourhoods mix the two.
-    for (int y = skyRows + 20; y < h; ++y)
+    // Below the sky the map lies between 1 - t and the sky's value and
+    // falls towards 1 - t with the distance from the sky line.
+    float previousRowMean = 1.0f;
+    for (int y = skyRows + 20; y < h; y += 10) {
+        float rowMean = 0.0f;
         for (int x = 0; x < w; ++x) {
-            ASSERT_NEAR(1.0f - t, settings.airDepthMap[static_cast<std::size_t>(y) * w + x], 1e-5f);
+            const float m = settings.airDepthMap[static_cast<std::size_t>(y) * w + x];
+            ASSERT_GT(m, 1.0f - t - 1e-4f) << x << ", " << y;
+            ASSERT_LT(m, 0.5f) << x << ", " << y;
+            rowMean += m / static_cast<float>(w);
+        }
+        EXPECT_LT(rowMean, previousRowMean) << y;
+        previousRowMean = rowMean;
+    }
+    // The bottom rows, far from the sky line: the map within 0.01 of 1 - t,
+    // which recovers J to within 2 % of its distance from A.
+    for (int y = h - 40; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            ASSERT_NEAR(1.0f - t, settings.airDepthMap[static_cast<std::size_t>(y) * w + x], 0.01f);
             const float* p = hazetest::pixel(image, x, y);
             const Rgba& j = scene[static_cast<std::size_t>(y) * w + x];
-            ASSERT_NEAR(j.r, p[0], 1e-4f) << x << ", " << y;
-            ASSERT_NEAR(j.g, p[1], 1e-4f) << x << ", " << y;
-            ASSERT_NEAR(j.b, p[2], 1e-4f) << x << ", " << y;
+            ASSERT_NEAR(j.r, p[0], 0.02f * std::abs(j.r - a[0]) + 1e-4f) << x << ", " << y;
+            ASSERT_NEAR(j.g, p[1], 0.02f * std::abs(j.g - a[1]) + 1e-4f) << x << ", " << y;
+            ASSERT_NEAR(j.b, p[2], 0.02f * std::abs(j.b - a[2]) + 1e-4f) << x << ", " << y;
         }
-    // The sky is all haze: its map is 1 and its colour stays A.
-    EXPECT_NEAR(1.0f, settings.airDepthMap[w * 10 + 10], 1e-5f);
+    // The sky is all haze: its map stays high and its colour stays A.
+    EXPECT_GT(settings.airDepthMap[w * 10 + 10], 0.85f);
     EXPECT_NEAR(a[1], hazetest::pixel(image, 10, 10)[1], 1e-4f);
 }
 
@@ -237,8 +253,12 @@ TEST(RunHazeRemoval, ResultDoesNotDependOnThreadCount) {
         airlights[threads - 1] = settings.airlight;
     }
     EXPECT_EQ(airlights[0], airlights[1]);
-    EXPECT_TRUE(hazetest::sameBits(maps[0].data(), maps[1].data(), maps[0].size()));
-    EXPECT_TRUE(hazetest::sameBits(images[0].data(), images[1].data(), images[0].size()));
+    // Every stage is bit for bit the same on two threads except the sparse
+    // solve of the refinement, which may round differently (by a few 1e-6).
+    for (std::size_t i = 0; i < maps[0].size(); ++i)
+        ASSERT_NEAR(maps[0][i], maps[1][i], 1e-4f) << i;
+    for (std::size_t i = 0; i < images[0].size(); ++i)
+        ASSERT_NEAR(images[0][i], images[1][i], 1e-3f) << i;
 }
 
 } // namespace

@@ -5,6 +5,8 @@
 //   airlight.txt       the colour of the atmosphere, three floats
 //   working.pfm        the working copy of about 100,000 pixels (RGB)
 //   dark-channel.pfm   the normalised dark channel of the working copy
+//   refined.pfm        that map refined by soft matting (what is upsampled)
+//   refined.png        the same, 8-bit grey, 0 black to 1 white
 //   depth.pfm          the veil map carried back to full size
 //   depth.png          the same, 8-bit grey, 0 black to 1 white
 //   result.pfm         the dehazed picture (RGB, values above 1 kept)
@@ -30,6 +32,7 @@
 #include <array>
 #include <cmath>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -137,16 +140,25 @@ int inspect(const QString& input, int strength, const QDir& out) {
 
     std::array<float, 3> airlight{};
     clock.restart();
-    const std::unique_ptr<float[]> dark = working.estimateDarkChannel(airlight);
+    const std::unique_ptr<float[]> estimate = working.estimateDarkChannel(airlight);
     stage(tr("estimate"));
     report << tr("airlight %1 %2 %3").arg(airlight[0]).arg(airlight[1]).arg(airlight[2]) << '\n';
     writeAirlight(out.filePath(QStringLiteral("airlight.txt")), airlight);
-    writeMapPfm(out.filePath(QStringLiteral("dark-channel.pfm")), dark.get(), size.width,
+    const std::size_t workingPixels = static_cast<std::size_t>(size.width) * size.height;
+    writeMapPfm(out.filePath(QStringLiteral("dark-channel.pfm")), estimate.get(), size.width,
                 size.height);
 
-    // No refinement between estimate and upsampling yet, as in runHazeRemoval.
+    std::vector<float> refined(estimate.get(), estimate.get() + workingPixels);
     clock.restart();
-    const std::unique_ptr<float[]> depth = image.upsampleDarkChannel(dark.get(), working);
+    working.refineDarkChannel(refined);
+    stage(tr("refine"));
+    writeMapPfm(out.filePath(QStringLiteral("refined.pfm")), refined.data(), size.width,
+                size.height);
+    writeMapPng(out.filePath(QStringLiteral("refined.png")), refined.data(), size.width,
+                size.height);
+
+    clock.restart();
+    const std::unique_ptr<float[]> depth = image.upsampleDarkChannel(refined.data(), working);
     stage(tr("upsample"));
     writeMapPfm(out.filePath(QStringLiteral("depth.pfm")), depth.get(), image.Width(),
                 image.Height());

@@ -121,18 +121,21 @@ Timing runMumps(const Problem& p, const std::vector<double>& b, int repetitions)
         id.a = values.data();
         std::vector<double> x(b);
         id.rhs = x.data();
-        id.job = 1;
+        // Each job only when the one before it succeeded, so that the note
+        // names the first failure.
         const double t0 = nrt_seconds();
+        id.job = 1;
         dmumps_c(&id);
         const double t1 = nrt_seconds();
         id.job = 2;
-        dmumps_c(&id);
+        if (id.infog[0] >= 0) dmumps_c(&id);
         const double t2 = nrt_seconds();
         id.job = 3;
-        dmumps_c(&id);
+        if (id.infog[0] >= 0) dmumps_c(&id);
         const double t3 = nrt_seconds();
         if (id.infog[0] < 0) {
-            t.note = "failed, INFOG(1) " + std::to_string(id.infog[0]);
+            t.note = "failed in job " + std::to_string(id.job) + ", INFOG(1) " +
+                     std::to_string(id.infog[0]) + ", INFOG(2) " + std::to_string(id.infog[1]);
         } else {
             t.keepBest(t1 - t0, t2 - t1, t3 - t2);
             t.residual = residual(p, x, b);

@@ -9,7 +9,9 @@
 #include <QDomDocument>
 #include <QElapsedTimer>
 #include <cstdio>
+#include <fcntl.h>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -48,6 +50,37 @@ public:
 private:
     ZIPluginOne2One* m_process;
     HazeSettings* m_settings = nullptr;
+};
+
+// The solver prints its statistics on standard output; the command shows
+// them only when asked to, so without --verbose that stream goes to
+// /dev/null while an image is processed.
+class QuietStdout {
+public:
+    explicit QuietStdout(bool quiet) {
+        if (!quiet)
+            return;
+        std::fflush(stdout);
+        const int sink = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (sink < 0)
+            return;
+        m_saved = ::dup(STDOUT_FILENO);
+        if (m_saved >= 0)
+            ::dup2(sink, STDOUT_FILENO);
+        ::close(sink);
+    }
+    ~QuietStdout() {
+        if (m_saved < 0)
+            return;
+        std::fflush(stdout);
+        ::dup2(m_saved, STDOUT_FILENO);
+        ::close(m_saved);
+    }
+    QuietStdout(const QuietStdout&) = delete;
+    QuietStdout& operator=(const QuietStdout&) = delete;
+
+private:
+    int m_saved = -1;
 };
 
 } // namespace
@@ -109,7 +142,10 @@ int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& file
             // A fresh record per file: a cached map belongs to one picture.
             const RunSettings settings(process, strength);
             QString output;
-            process->processImage(file, settings.get(), output);
+            {
+                const QuietStdout quiet(!options.verbose);
+                process->processImage(file, settings.get(), output);
+            }
             report(QCoreApplication::translate("main", "%1%2 -> %3 (%4 s)")
                        .arg(counter, file, output)
                        .arg(timer.elapsed() / 1000.0, 0, 'f', 2));

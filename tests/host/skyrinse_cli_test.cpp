@@ -158,6 +158,22 @@ TEST_F(SkyrinseCli, AStoredDefaultStrengthIsUsed) {
     EXPECT_TRUE(result.output.contains(QStringLiteral("strength 25%"))) << result.output.toStdString();
 }
 
+TEST_F(SkyrinseCli, SolverReportsReachStandardOutputOnlyWhenVerbose) {
+    const QString photo = writeJpeg(QDir(dir.path()), QStringLiteral("v.jpg"));
+    for (const bool verbose : {false, true}) {
+        QProcess process;
+        QStringList arguments{photo};
+        if (verbose)
+            arguments.prepend(QStringLiteral("--verbose"));
+        process.start(QStringLiteral(SKYRINSE_BINARY), arguments);
+        ASSERT_TRUE(process.waitForFinished(120000));
+        EXPECT_EQ(process.exitCode(), 0);
+        const QByteArray out = process.readAllStandardOutput();
+        EXPECT_EQ(out.isEmpty(), !verbose) << out.toStdString();
+        EXPECT_TRUE(process.readAllStandardError().contains("v_dehazed.jpg"));
+    }
+}
+
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     QCoreApplication app(argc, argv); // for the image format plug-ins

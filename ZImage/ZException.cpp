@@ -36,8 +36,7 @@ const char* IflErrorName(int code) {
 }
 
 void RaiseIflError(int code, const QString& path, const QString& location) {
-    if (code == 0)
-        return;
+    if (code == 0) return;
     QString message = QCoreApplication::translate("ZException", "Error IFL : \"%1\"")
                           .arg(QString::fromLatin1(IflErrorName(code)));
     if (!path.isEmpty()) {

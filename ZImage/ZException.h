@@ -42,8 +42,7 @@ const char* IflErrorName(int code);
 // One expression per check site: if the condition fails, throw.
 #define Z_CHECK(condition, message)                                                                \
     do {                                                                                           \
-        if (!(condition))                                                                          \
-            Z_THROW(message);                                                                      \
+        if (!(condition)) Z_THROW(message);                                                        \
     } while (false)
 
 #define Z_INVALID_BITMAP QStringLiteral("Invalid Bitmap")

@@ -21,7 +21,9 @@ ZImage::ZImage(int width, int height, int typeCode, int bits, bool clear, void* 
     Create(width, height, typeCode, bits, clear, externalData, externalStride);
 }
 
-ZImage::~ZImage() { Release(); }
+ZImage::~ZImage() {
+    Release();
+}
 
 ZImage::ZImage(ZImage&& other) noexcept
     : bitmap(std::exchange(other.bitmap, nullptr)), ownsData(std::exchange(other.ownsData, 1)) {}
@@ -36,32 +38,28 @@ ZImage& ZImage::operator=(ZImage&& other) noexcept {
 }
 
 int ZImage::ComponentsOfType(int typeCode) {
-    if (typeCode & 0x7)
-        return 1;
-    if (typeCode & 0x1050)
-        return 3;
-    if (typeCode & 0x27A0)
-        return 4;
+    if (typeCode & 0x7) return 1;
+    if (typeCode & 0x1050) return 3;
+    if (typeCode & 0x27A0) return 4;
     return 0;
 }
 
 void ZImage::Release() {
-    if (!bitmap)
-        return;
-    if (!ownsData)
-        bitmap->data = nullptr;
+    if (!bitmap) return;
+    if (!ownsData) bitmap->data = nullptr;
     iflFreeBitmap(bitmap);
     bitmap = nullptr;
 }
 
-void ZImage::Free() { Release(); }
+void ZImage::Free() {
+    Release();
+}
 
 void ZImage::Create(int width, int height, int typeCode, int bits, bool clear, void* externalData,
                     int externalStride) {
     if (bitmap && !externalData && bitmap->width == width && bitmap->height == height &&
         bitmap->type == typeCode && bitmap->bitsPerComponent == bits) {
-        if (clear && bitmap->data)
-            std::memset(bitmap->data, 0, pixelBytes(*bitmap));
+        if (clear && bitmap->data) std::memset(bitmap->data, 0, pixelBytes(*bitmap));
         return;
     }
     Release();
@@ -88,7 +86,8 @@ void ZImage::Create(int width, int height, int typeCode, int bits, bool clear, v
                     static_cast<std::uint64_t>(stride) * static_cast<std::uint64_t>(height) <
                         static_cast<std::uint64_t>(std::numeric_limits<std::ptrdiff_t>::max()),
                 Z_NOT_ENOUGH_MEMORY);
-        const std::size_t bytes = static_cast<std::size_t>(stride) * static_cast<std::size_t>(height);
+        const std::size_t bytes =
+            static_cast<std::size_t>(stride) * static_cast<std::size_t>(height);
         bitmap->data = static_cast<std::uint8_t*>(iflAlloc(bytes, "ZImage::Create"));
         Z_CHECK(bitmap->data, Z_NOT_ENOUGH_MEMORY);
         bitmap->linePadding = 4;
@@ -108,18 +107,16 @@ void ZImage::Create(int width, int height, int typeCode, int bits, bool clear, v
     bitmap->transparentIndex = 65535;
     bitmap->coloursUsed = (typeCode == 2 || typeCode == 4) ? 256 : 0;
     if (typeCode == 4)
-        bitmap->palette = static_cast<std::uint8_t*>(iflAllocZeroed(kPaletteBytes, "ZImage::Create"));
+        bitmap->palette =
+            static_cast<std::uint8_t*>(iflAllocZeroed(kPaletteBytes, "ZImage::Create"));
 
-    if (clear)
-        std::memset(bitmap->data, 0, pixelBytes(*bitmap));
+    if (clear) std::memset(bitmap->data, 0, pixelBytes(*bitmap));
 }
 
 void ZImage::CopyFrom(const ZImage& other) {
-    if (&other == this)
-        return;
+    if (&other == this) return;
     Release();
-    if (!other.bitmap)
-        return;
+    if (!other.bitmap) return;
     const IflBitmap& src = *other.bitmap;
 
     bitmap = static_cast<IflBitmap*>(iflAllocZeroed(sizeof(IflBitmap), "ZImage::CopyFrom"));
@@ -135,8 +132,7 @@ void ZImage::CopyFrom(const ZImage& other) {
     const std::size_t bytes = pixelBytes(src);
     bitmap->data = static_cast<std::uint8_t*>(iflAlloc(bytes, "ZImage::CopyFrom"));
     Z_CHECK(bitmap->data, Z_NOT_ENOUGH_MEMORY);
-    if (src.data)
-        std::memcpy(bitmap->data, src.data, bytes);
+    if (src.data) std::memcpy(bitmap->data, src.data, bytes);
 
     if (src.palette) {
         bitmap->palette = static_cast<std::uint8_t*>(iflAlloc(kPaletteBytes, "ZImage::CopyFrom"));

@@ -13,7 +13,8 @@ void resampleAs(const IflBitmap& src, IflBitmap& dst, int channels, double xFact
                 double xShift, double yShift, prim::Resampling mode) {
     const prim::PixelPlane source{src.data, src.bytesPerLine, src.width, src.height};
     const prim::PixelPlane target{dst.data, dst.bytesPerLine, dst.width, dst.height};
-    prim::resample<T>(source, target, channels, xFactor, yFactor, xShift, yShift, mode, threadCount);
+    prim::resample<T>(source, target, channels, xFactor, yFactor, xShift, yShift, mode,
+                      threadCount);
 }
 
 } // namespace
@@ -27,10 +28,8 @@ void ZImage::ResizeTo(ZImage& target, int newWidth, int newHeight, int interpola
     }
     target.Create(newWidth, newHeight, bitmap->type, bitmap->bitsPerComponent, true, nullptr, 0);
 
-    if (xFactor == 0.0)
-        xFactor = static_cast<double>(newWidth) / bitmap->width;
-    if (yFactor == 0.0)
-        yFactor = static_cast<double>(newHeight) / bitmap->height;
+    if (xFactor == 0.0) xFactor = static_cast<double>(newWidth) / bitmap->width;
+    if (yFactor == 0.0) yFactor = static_cast<double>(newHeight) / bitmap->height;
     const double shiftX = -xShift * xFactor;
     const double shiftY = -yShift * yFactor;
     if (interpolation == 0)

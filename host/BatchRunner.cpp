@@ -22,8 +22,7 @@ constexpr int kDefaultStrength = 60;
 bool parseBounded(const QString& text, int low, int high, int& value) {
     bool ok = false;
     const int parsed = text.trimmed().toInt(&ok, 10);
-    if (!ok || parsed < low || parsed > high)
-        return false;
+    if (!ok || parsed < low || parsed > high) return false;
     value = parsed;
     return true;
 }
@@ -58,20 +57,16 @@ private:
 class QuietStdout {
 public:
     explicit QuietStdout(bool quiet) {
-        if (!quiet)
-            return;
+        if (!quiet) return;
         std::fflush(stdout);
         const int sink = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (sink < 0)
-            return;
+        if (sink < 0) return;
         m_saved = ::dup(STDOUT_FILENO);
-        if (m_saved >= 0)
-            ::dup2(sink, STDOUT_FILENO);
+        if (m_saved >= 0) ::dup2(sink, STDOUT_FILENO);
         ::close(sink);
     }
     ~QuietStdout() {
-        if (m_saved < 0)
-            return;
+        if (m_saved < 0) return;
         std::fflush(stdout);
         ::dup2(m_saved, STDOUT_FILENO);
         ::close(m_saved);
@@ -90,9 +85,9 @@ bool parseStrength(bool given, const QString& text, int& strength, QString& erro
         strength = -1;
         return true;
     }
-    if (parseBounded(text, 0, 100, strength))
-        return true;
-    error = QCoreApplication::translate("main", "--strength takes a whole number from 0 to 100, not \"%1\"")
+    if (parseBounded(text, 0, 100, strength)) return true;
+    error = QCoreApplication::translate("main",
+                                        "--strength takes a whole number from 0 to 100, not \"%1\"")
                 .arg(text);
     return false;
 }
@@ -102,9 +97,9 @@ bool parseThreads(bool given, const QString& text, int& threads, QString& error)
         threads = 0;
         return true;
     }
-    if (parseBounded(text, 1, 1024, threads))
-        return true;
-    error = QCoreApplication::translate("main", "--threads takes a whole number from 1 to 1024, not \"%1\"")
+    if (parseBounded(text, 1, 1024, threads)) return true;
+    error = QCoreApplication::translate("main",
+                                        "--threads takes a whole number from 1 to 1024, not \"%1\"")
                 .arg(text);
     return false;
 }
@@ -112,9 +107,11 @@ bool parseThreads(bool given, const QString& text, int& threads, QString& error)
 int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& files,
              const BatchOptions& options) {
     const QList<ZIPluginProcess*> processes = host.library()->plugins(true);
-    auto* process = processes.isEmpty() ? nullptr : dynamic_cast<ZIPluginOne2One*>(processes.last());
+    auto* process =
+        processes.isEmpty() ? nullptr : dynamic_cast<ZIPluginOne2One*>(processes.last());
     if (!process) {
-        report(QCoreApplication::translate("main", "skyrinse: the plug-in offers no image process"));
+        report(
+            QCoreApplication::translate("main", "skyrinse: the plug-in offers no image process"));
         return 3;
     }
 
@@ -135,7 +132,8 @@ int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& file
     const int total = static_cast<int>(files.size());
     for (int i = 0; i < total; ++i) {
         const QString& file = files.at(i);
-        const QString counter = total > 1 ? QStringLiteral("[%1/%2] ").arg(i + 1).arg(total) : QString();
+        const QString counter =
+            total > 1 ? QStringLiteral("[%1/%2] ").arg(i + 1).arg(total) : QString();
         QElapsedTimer timer;
         timer.start();
         try {
@@ -161,6 +159,8 @@ int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& file
         app.releaseImages();
     }
     if (total > 1)
-        report(QCoreApplication::translate("main", "%1 of %2 file(s) written").arg(total - failures).arg(total));
+        report(QCoreApplication::translate("main", "%1 of %2 file(s) written")
+                   .arg(total - failures)
+                   .arg(total));
     return failures == 0 ? 0 : 1;
 }

@@ -12,8 +12,7 @@ HostImage::HostImage(const QString& path) : m_path(path) {
     IflFileInformation information;
     m_headerError = iflLoadBitmap(path.toLocal8Bit().constData(), &header, params, &information);
     const IflBitmapPtr owned(header);
-    if (m_headerError != 0 || !header)
-        return;
+    if (m_headerError != 0 || !header) return;
     m_width = header->width;
     m_height = header->height;
     m_channels = header->componentsPerPixel;
@@ -23,7 +22,9 @@ HostImage::HostImage(const QString& path) : m_path(path) {
 
 HostImage::~HostImage() = default;
 
-QString HostImage::name() const { return QFileInfo(m_path).fileName(); }
+QString HostImage::name() const {
+    return QFileInfo(m_path).fileName();
+}
 
 bool HostImage::forcesTiff() const {
     if (m_headerError != 0)
@@ -45,7 +46,9 @@ ZImage* HostImage::acquireImage(int /*mode*/) {
     return m_pixels.get();
 }
 
-void HostImage::releaseImage(int /*mode*/) { m_pixels.reset(); }
+void HostImage::releaseImage(int /*mode*/) {
+    m_pixels.reset();
+}
 
 ZImage* HostImage::scaledImage(int width, int height, int /*mode*/) {
     if (!m_scaled || m_scaled->Width() != width || m_scaled->Height() != height) {
@@ -58,4 +61,6 @@ ZImage* HostImage::scaledImage(int width, int height, int /*mode*/) {
     return m_scaled.get();
 }
 
-void HostImage::releaseScaledImage(int /*width*/, int /*height*/, int /*mode*/) { m_scaled.reset(); }
+void HostImage::releaseScaledImage(int /*width*/, int /*height*/, int /*mode*/) {
+    m_scaled.reset();
+}

@@ -18,8 +18,7 @@ PluginHost::~PluginHost() = default;
 QStringList PluginHost::candidatePaths() {
     QStringList paths;
     const QString fromEnvironment = qEnvironmentVariable("SKYRINSE_PLUGIN");
-    if (!fromEnvironment.isEmpty())
-        paths << fromEnvironment;
+    if (!fromEnvironment.isEmpty()) paths << fromEnvironment;
     const QDir here(QCoreApplication::applicationDirPath());
     paths << here.filePath(QStringLiteral("plugins/") + kPluginFile)
           << here.filePath(QStringLiteral("../plugins/") + kPluginFile)
@@ -50,9 +49,10 @@ bool PluginHost::load(const QString& path) {
     // The identifier is checked before the library's code is run.
     const QString iid = m_loader.metaData().value(QStringLiteral("IID")).toString();
     if (iid != QStringLiteral(ZIPluginLibrary_iid)) {
-        m_error = iid.isEmpty() ? tr("%1 is not a Qt plug-in: %2").arg(chosen, m_loader.errorString())
-                                : tr("%1 is not a Skyrinse plug-in (identifier \"%2\", expected \"%3\").")
-                                      .arg(chosen, iid, QStringLiteral(ZIPluginLibrary_iid));
+        m_error = iid.isEmpty()
+                      ? tr("%1 is not a Qt plug-in: %2").arg(chosen, m_loader.errorString())
+                      : tr("%1 is not a Skyrinse plug-in (identifier \"%2\", expected \"%3\").")
+                            .arg(chosen, iid, QStringLiteral(ZIPluginLibrary_iid));
         return false;
     }
     QObject* root = m_loader.instance();

@@ -33,16 +33,21 @@ void SkyrinseApplication::setValue(const QString& pluginId, const QString& key,
 int SkyrinseApplication::availableCpus() {
     cpu_set_t set;
     CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof(set), &set) != 0)
-        return 1;
+    if (sched_getaffinity(0, sizeof(set), &set) != 0) return 1;
     return std::max(1, CPU_COUNT(&set));
 }
 
-int SkyrinseApplication::threadFactorA() const { return m_threads > 0 ? m_threads : availableCpus(); }
+int SkyrinseApplication::threadFactorA() const {
+    return m_threads > 0 ? m_threads : availableCpus();
+}
 
-int SkyrinseApplication::threadFactorB() const { return 1; }
+int SkyrinseApplication::threadFactorB() const {
+    return 1;
+}
 
-QLocale SkyrinseApplication::locale() const { return QLocale::system(); }
+QLocale SkyrinseApplication::locale() const {
+    return QLocale::system();
+}
 
 void SkyrinseApplication::installTranslation(const QString& fileName) {
     auto translator = std::make_unique<QTranslator>();
@@ -57,9 +62,10 @@ void SkyrinseApplication::installTranslation(const QString& fileName) {
 ZIHostImage* SkyrinseApplication::image(const QString& path) {
     const QString key = QFileInfo(path).absoluteFilePath();
     auto found = m_images.find(key);
-    if (found == m_images.end())
-        found = m_images.insert(key, std::make_shared<HostImage>(key));
+    if (found == m_images.end()) found = m_images.insert(key, std::make_shared<HostImage>(key));
     return found->get();
 }
 
-void SkyrinseApplication::releaseImages() { m_images.clear(); }
+void SkyrinseApplication::releaseImages() {
+    m_images.clear();
+}

@@ -30,21 +30,31 @@ QString Library::translationFileName(const QLocale& locale) {
 }
 
 QList<ZIPluginProcess*> Library::plugins(bool create) {
-    if (create)
-        m_instances.append(QPointer<QObject>(new ZHazeOne2One(this)));
+    if (create) m_instances.append(QPointer<QObject>(new ZHazeOne2One(this)));
     QList<ZIPluginProcess*> result;
     for (const QPointer<QObject>& instance : std::as_const(m_instances))
-        if (instance)
-            result.append(qobject_cast<ZHazeOne2One*>(instance.data()));
+        if (instance) result.append(qobject_cast<ZHazeOne2One*>(instance.data()));
     return result;
 }
 
-QString Library::name() const { return QStringLiteral("ZHaze"); }
-QString Library::author() const { return PluginInfo::author(); }
-QString Library::company() const { return PluginInfo::company(); }
-QString Library::description() const { return tr("Comment"); }
-QString Library::version() const { return PluginInfo::version(); }
-QString Library::id() const { return PluginInfo::libraryId(); }
+QString Library::name() const {
+    return QStringLiteral("ZHaze");
+}
+QString Library::author() const {
+    return PluginInfo::author();
+}
+QString Library::company() const {
+    return PluginInfo::company();
+}
+QString Library::description() const {
+    return tr("Comment");
+}
+QString Library::version() const {
+    return PluginInfo::version();
+}
+QString Library::id() const {
+    return PluginInfo::libraryId();
+}
 
 QIcon Library::icon() const {
     return QIcon(QStringLiteral(":/%1/Resources/ZHaze.png").arg(PluginInfo::processId()));

@@ -41,11 +41,21 @@ ZHazeOne2One::~ZHazeOne2One() {
     freeSettings(m_defaultSettings);
 }
 
-QString ZHazeOne2One::name() const { return QStringLiteral("Skyrinse"); }
-QString ZHazeOne2One::author() const { return PluginInfo::author(); }
-QString ZHazeOne2One::company() const { return PluginInfo::company(); }
-QString ZHazeOne2One::version() const { return PluginInfo::version(); }
-QString ZHazeOne2One::id() const { return PluginInfo::processId(); }
+QString ZHazeOne2One::name() const {
+    return QStringLiteral("Skyrinse");
+}
+QString ZHazeOne2One::author() const {
+    return PluginInfo::author();
+}
+QString ZHazeOne2One::company() const {
+    return PluginInfo::company();
+}
+QString ZHazeOne2One::version() const {
+    return PluginInfo::version();
+}
+QString ZHazeOne2One::id() const {
+    return PluginInfo::processId();
+}
 
 QString ZHazeOne2One::description() const {
     // The missing blank after "layer." is part of the translation key.
@@ -60,7 +70,8 @@ QIcon ZHazeOne2One::icon() const {
 }
 
 QIcon ZHazeOne2One::beforeAfterIcon() const {
-    return QIcon(QStringLiteral(":/%1/Resources/ZHazeBeforeAfter.png").arg(PluginInfo::processId()));
+    return QIcon(
+        QStringLiteral(":/%1/Resources/ZHazeBeforeAfter.png").arg(PluginInfo::processId()));
 }
 
 QWizardPage* ZHazeOne2One::wizardPage() {
@@ -71,8 +82,7 @@ QWizardPage* ZHazeOne2One::wizardPage() {
 
 void ZHazeOne2One::saveDefaults() {
     ZIApplication* host = ZIApplication::instance();
-    if (!host || !m_defaultSettings)
-        return;
+    if (!host || !m_defaultSettings) return;
     host->setValue(PluginInfo::processId(), PluginInfo::strengthKey(),
                    QVariant(static_cast<int>(m_defaultSettings->strength)));
 }
@@ -98,8 +108,7 @@ QDomElement ZHazeOne2One::saveSettings(const HazeSettings* settings) {
 }
 
 void ZHazeOne2One::copySettings(HazeSettings* target, const HazeSettings* source) {
-    if (target && source)
-        target->strength = source->strength;
+    if (target && source) target->strength = source->strength;
 }
 
 void ZHazeOne2One::freeSettings(HazeSettings* settings) {
@@ -119,12 +128,10 @@ void ZHazeOne2One::clearSettingsMap() {
 void ZHazeOne2One::configureImages(const QStringList& paths) {
     clearSettingsMap();
     ZIApplication* host = ZIApplication::instance();
-    if (!host)
-        return;
+    if (!host) return;
     for (const QString& path : paths) {
         ZIHostImage* image = host->image(path);
-        if (!image)
-            continue;
+        if (!image) continue;
         if (HazeSettings* old = m_settingsMap.value(image, nullptr))
             freeSettings(old); // the same file listed twice keeps one record
         m_settingsMap.insert(image, loadSettings(QDomElement()));
@@ -134,8 +141,7 @@ void ZHazeOne2One::configureImages(const QStringList& paths) {
 QDomElement ZHazeOne2One::settingsElement(const QString& path) {
     ZIApplication* host = ZIApplication::instance();
     ZIHostImage* image = host ? host->image(path) : nullptr;
-    if (HazeSettings* settings = m_settingsMap.value(image, nullptr))
-        return saveSettings(settings);
+    if (HazeSettings* settings = m_settingsMap.value(image, nullptr)) return saveSettings(settings);
     HazeSettings* fresh = loadSettings(QDomElement());
     const QDomElement element = saveSettings(fresh);
     freeSettings(fresh);
@@ -145,23 +151,19 @@ QDomElement ZHazeOne2One::settingsElement(const QString& path) {
 QString ZHazeOne2One::outputPathFor(const QString& sourcePath, bool forcesTiff) {
     const QFileInfo info(sourcePath);
     const QString suffix = forcesTiff ? QStringLiteral("tiff") : info.suffix().toLower();
-    return info.absolutePath() + QDir::separator() + info.completeBaseName() +
-           tr("_dehazed") + QLatin1Char('.') + suffix;
+    return info.absolutePath() + QDir::separator() + info.completeBaseName() + tr("_dehazed") +
+           QLatin1Char('.') + suffix;
 }
 
 int ZHazeOne2One::targetType(int channelCount) {
-    if (channelCount == 1)
-        return ZImage::Gray;
-    if (channelCount == 3)
-        return ZImage::RGB;
+    if (channelCount == 1) return ZImage::Gray;
+    if (channelCount == 3) return ZImage::RGB;
     return ZImage::RGBA;
 }
 
 int ZHazeOne2One::targetDepth(int bitDepth) {
-    if (bitDepth < 9)
-        return 8;
-    if (bitDepth <= 16)
-        return 16;
+    if (bitDepth < 9) return 8;
+    if (bitDepth <= 16) return 16;
     return 32;
 }
 

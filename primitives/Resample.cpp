@@ -28,8 +28,7 @@ Taps areaTaps(int sourceSize, int targetSize, double factor, double shift) {
         taps.offset[d] = static_cast<int>(taps.weight.size());
         taps.first[d] = 0;
         taps.count[d] = 0;
-        if (!(hi > lo))
-            continue;
+        if (!(hi > lo)) continue;
         const int s0 = std::clamp(static_cast<int>(std::floor(lo)), 0, sourceSize - 1);
         const int s1 = std::clamp(static_cast<int>(std::ceil(hi)) - 1, s0, sourceSize - 1);
         double total = 0.0;
@@ -76,10 +75,8 @@ T store(double v) {
         return static_cast<T>(v);
     } else {
         constexpr double top = std::numeric_limits<T>::max();
-        if (!(v > 0.0))
-            return 0;
-        if (v >= top)
-            return static_cast<T>(top);
+        if (!(v > 0.0)) return 0;
+        if (v >= top) return static_cast<T>(top);
         return static_cast<T>(std::nearbyint(v));
     }
 }
@@ -104,24 +101,24 @@ void resample(const PixelPlane& source, const PixelPlane& target, int channels, 
         std::vector<double> column(rowValues); // vertical blend of the source rows
 #pragma omp for schedule(static)
         for (int y = 0; y < target.height; ++y) {
-            if (yt.count[y] == 0)
-                continue;
+            if (yt.count[y] == 0) continue;
             std::fill(column.begin(), column.end(), 0.0);
             for (int k = 0; k < yt.count[y]; ++k) {
                 const double w = yt.weight[yt.offset[y] + k];
-                const T* row = reinterpret_cast<const T*>(source.data +
-                                                          (yt.first[y] + k) * source.stride);
+                const T* row =
+                    reinterpret_cast<const T*>(source.data + (yt.first[y] + k) * source.stride);
                 for (std::size_t i = 0; i < rowValues; ++i)
                     column[i] += w * static_cast<double>(row[i]);
             }
-            T* out = reinterpret_cast<T*>(target.data + static_cast<std::ptrdiff_t>(y) * target.stride);
+            T* out =
+                reinterpret_cast<T*>(target.data + static_cast<std::ptrdiff_t>(y) * target.stride);
             for (int x = 0; x < target.width; ++x) {
-                if (xt.count[x] == 0)
-                    continue;
+                if (xt.count[x] == 0) continue;
                 double acc[4] = {0.0, 0.0, 0.0, 0.0};
                 for (int k = 0; k < xt.count[x]; ++k) {
                     const double w = xt.weight[xt.offset[x] + k];
-                    const double* in = column.data() + static_cast<std::size_t>(xt.first[x] + k) * channels;
+                    const double* in =
+                        column.data() + static_cast<std::size_t>(xt.first[x] + k) * channels;
                     for (int c = 0; c < channels; ++c)
                         acc[c] += w * in[c];
                 }

@@ -23,16 +23,23 @@ void drawLandscape(QPainter& p, const QRectF& r) {
     p.fillRect(r, sky);
 
     const double w = r.width(), h = r.height(), x0 = r.left(), y0 = r.top();
-    QPolygonF far{QPointF(x0, y0 + 0.62 * h),        QPointF(x0 + 0.18 * w, y0 + 0.35 * h),
-                  QPointF(x0 + 0.33 * w, y0 + 0.48 * h), QPointF(x0 + 0.55 * w, y0 + 0.22 * h),
-                  QPointF(x0 + 0.78 * w, y0 + 0.45 * h), QPointF(x0 + w, y0 + 0.30 * h),
-                  QPointF(x0 + w, y0 + h),           QPointF(x0, y0 + h)};
+    QPolygonF far{QPointF(x0, y0 + 0.62 * h),
+                  QPointF(x0 + 0.18 * w, y0 + 0.35 * h),
+                  QPointF(x0 + 0.33 * w, y0 + 0.48 * h),
+                  QPointF(x0 + 0.55 * w, y0 + 0.22 * h),
+                  QPointF(x0 + 0.78 * w, y0 + 0.45 * h),
+                  QPointF(x0 + w, y0 + 0.30 * h),
+                  QPointF(x0 + w, y0 + h),
+                  QPointF(x0, y0 + h)};
     p.setPen(Qt::NoPen);
     p.setBrush(QColor(70, 90, 120));
     p.drawPolygon(far);
-    QPolygonF near{QPointF(x0, y0 + 0.78 * h),        QPointF(x0 + 0.25 * w, y0 + 0.58 * h),
-                   QPointF(x0 + 0.50 * w, y0 + 0.72 * h), QPointF(x0 + 0.72 * w, y0 + 0.55 * h),
-                   QPointF(x0 + w, y0 + 0.70 * h),    QPointF(x0 + w, y0 + h),
+    QPolygonF near{QPointF(x0, y0 + 0.78 * h),
+                   QPointF(x0 + 0.25 * w, y0 + 0.58 * h),
+                   QPointF(x0 + 0.50 * w, y0 + 0.72 * h),
+                   QPointF(x0 + 0.72 * w, y0 + 0.55 * h),
+                   QPointF(x0 + w, y0 + 0.70 * h),
+                   QPointF(x0 + w, y0 + h),
                    QPointF(x0, y0 + h)};
     p.setBrush(QColor(40, 100, 50));
     p.drawPolygon(near);
@@ -83,9 +90,9 @@ bool writeWaitFrames(const QDir& dir) {
             p.drawEllipse(centre, radius, radius);
         }
         p.end();
-        const QString name = QStringLiteral("iconwait_%1.png").arg(frame + 1, 2, 10, QLatin1Char('0'));
-        if (!image.save(dir.filePath(name), "PNG"))
-            return false;
+        const QString name =
+            QStringLiteral("iconwait_%1.png").arg(frame + 1, 2, 10, QLatin1Char('0'));
+        if (!image.save(dir.filePath(name), "PNG")) return false;
     }
     return true;
 }

@@ -20,7 +20,8 @@ ZException raise(int code, const QString& path) {
 } // namespace
 
 TEST(ZException, CarriesMessageAndLocationThroughCopiesAndBaseCatchers) {
-    const ZException original(QStringLiteral("Invalid Bitmap"), QStringLiteral("File: \"a.cpp\" Line: 7"));
+    const ZException original(QStringLiteral("Invalid Bitmap"),
+                              QStringLiteral("File: \"a.cpp\" Line: 7"));
     const ZException copy(original);
     EXPECT_STREQ(copy.what(), "Invalid Bitmap");
     EXPECT_EQ(*copy.location(), QStringLiteral("File: \"a.cpp\" Line: 7"));
@@ -61,14 +62,14 @@ TEST(RaiseIflError, ZeroNeverThrows) {
 
 TEST(RaiseIflError, NamesEveryCodeOfTheTableAndNothingElse) {
     const std::pair<int, const char*> table[] = {
-        {1, "IFL_ERROR_FILE_OPEN"},      {2, "IFL_ERROR_FILE_READ"},
-        {3, "IFL_ERROR_FILE_CREATE"},    {4, "IFL_ERROR_FILE_WRITE"},
-        {5, "IFL_ERROR_NO_MEMORY"},      {6, "IFL_ERROR_UNKNOWN_FORMAT"},
-        {7, "IFL_ERROR_BAD_BITMAP"},     {10, "IFL_ERROR_BAD_FORMAT_INDEX"},
+        {1, "IFL_ERROR_FILE_OPEN"},       {2, "IFL_ERROR_FILE_READ"},
+        {3, "IFL_ERROR_FILE_CREATE"},     {4, "IFL_ERROR_FILE_WRITE"},
+        {5, "IFL_ERROR_NO_MEMORY"},       {6, "IFL_ERROR_UNKNOWN_FORMAT"},
+        {7, "IFL_ERROR_BAD_BITMAP"},      {10, "IFL_ERROR_BAD_FORMAT_INDEX"},
         {50, "IFL_ERROR_BAD_PARAMETERS"}, {8, "IFL_UNKNOWN_ERROR"},
-        {9, "IFL_UNKNOWN_ERROR"},        {11, "IFL_UNKNOWN_ERROR"},
-        {49, "IFL_UNKNOWN_ERROR"},       {51, "IFL_UNKNOWN_ERROR"},
-        {-1, "IFL_UNKNOWN_ERROR"},       {32767, "IFL_UNKNOWN_ERROR"},
+        {9, "IFL_UNKNOWN_ERROR"},         {11, "IFL_UNKNOWN_ERROR"},
+        {49, "IFL_UNKNOWN_ERROR"},        {51, "IFL_UNKNOWN_ERROR"},
+        {-1, "IFL_UNKNOWN_ERROR"},        {32767, "IFL_UNKNOWN_ERROR"},
     };
     for (const auto& [code, name] : table) {
         const ZException e = raise(code, QString());
@@ -82,7 +83,8 @@ TEST(RaiseIflError, PathMakesASecondLineWithTheAbsolutePath) {
     EXPECT_EQ(std::string(single.what()).find('\n'), std::string::npos);
 
     const ZException relative = raise(1, QStringLiteral("sub/photo.jpg"));
-    const QString expected = QStringLiteral("Error IFL : \"IFL_ERROR_FILE_OPEN\"\nFile : \"%1\"")
-                                 .arg(QDir::current().absoluteFilePath(QStringLiteral("sub/photo.jpg")));
+    const QString expected =
+        QStringLiteral("Error IFL : \"IFL_ERROR_FILE_OPEN\"\nFile : \"%1\"")
+            .arg(QDir::current().absoluteFilePath(QStringLiteral("sub/photo.jpg")));
     EXPECT_EQ(QString::fromStdString(relative.what()), expected);
 }

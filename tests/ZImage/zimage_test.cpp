@@ -3,11 +3,11 @@
 #include "ZImage/ZImage.h"
 
 #include <cmath>
-#include <functional>
-#include <set>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
+#include <set>
 #include <vector>
 
 namespace {
@@ -104,9 +104,9 @@ TEST(ZImageAccessors, EmptyImageGivesInvalidBitmapFromTheHeader) {
     const ZImage empty;
     EXPECT_TRUE(empty.IsEmpty());
     const std::vector<std::function<void()>> accessors = {
-        [&] { (void)empty.BytesPerPixel(); }, [&] { (void)empty.BytesPerLine(); },
+        [&] { (void)empty.BytesPerPixel(); },    [&] { (void)empty.BytesPerLine(); },
         [&] { (void)empty.BitsPerComponent(); }, [&] { (void)empty.Width(); },
-        [&] { (void)empty.Height(); },        [&] { (void)empty.BitmapType(); },
+        [&] { (void)empty.Height(); },           [&] { (void)empty.BitmapType(); },
         [&] { (void)empty.PixelAt(0, 0); }};
     std::set<std::string> seen;
     for (const auto& accessor : accessors) {
@@ -242,7 +242,8 @@ TEST(ZImageResize, ConstantImagesStayConstant) {
                     if (bits == 8)
                         row<std::uint8_t>(source, y)[i] = static_cast<std::uint8_t>(40 + 50 * c);
                     else if (bits == 16)
-                        row<std::uint16_t>(source, y)[i] = static_cast<std::uint16_t>(1000 + 9000 * c);
+                        row<std::uint16_t>(source, y)[i] =
+                            static_cast<std::uint16_t>(1000 + 9000 * c);
                     else
                         row<float>(source, y)[i] = 0.125f + 0.25f * c;
                 }

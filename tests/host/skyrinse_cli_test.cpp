@@ -1,8 +1,8 @@
 // The skyrinse command: options, exit codes, what it prints, what it writes.
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QCoreApplication>
 #include <QImage>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -41,7 +41,9 @@ QString writeJpeg(const QDir& dir, const QString& name) {
 class SkyrinseCli : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(dir.isValid()); }
-    CliResult run(const QStringList& arguments) { return skyrinse(arguments, dir.filePath(QStringLiteral("config"))); }
+    CliResult run(const QStringList& arguments) {
+        return skyrinse(arguments, dir.filePath(QStringLiteral("config")));
+    }
     QTemporaryDir dir;
 };
 
@@ -54,7 +56,8 @@ TEST_F(SkyrinseCli, HelpAndVersion) {
         EXPECT_TRUE(help.output.contains(QLatin1String(option))) << option;
     const CliResult version = run({QStringLiteral("--version")});
     EXPECT_EQ(version.exitCode, 0);
-    EXPECT_TRUE(version.output.contains(QStringLiteral("skyrinse 0."))) << version.output.toStdString();
+    EXPECT_TRUE(version.output.contains(QStringLiteral("skyrinse 0.")))
+        << version.output.toStdString();
 }
 
 TEST_F(SkyrinseCli, BadOptionsAreRefusedBeforeAnyWork) {
@@ -71,23 +74,27 @@ TEST_F(SkyrinseCli, BadOptionsAreRefusedBeforeAnyWork) {
     for (const QStringList& arguments : bad) {
         const CliResult result = run(arguments);
         EXPECT_EQ(result.exitCode, 2) << arguments.join(u' ').toStdString();
-        EXPECT_TRUE(result.output.startsWith(QStringLiteral("skyrinse: "))) << result.output.toStdString();
+        EXPECT_TRUE(result.output.startsWith(QStringLiteral("skyrinse: ")))
+            << result.output.toStdString();
     }
     EXPECT_FALSE(QFileInfo::exists(QDir(dir.path()).filePath(QStringLiteral("a_dehazed.jpg"))));
 }
 
 TEST_F(SkyrinseCli, AMissingOrForeignPluginIsNamed) {
     const QString photo = writeJpeg(QDir(dir.path()), QStringLiteral("a.jpg"));
-    const CliResult missing = run({QStringLiteral("--plugin"), QStringLiteral("/nonexistent/libZHaze.so"), photo});
+    const CliResult missing =
+        run({QStringLiteral("--plugin"), QStringLiteral("/nonexistent/libZHaze.so"), photo});
     EXPECT_EQ(missing.exitCode, 3);
-    EXPECT_TRUE(missing.output.contains(QStringLiteral("does not exist"))) << missing.output.toStdString();
+    EXPECT_TRUE(missing.output.contains(QStringLiteral("does not exist")))
+        << missing.output.toStdString();
 
     // A real Qt plug-in of another kind: refused by its identifier, not loaded.
     const QString foreign = QStringLiteral(QT_PLUGIN_DIR "/platforms/libqminimal.so");
     ASSERT_TRUE(QFileInfo::exists(foreign));
     const CliResult wrong = run({QStringLiteral("--plugin"), foreign, photo});
     EXPECT_EQ(wrong.exitCode, 3);
-    EXPECT_TRUE(wrong.output.contains(QStringLiteral("not a Skyrinse plug-in"))) << wrong.output.toStdString();
+    EXPECT_TRUE(wrong.output.contains(QStringLiteral("not a Skyrinse plug-in")))
+        << wrong.output.toStdString();
 
     const QString text = QDir(dir.path()).filePath(QStringLiteral("fake.so"));
     QFile file(text);
@@ -105,13 +112,15 @@ TEST_F(SkyrinseCli, ABatchGoesOnPastAFailureAndSaysWhy) {
     const QString also = writeJpeg(folder, QStringLiteral("also.jpg"));
     const QString missing = folder.filePath(QStringLiteral("missing.jpg"));
 
-    const CliResult result = run({QStringLiteral("--strength"), QStringLiteral("70"), good, missing, also});
+    const CliResult result =
+        run({QStringLiteral("--strength"), QStringLiteral("70"), good, missing, also});
     EXPECT_EQ(result.exitCode, 1) << result.output.toStdString();
     EXPECT_TRUE(result.output.contains(QStringLiteral("[1/3] ") + good + QStringLiteral(" -> ") +
                                        folder.filePath(QStringLiteral("good_dehazed.jpg"))))
         << result.output.toStdString();
-    EXPECT_TRUE(result.output.contains(QStringLiteral("[2/3] ") + missing +
-                                       QStringLiteral(": failed: Error IFL : \"IFL_ERROR_FILE_OPEN\"")))
+    EXPECT_TRUE(
+        result.output.contains(QStringLiteral("[2/3] ") + missing +
+                               QStringLiteral(": failed: Error IFL : \"IFL_ERROR_FILE_OPEN\"")))
         << result.output.toStdString();
     EXPECT_TRUE(result.output.contains(QStringLiteral("at File: \""))) << "the location is shown";
     EXPECT_TRUE(result.output.contains(QStringLiteral("2 of 3 file(s) written")));
@@ -125,7 +134,8 @@ TEST_F(SkyrinseCli, WithoutStrengthTheDefaultIsSixtyAndZeroChangesNothing) {
     const QString photo = writeJpeg(folder, QStringLiteral("p.jpg"));
     const CliResult defaulted = run({QStringLiteral("--verbose"), photo});
     EXPECT_EQ(defaulted.exitCode, 0) << defaulted.output.toStdString();
-    EXPECT_TRUE(defaulted.output.contains(QStringLiteral("strength 60%"))) << defaulted.output.toStdString();
+    EXPECT_TRUE(defaulted.output.contains(QStringLiteral("strength 60%")))
+        << defaulted.output.toStdString();
     const QImage strong(folder.filePath(QStringLiteral("p_dehazed.jpg")));
 
     const CliResult zero = run({QStringLiteral("--strength"), QStringLiteral("0"), photo});
@@ -137,8 +147,10 @@ TEST_F(SkyrinseCli, WithoutStrengthTheDefaultIsSixtyAndZeroChangesNothing) {
     int zeroDiff = 0, strongDiff = 0;
     for (int y = 0; y < source.height(); ++y) {
         for (int x = 0; x < source.width(); ++x) {
-            zeroDiff = std::max(zeroDiff, std::abs(qGray(unchanged.pixel(x, y)) - qGray(source.pixel(x, y))));
-            strongDiff = std::max(strongDiff, std::abs(qGray(strong.pixel(x, y)) - qGray(source.pixel(x, y))));
+            zeroDiff = std::max(zeroDiff,
+                                std::abs(qGray(unchanged.pixel(x, y)) - qGray(source.pixel(x, y))));
+            strongDiff = std::max(strongDiff,
+                                  std::abs(qGray(strong.pixel(x, y)) - qGray(source.pixel(x, y))));
         }
     }
     EXPECT_LE(zeroDiff, 3);
@@ -155,7 +167,8 @@ TEST_F(SkyrinseCli, AStoredDefaultStrengthIsUsed) {
     const QString photo = writeJpeg(QDir(dir.path()), QStringLiteral("s.jpg"));
     const CliResult result = run({QStringLiteral("--verbose"), photo});
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(result.output.contains(QStringLiteral("strength 25%"))) << result.output.toStdString();
+    EXPECT_TRUE(result.output.contains(QStringLiteral("strength 25%")))
+        << result.output.toStdString();
 }
 
 TEST_F(SkyrinseCli, SolverReportsReachStandardOutputOnlyWhenVerbose) {
@@ -163,8 +176,7 @@ TEST_F(SkyrinseCli, SolverReportsReachStandardOutputOnlyWhenVerbose) {
     for (const bool verbose : {false, true}) {
         QProcess process;
         QStringList arguments{photo};
-        if (verbose)
-            arguments.prepend(QStringLiteral("--verbose"));
+        if (verbose) arguments.prepend(QStringLiteral("--verbose"));
         process.start(QStringLiteral(SKYRINSE_BINARY), arguments);
         ASSERT_TRUE(process.waitForFinished(120000));
         EXPECT_EQ(process.exitCode(), 0);

@@ -6,7 +6,9 @@
 
 TestHost::TestHost(int& argc, char** argv) : QGuiApplication(argc, argv) {}
 
-TestHost::~TestHost() { resetTranslations(); }
+TestHost::~TestHost() {
+    resetTranslations();
+}
 
 QVariant TestHost::value(const QString& pluginId, const QString& key,
                          const QVariant& defaultValue) const {
@@ -34,7 +36,6 @@ void TestHost::resetTranslations() {
 
 ZIHostImage* TestHost::image(const QString& path) {
     const QString key = QFileInfo(path).absoluteFilePath();
-    if (!images.contains(key))
-        images.insert(key, std::make_shared<HostImage>(key));
+    if (!images.contains(key)) images.insert(key, std::make_shared<HostImage>(key));
     return images.value(key).get();
 }

@@ -57,8 +57,7 @@ protected:
 QDomElement elementWith(const QString& attribute, const QString& value) {
     QDomDocument document(QStringLiteral("Skyrinse"));
     QDomElement element = document.createElement(QStringLiteral("Skyrinse"));
-    if (!attribute.isEmpty())
-        element.setAttribute(attribute, value);
+    if (!attribute.isEmpty()) element.setAttribute(attribute, value);
     return element;
 }
 
@@ -174,9 +173,9 @@ TEST_F(PluginTest, SettingsTravelAsXmlAndTheElementWinsOverTheStore) {
         int strength;
     };
     const Case cases[] = {
-        {QDomElement(), 35},                                           // null element: the store
+        {QDomElement(), 35}, // null element: the store
         {elementWith(QStringLiteral("hazeRemove"), QStringLiteral("72")), 72}, // the element wins
-        {elementWith(QString(), QString()), 0},                        // no attribute: its default 0
+        {elementWith(QString(), QString()), 0}, // no attribute: its default 0
         {elementWith(QStringLiteral("hazeRemove"), QStringLiteral("strong")), 0},
     };
     for (const Case& c : cases) {
@@ -194,7 +193,8 @@ TEST_F(PluginTest, SettingsTravelAsXmlAndTheElementWinsOverTheStore) {
 
     host->store.clear();
     HazeSettings* unknown = haze->loadSettings(QDomElement());
-    EXPECT_EQ(haze->saveSettings(unknown).attribute(QStringLiteral("hazeRemove")), QStringLiteral("0"));
+    EXPECT_EQ(haze->saveSettings(unknown).attribute(QStringLiteral("hazeRemove")),
+              QStringLiteral("0"));
     haze->freeSettings(unknown);
     haze->freeSettings(nullptr);
 }
@@ -203,8 +203,10 @@ TEST_F(PluginTest, DefaultsGoToTheHostStore) {
     QObject* object = processObject();
     ASSERT_NE(object, nullptr);
     auto* haze = static_cast<ZIPluginOne2One*>(object->qt_metacast("ZIPluginOne2One"));
-    HazeSettings* settings = haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("44")));
-    ASSERT_TRUE(QMetaObject::invokeMethod(object, "rememberDefaults", Q_ARG(HazeSettings*, settings)));
+    HazeSettings* settings =
+        haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("44")));
+    ASSERT_TRUE(
+        QMetaObject::invokeMethod(object, "rememberDefaults", Q_ARG(HazeSettings*, settings)));
     haze->saveDefaults();
     EXPECT_EQ(host->store.value(kProcessId + QStringLiteral("/hazeRemove")), QVariant(44));
     haze->freeSettings(settings);
@@ -217,7 +219,8 @@ QString writePicture(const QDir& dir, const QString& name, QImage::Format format
     QImage image(48, 32, format);
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
-            image.setPixelColor(x, y, QColor(150 + y * 2 + x % 7, 160 + y * 2, 170 + y * 2 - x % 5));
+            image.setPixelColor(x, y,
+                                QColor(150 + y * 2 + x % 7, 160 + y * 2, 170 + y * 2 - x % 5));
     const QString path = dir.filePath(name);
     EXPECT_TRUE(image.save(path)) << path.toStdString();
     return path;
@@ -246,13 +249,15 @@ TEST_F(PluginTest, ProcessImageWritesBesideTheSourceInItsFormat) {
         {"p.ppm", QImage::Format_RGB888, "p_dehazed.tiff", 3, 8},
     };
     for (const Case& c : cases) {
-        const QString source = writePicture(QDir(dir.path()), QString::fromLatin1(c.name), c.format);
+        const QString source =
+            writePicture(QDir(dir.path()), QString::fromLatin1(c.name), c.format);
         const QByteArray before = [&] {
             QFile f(source);
             f.open(QIODevice::ReadOnly);
             return f.readAll();
         }();
-        HazeSettings* settings = haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("80")));
+        HazeSettings* settings =
+            haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("80")));
         QString output;
         ASSERT_NO_THROW(haze->processImage(source, settings, output)) << c.name;
         haze->freeSettings(settings);
@@ -272,8 +277,9 @@ TEST_F(PluginTest, ASourceWithoutSuffixGivesAPathEndingInTheDot) {
     ZIPluginOne2One* haze = process();
     HazeSettings* settings = haze->loadSettings(QDomElement());
     QString output;
-    EXPECT_THROW(haze->processImage(QStringLiteral("/nonexistent/folder/picture"), settings, output),
-                 ZException);
+    EXPECT_THROW(
+        haze->processImage(QStringLiteral("/nonexistent/folder/picture"), settings, output),
+        ZException);
     haze->freeSettings(settings);
     EXPECT_EQ(output, QStringLiteral("/nonexistent/folder/picture_dehazed."));
 }
@@ -281,8 +287,10 @@ TEST_F(PluginTest, ASourceWithoutSuffixGivesAPathEndingInTheDot) {
 TEST_F(PluginTest, StrengthZeroWritesThePictureUnchanged) {
     QTemporaryDir dir;
     ZIPluginOne2One* haze = process();
-    const QString source = writePicture(QDir(dir.path()), QStringLiteral("flat.png"), QImage::Format_RGB888);
-    HazeSettings* settings = haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("0")));
+    const QString source =
+        writePicture(QDir(dir.path()), QStringLiteral("flat.png"), QImage::Format_RGB888);
+    HazeSettings* settings =
+        haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("0")));
     QString output;
     haze->processImage(source, settings, output);
     haze->freeSettings(settings);

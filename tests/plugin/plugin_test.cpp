@@ -16,6 +16,8 @@
 #include <QJsonObject>
 #include <QPluginLoader>
 #include <QTemporaryDir>
+#include <cstring>
+#include <exiv2/exiv2.hpp>
 #include <gtest/gtest.h>
 
 namespace {
@@ -319,6 +321,45 @@ TEST_F(PluginTest, AFailedRunLeavesNoFile) {
     haze->freeSettings(settings);
     EXPECT_FALSE(QFileInfo::exists(output));
     EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{QStringLiteral("broken.jpg")});
+}
+
+TEST_F(PluginTest, ARunCarriesEveryMetadataBlockOfTheSource) {
+    QTemporaryDir dir;
+    const QString source = QDir(dir.path()).filePath(QStringLiteral("rich.jpg"));
+    ASSERT_TRUE(
+        QFile::copy(QStringLiteral(TEST_DATA_DIR "/metadata/rich_all_metadata.jpg"), source));
+    ZIPluginOne2One* haze = process();
+    HazeSettings* settings =
+        haze->loadSettings(elementWith(QStringLiteral("hazeRemove"), QStringLiteral("50")));
+    QString output;
+    ASSERT_NO_THROW(haze->processImage(source, settings, output));
+    haze->freeSettings(settings);
+
+    auto read = [](const QString& path) {
+        auto image = Exiv2::ImageFactory::open(path.toStdString());
+        image->readMetadata();
+        return image;
+    };
+    const auto before = read(source);
+    const auto after = read(output);
+    for (const char* key :
+         {"Exif.Image.Make", "Exif.GPSInfo.GPSLatitude", "Exif.Photo.DateTimeOriginal"}) {
+        const auto in = before->exifData().findKey(Exiv2::ExifKey(key));
+        const auto out = after->exifData().findKey(Exiv2::ExifKey(key));
+        ASSERT_NE(in, before->exifData().end()) << key;
+        ASSERT_NE(out, after->exifData().end()) << key;
+        EXPECT_EQ(in->toString(), out->toString()) << key;
+    }
+    EXPECT_NE(after->exifData().findKey(Exiv2::ExifKey("Exif.Image.Make")),
+              after->exifData().end());
+    EXPECT_FALSE(after->iptcData().empty());
+    EXPECT_EQ(after->iptcData().count(), before->iptcData().count());
+    EXPECT_FALSE(after->xmpData().empty());
+    ASSERT_TRUE(after->iccProfileDefined());
+    EXPECT_EQ(after->iccProfile()->size_, before->iccProfile()->size_);
+    EXPECT_EQ(std::memcmp(after->iccProfile()->pData_, before->iccProfile()->pData_,
+                          static_cast<std::size_t>(before->iccProfile()->size_)),
+              0);
 }
 
 int main(int argc, char** argv) {

@@ -42,6 +42,9 @@ constexpr int kStatusReordering = -3;
 constexpr int kStatusOverflow = -8;
 constexpr int kStatusNumeric = -4;
 constexpr int kCodeNoVectors = 9;
+// The factorization's arrays hold an entry that the analysed pattern has no
+// place for; the caller has to analyse the new pattern first.
+constexpr int kCodeOutsideStructure = 25;
 
 bool acceptedMatrixType(int mtype) {
     const int m = mtype < 0 ? -mtype : mtype;
@@ -166,6 +169,7 @@ void Call<T>::resetForAnalysis() {
     if (iparm[0] == 0) applyDefaults(mtype, iparm);
     h->matching = (matchingType(mtype) && iparm[12] > 0) ? iparm[12] : 0;
     h->scaling = matchingType(mtype) && iparm[10] == 1 && iparm[12] > 0;
+    h->rowPermuted = false;
     h->transpose = iparm[0] != 1 ? iparm[11] : 0;
     h->threads = m_threads;
     h->splitSolve = iparm[25];
@@ -223,8 +227,11 @@ void Call<T>::analyse() {
         internal = matched.internalCode;
         return;
     }
+    // Only the types above 10 order through the matching's rows; for the
+    // others the block may still hold the permutation of an earlier analysis.
     const int* rowPermutation =
-        h->matchingPermutation.empty() ? nullptr : h->matchingPermutation.data();
+        mtype > 10 && !h->matchingPermutation.empty() ? h->matchingPermutation.data() : nullptr;
+    h->rowPermuted = rowPermutation != nullptr;
     const bool callerOrder = h->userPermutation > 0 && h->userPermutation != 2;
     const bool pairOrder = matched.hasPairOrder && !callerOrder;
 
@@ -236,7 +243,7 @@ void Call<T>::analyse() {
     oin.method = h->ordering;
     oin.userPermutation = pairOrder ? 1 : h->userPermutation;
     oin.callerPerm = pairOrder ? matched.pairOrder.perm.data() : a.perm;
-    oin.rowPermutation = mtype > 10 ? rowPermutation : nullptr;
+    oin.rowPermutation = rowPermutation;
     oin.partitions = h->partitions;
     oin.threads = h->threads;
     oin.memory = &h->memory;
@@ -491,6 +498,11 @@ int Call<T>::factorAndSolve(int lastDigit) {
             iparm[13] = r.perturbed;
             iparm[21] = r.positive;
             iparm[22] = r.negative;
+            if (r.outsideStructure) {
+                status = kStatusParameters;
+                internal = kCodeOutsideStructure;
+                return exit();
+            }
             if (r.status != 0) {
                 iparm[29] = r.status;
                 status = kStatusNumeric;

@@ -149,9 +149,16 @@ struct Handle {
     OrderingResult ordering_;
     SymbolicResult symbolic;
     // Row permutation and scalings of the matching, one-based; identity and
-    // unit scalings when the matching is off.
+    // unit scalings when the matching is off. The blocks outlive an analysis
+    // (a later one reuses them), so their contents may be those of an earlier
+    // matrix, even of another size: whether they apply to the current
+    // analysis is what rowPermuted and scaling say, never their being there.
     IntBlock matchingPermutation;
     Block<double> scalings;
+    // The ordering graph, hence the factor's structure, took the rows of A in
+    // the order of matchingPermutation; the factorization and the solve must
+    // place rows the same way, or entries land outside the structure.
+    bool rowPermuted = false;
 
     // Drops the analysis and every factor, as a new analysis or phase -1 does.
     void releaseNumericAndAnalysis();

@@ -95,7 +95,7 @@ public:
 private:
     void groupEntries();
     std::int64_t largestScatteredUpdate() const;
-    void scatter(int sn, int fst, int lst, int hs, int ws);
+    bool scatter(int sn, int fst, int lst, int hs, int ws);
     int update(int d, int sn);
     void formDLt(int d, int p0, int q);
     void addScattered(T* target, int ld, int q, int rowsFrom, int rowsTo, int rowShift,
@@ -137,7 +137,7 @@ void Worker<T>::groupEntries() {
     const double* colScale = scaled ? h.scalings.data() + (lu ? n : 0) : nullptr;
     // Position of each original row in the matching's order (types above 10).
     IntBlock rowPosition;
-    if (lu && !h.matchingPermutation.empty()) {
+    if (lu && h.rowPermuted) {
         rowPosition = IntBlock(n, kWorkCode, &h.memory);
         for (int i = 1; i <= n; ++i)
             rowPosition[h.matchingPermutation[i - 1] - 1] = i;
@@ -193,26 +193,35 @@ std::int64_t Worker<T>::largestScatteredUpdate() const {
 }
 
 template <class T>
-void Worker<T>::scatter(int sn, int fst, int lst, int hs, int ws) {
-    (void)sn;
+bool Worker<T>::scatter(int sn, int fst, int lst, int hs, int ws) {
     T* L = f.lnz + xlnz[fst] - 1;
     T* U = lu ? f.unz + xunz[fst] - 1 : nullptr;
     const OneBased<const int> map(indmap.data());
+    const int* rows = lindx.p + xlindx[sn] - 1;
+    // The factorization may be handed other arrays than the analysis saw;
+    // an entry whose row the structure of its column does not hold would be
+    // placed through a map left by another supernode, outside this panel.
+    auto local = [&](int row) {
+        const int i = hs - map[row];
+        return i >= 0 && i < hs && rows[i] == row ? i : -1;
+    };
     const int hu = hs - ws;
     for (int c = fst; c <= lst; ++c)
         for (int p = xentry[c]; p < xentry[c + 1]; ++p) {
             const Entry<T>& e = entries[p];
-            if (!lu) {
-                // row >= col == c
-                L[static_cast<std::int64_t>(c - fst) * hs + (hs - map[e.row])] += e.value;
-            } else if (e.row >= e.col) {
-                L[static_cast<std::int64_t>(e.col - fst) * hs + (hs - map[e.row])] += e.value;
-            } else if (e.col <= lst) {
+            if (lu && e.row < e.col && e.col <= lst) {
                 L[static_cast<std::int64_t>(e.col - fst) * hs + (e.row - fst)] += e.value;
-            } else {
-                U[static_cast<std::int64_t>(e.row - fst) * hu + (hs - map[e.col]) - ws] += e.value;
+                continue;
             }
+            const bool lower = !lu || e.row >= e.col;
+            const int i = local(lower ? e.row : e.col);
+            if (i < 0) return false;
+            if (lower)
+                L[static_cast<std::int64_t>(c - fst) * hs + i] += e.value;
+            else
+                U[static_cast<std::int64_t>(e.row - fst) * hu + i - ws] += e.value;
         }
+    return true;
 }
 
 // W (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
@@ -423,7 +432,10 @@ NumericResult Worker<T>::run() {
         const int* rows = lindx.p + xlindx[sn] - 1;
         for (int i = 0; i < hs; ++i)
             map[rows[i]] = hs - i;
-        scatter(sn, fst, lst, hs, ws);
+        if (!scatter(sn, fst, lst, hs, ws)) {
+            result.outsideStructure = true;
+            return result;
+        }
 
         while (head[sn - 1] != 0) {
             const int d = head[sn - 1];
@@ -525,7 +537,7 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     row.state = kNotComputed;
     Worker<T> worker(h, rq, layout.view<T>(row.values.data()));
     const NumericResult r = worker.run();
-    if (r.status == 0) row.state = 0;
+    if (r.status == 0 && !r.outsideStructure) row.state = 0;
     row.scalarWords = 1;
     return r;
 }

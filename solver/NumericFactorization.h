@@ -48,6 +48,10 @@ struct NumericResult {
     int perturbed = 0; // pivots replaced by the threshold
     int positive = 0;  // inertia of LDL^T and Cholesky
     int negative = 0;
+    // An entry of the call's matrix has no place in the analysed structure
+    // (the arrays differ from those of the analysis); nothing was written
+    // outside the factor, and the factor is not usable.
+    bool outsideStructure = false;
 };
 
 template <class T>

@@ -58,7 +58,7 @@ struct FactorSolver<T>::Impl {
         scatterScale = Block<T>(n, kWorkCode, &h.memory);
         const int* perm = h.ordering_.perm.data();
         const bool scaled = h.scaling && !h.scalings.empty();
-        const bool rowPermuted = kind == Kind::Lu && !h.matchingPermutation.empty();
+        const bool rowPermuted = kind == Kind::Lu && h.rowPermuted;
         const double* R = scaled ? h.scalings.data() : nullptr;
         const double* C = scaled ? h.scalings.data() + (kind == Kind::Lu ? n : 0) : nullptr;
         for (int k = 0; k < n; ++k) {

@@ -10,6 +10,7 @@
 #include "ArrayReport.h"
 #include "Handle.h"
 #include "IterativeRefinement.h"
+#include "IterativeSolvers.h"
 #include "MatchingStep.h"
 #include "MatrixCheck.h"
 #include "NumericFactorization.h"
@@ -107,6 +108,7 @@ private:
     void analyse();
     void finishAnalysisFigures(bool factorsWanted, bool operationsWanted);
     int factorAndSolve(int lastDigit);
+    bool iterate(const FactorRow& row);
     int exit();
 
     const CallArgs& a;
@@ -479,7 +481,13 @@ int Call<T>::factorAndSolve(int lastDigit) {
     }
     FactorRow& row = h->factors[mnum - 1];
     const int stagePhase = (phase >= 331 && phase <= 333) ? 33 : phase;
+    const bool iterative = iterativeRequested(iparm[3]);
     try {
+        // Phase 23 on a handle that holds a factor tries the iterative
+        // solver with it first; only when that fails does it factor the new
+        // matrix (and solve it in the ordinary way below).
+        if (stagePhase == 23 && iterative && row.state == 0 && a.b && a.x && iterate(row))
+            return exit();
         if (stagePhase != 33) {
             NumericRequest rq;
             rq.mtype = h->mtype;
@@ -525,6 +533,15 @@ int Call<T>::factorAndSolve(int lastDigit) {
             internal = kCodeNoVectors;
             return exit();
         }
+        const bool refinementDue = (h->perturbedPivots > 0 || iparm[7] != 0) && h->splitSolve == 0;
+        // Phase 33 lets the iterative solver take the place of the
+        // refinement; when it fails, the refinement runs after all, and
+        // iparm[19] keeps what the iteration reported.
+        bool iterationFailed = false;
+        if (stagePhase == 33 && h->partialSolve == 0 && iterative && refinementDue) {
+            if (iterate(row)) return exit();
+            iterationFailed = true;
+        }
         RefinementRequest rq;
         rq.n = h->n;
         rq.nrhs = *a.nrhs;
@@ -536,14 +553,14 @@ int Call<T>::factorAndSolve(int lastDigit) {
         rq.solutionInB = iparm[5] == 1;
         rq.steps = iparm[7];
         rq.partial = h->partialSolve;
-        rq.refine = (h->perturbedPivots > 0 || iparm[7] != 0) && h->splitSolve == 0;
+        rq.refine = refinementDue;
         const double t0 = nrt_seconds();
         const RefinementResult r =
             solveAndRefine<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
         h->timers[kTimeSolve] = nrt_seconds() - t0;
         h->refinementSteps = r.steps;
         iparm[6] = r.steps;
-        if (r.stoppedAtTwo) iparm[19] = -34;
+        if (r.stoppedAtTwo && !iterationFailed) iparm[19] = -34;
         if (r.status != 0) {
             iparm[29] = r.status;
             status = kStatusNumeric;
@@ -557,6 +574,31 @@ int Call<T>::factorAndSolve(int lastDigit) {
         iparm[29] = -182;
     }
     return exit();
+}
+
+// Runs CG or CGS preconditioned by the factor in `row`; true when it
+// converged and x (or b) holds the solution. iparm[19] reports either way.
+template <class T>
+bool Call<T>::iterate(const FactorRow& row) {
+    int* iparm = a.iparm;
+    IterativeRequest rq;
+    rq.n = h->n;
+    rq.nrhs = *a.nrhs;
+    rq.a = a.a;
+    rq.ia = a.ia;
+    rq.ja = a.ja;
+    rq.symmetricStorage = h->symmetricStorage;
+    rq.transpose = iparm[0] != 1 && iparm[11] > 0 && !h->symmetricStorage;
+    rq.solutionInB = iparm[5] == 1;
+    rq.control = iparm[3];
+    rq.factorSeconds = h->timers[kTimeNumeric];
+    rq.outOfCore = h->oocMode > 0;
+    const double t0 = nrt_seconds();
+    const IterativeResult r =
+        iterativeSolve<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
+    h->timers[kTimeIterative] = nrt_seconds() - t0;
+    iparm[19] = r.report();
+    return r.status == 0;
 }
 
 template <class T>

@@ -3,6 +3,7 @@
 // the whole factor-and-solve sequence through the entry.
 #pragma once
 
+#include "Handle.h"
 #include "spds.h"
 
 #include <algorithm>
@@ -258,6 +259,48 @@ struct SpdsRun {
              &error);
         return error;
     }
+};
+
+// One handle whose calls may change type and matrix, released on exit.
+template <class T>
+struct SpdsSession {
+    void* pt[64] = {};
+    int iparm[64] = {};
+    int maxfct = 1, mnum = 1, msglvl = 0;
+
+    SpdsSession() {
+        iparm[0] = 1;
+        iparm[1] = 2;
+        iparm[7] = 20;
+        // A structurally zero pivot that pivoting inside its block cannot
+        // replace becomes 10^-iparm[9]; in single precision 10^-13 would
+        // leave a factor that refinement cannot repair.
+        iparm[9] = std::is_same_v<T, float> ? 6 : 13;
+        iparm[10] = iparm[12] = 0;
+        iparm[20] = 1;
+        iparm[27] = std::is_same_v<T, float> ? 1 : 0;
+    }
+    ~SpdsSession() {
+        int phase = -1, n = 1, nrhs = 1, error = 0, mtype = 11;
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
+             iparm, &msglvl, nullptr, nullptr, &error);
+    }
+    SpdsSession(const SpdsSession&) = delete;
+    SpdsSession& operator=(const SpdsSession&) = delete;
+
+    // Matching and scaling as the type's defaults have them.
+    void matchingFor(int mtype) { iparm[10] = iparm[12] = (mtype == 11 || mtype == -2) ? 1 : 0; }
+    int call(int phase, const System& s, std::vector<T>* b = nullptr, std::vector<T>* x = nullptr,
+             int nrhs = 1) {
+        std::vector<T> a(s.a.begin(), s.a.end());
+        std::vector<int> perm(static_cast<std::size_t>(s.n));
+        int error = 12345, n = s.n, mtype = s.mtype;
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), s.ia.data(), s.ja.data(),
+             perm.data(), &nrhs, iparm, &msglvl, b ? b->data() : nullptr, x ? x->data() : nullptr,
+             &error);
+        return error;
+    }
+    int internalCode() const { return skyrinse::spds::handleOf(pt)->internalCode; }
 };
 
 template <class T>

@@ -4,7 +4,6 @@
 // with LAPACK's dense solve. The handle is reused across analyses of other
 // types and sizes, since the matching's blocks outlive an analysis and must
 // never be applied to one that did not compute them.
-#include "Handle.h"
 #include "NumericSupport.h"
 
 #include <gtest/gtest.h>
@@ -36,46 +35,6 @@ System missingDiagonals(int mtype, int n, unsigned seed) {
     return fromEntries("missing diagonals", mtype, n, swapped);
 }
 
-// One handle whose calls may change type and matrix, released on exit.
-template <class T>
-struct Session {
-    void* pt[64] = {};
-    int iparm[64] = {};
-    int maxfct = 1, mnum = 1, msglvl = 0;
-
-    Session() {
-        iparm[0] = 1;
-        iparm[1] = 2;
-        iparm[7] = 20;
-        // A structurally zero pivot that pivoting inside its block cannot
-        // replace becomes 10^-iparm[9]; in single precision 10^-13 would
-        // leave a factor that refinement cannot repair.
-        iparm[9] = std::is_same_v<T, float> ? 6 : 13;
-        iparm[20] = 1;
-        iparm[27] = std::is_same_v<T, float> ? 1 : 0;
-    }
-    ~Session() {
-        int phase = -1, n = 1, nrhs = 1, error = 0, mtype = 11;
-        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
-             iparm, &msglvl, nullptr, nullptr, &error);
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-
-    // Matching and scaling as the type's defaults have them.
-    void matchingFor(int mtype) { iparm[10] = iparm[12] = (mtype == 11 || mtype == -2) ? 1 : 0; }
-    int call(int phase, const System& s, std::vector<T>* b = nullptr, std::vector<T>* x = nullptr) {
-        std::vector<T> a(s.a.begin(), s.a.end());
-        std::vector<int> perm(static_cast<std::size_t>(s.n));
-        int error = 12345, n = s.n, mtype = s.mtype, nrhs = 1;
-        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), s.ia.data(), s.ja.data(),
-             perm.data(), &nrhs, iparm, &msglvl, b ? b->data() : nullptr, x ? x->data() : nullptr,
-             &error);
-        return error;
-    }
-    int internalCode() const { return skyrinse::spds::handleOf(pt)->internalCode; }
-};
-
 template <class T>
 double tolerance() {
     return std::is_same_v<T, float> ? 1e-5 : 1e-11;
@@ -83,7 +42,7 @@ double tolerance() {
 
 // Runs a phase sequence whose last call solves; returns x.
 template <class T>
-std::vector<double> solveBy(Session<T>& h, const System& s, const std::vector<int>& phases,
+std::vector<double> solveBy(SpdsSession<T>& h, const System& s, const std::vector<int>& phases,
                             const std::vector<double>& b) {
     std::vector<T> bt = narrow<T>(b), x(bt.size(), T(0)), y(bt.size(), T(0));
     for (int phase : phases) {
@@ -114,7 +73,7 @@ TYPED_TEST(UnsymmetricPattern, EveryPhaseSequenceMatchesTheDenseSolve) {
                 SCOPED_TRACE("mtype " + std::to_string(mtype) + ", n " + std::to_string(n) +
                              ", sequence starting " + std::to_string(seq.front()) + " of " +
                              std::to_string(seq.size()));
-                Session<T> h;
+                SpdsSession<T> h;
                 h.matchingFor(mtype);
                 // Partial solves are not refined: only the plain sequences
                 // are held to the refined residual.
@@ -140,7 +99,7 @@ TYPED_TEST(UnsymmetricPattern, MatchingOfAnEarlierAnalysisIsNotApplied) {
     System symmetric = fromEntries("spd", -2, 40, gridEntries(8, 5, 1.0));
     for (int n : {4, 40}) {
         SCOPED_TRACE("n " + std::to_string(n));
-        Session<T> h;
+        SpdsSession<T> h;
         h.matchingFor(11);
         ASSERT_EQ(h.call(11, small), 0);
         if (n == 40) {
@@ -164,7 +123,7 @@ TYPED_TEST(UnsymmetricPattern, TypeChangeOnOneSizeFactorsTheNewType) {
     System s1 = s11;
     s1.mtype = 1;
     const std::vector<double> b = randomVector(90, 4);
-    Session<T> h;
+    SpdsSession<T> h;
     h.matchingFor(11);
     std::vector<double> x = solveBy(h, s11, {13}, b);
     EXPECT_LE(relativeResidual(s11, x, b, 1), tolerance<T>());
@@ -195,7 +154,7 @@ TYPED_TEST(UnsymmetricPattern, EntryOutsideTheAnalysedPatternIsRefused) {
         const System narrowBand = fromEntries("band", mtype, n, e);
         e[{0, n - 1}] = e[{n - 1, 0}] = 0.5;
         const System wider = fromEntries("band and corner", mtype, n, e);
-        Session<T> h;
+        SpdsSession<T> h;
         h.matchingFor(mtype);
         h.msglvl = 0;
         ASSERT_EQ(h.call(11, narrowBand), 0);

@@ -1,0 +1,441 @@
+// The iterative solvers of iparm[3] through the entry: a sequence of nearby
+// matrices solved with the factor of the first (CG for an SPD grid, CGS for
+// an unsymmetric matrix), a matrix too far from it that makes the solver
+// factor after all, the counts that iparm[19] reports (against a dense
+// preconditioned CG), the phase 33 path, and the limits and tolerance.
+#include "IterativeSolvers.h"
+#include "NumericSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+using namespace numtest;
+using skyrinse::spds::iterationLimits;
+using skyrinse::spds::iterativeTolerance;
+
+namespace {
+
+using Entries = std::map<std::pair<int, int>, double>;
+
+// Each value times (1 + delta u), u uniform in [-1, 1]; symmetric entries
+// keep their symmetry.
+Entries perturbed(const Entries& e, double delta, unsigned seed, bool symmetric) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    Entries out = e;
+    for (auto& [pos, v] : out) {
+        if (symmetric && pos.first > pos.second) continue;
+        v *= 1.0 + delta * u(rng);
+        if (symmetric) out[{pos.second, pos.first}] = v;
+    }
+    return out;
+}
+
+Entries spdGrid() {
+    return gridEntries(20, 20, 0.5);
+}
+
+// The grid plus a diagonal spread over eight decades: still SPD, but the
+// grid's factor leaves so many distinct eigenvalues that no preconditioned
+// iteration gets near a tight tolerance within a hundred steps.
+Entries farFromGrid() {
+    Entries e = spdGrid();
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> exponent(-4.0, 4.0);
+    for (int i = 0; i < 400; ++i)
+        e[{i, i}] += std::pow(10.0, exponent(rng));
+    return e;
+}
+
+Entries unsymmetricBase() {
+    std::mt19937 rng(77);
+    return unsymmetricEntries(160, 0.02, rng);
+}
+
+template <class T>
+struct Config {
+    static constexpr bool single = std::is_same_v<T, float>;
+    // iparm[3] tolerances: 10^-5 in single, 10^-10 in double.
+    static constexpr int L = single ? 5 : 10;
+    // Relative distance of the nearby matrices: two steps at most at 10^-L
+    // (a slow machine may allow no more).
+    static constexpr double delta = single ? 1e-4 : 1e-6;
+    static double eps() { return std::numeric_limits<T>::epsilon(); }
+};
+
+template <class T>
+class IterativeSolvers : public ::testing::Test {};
+using Precisions = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(IterativeSolvers, Precisions);
+
+// Solves with phase `phase`, returns x in double.
+template <class T>
+std::vector<double> solve(SpdsSession<T>& s, int phase, const System& sys,
+                          const std::vector<double>& b, int expectedError = 0) {
+    std::vector<T> bt = narrow<T>(b), x(bt.size(), T(0));
+    EXPECT_EQ(s.call(phase, sys, &bt, &x), expectedError) << "phase " << phase;
+    return widen(x);
+}
+
+// A plain solve with the factor on the handle, without refinement or
+// iteration: its residual tells which matrix that factor belongs to.
+template <class T>
+double plainResidual(SpdsSession<T>& s, const System& sys, const std::vector<double>& b) {
+    const int control = s.iparm[3], steps = s.iparm[7];
+    s.iparm[3] = 0;
+    s.iparm[7] = 0;
+    const std::vector<double> x = solve(s, 33, sys, b);
+    s.iparm[3] = control;
+    s.iparm[7] = steps;
+    return relativeResidual(sys, x, b, 1);
+}
+
+TYPED_TEST(IterativeSolvers, NearbyMatricesConvergeWithTheFirstFactor) {
+    using T = TypeParam;
+    using C = Config<T>;
+    struct Case {
+        const char* name;
+        int mtype;
+        int K; // 2: CG, 1: CGS
+        Entries base;
+        bool symmetric;
+    };
+    const std::vector<Case> cases = {{"SPD grid, CG", 2, 2, spdGrid(), true},
+                                     {"unsymmetric, CGS", 11, 1, unsymmetricBase(), false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int n = c.mtype == 2 ? 400 : 160;
+        const System a0 = fromEntries("A0", c.mtype, n, c.base);
+        SpdsSession<T> s;
+        s.matchingFor(c.mtype);
+        s.iparm[7] = 2;
+        const std::vector<double> b = randomVector(static_cast<std::size_t>(n), 1);
+        const std::vector<double> x0 = solve(s, 13, a0, b);
+        ASSERT_LE(relativeResidual(a0, x0, b, 1), 100 * C::eps());
+
+        s.iparm[3] = 10 * C::L + c.K;
+        for (unsigned step = 1; step <= 3; ++step) {
+            SCOPED_TRACE("matrix " + std::to_string(step));
+            const System ak = fromEntries("Ak", c.mtype, n,
+                                          perturbed(c.base, C::delta * step, step, c.symmetric));
+            s.iparm[19] = 12345;
+            const std::vector<double> x = solve(s, 23, ak, b);
+            EXPECT_GE(s.iparm[19], 1);
+            EXPECT_LE(s.iparm[19], 2) << "a factor this close needs few steps";
+            EXPECT_LE(relativeResidual(ak, x, b, 1), 10 * iterativeTolerance(s.iparm[3]));
+            EXPECT_LE(relativeDifference(x, denseSolve(ak, b, 1)),
+                      1e3 * iterativeTolerance(s.iparm[3]));
+            // The handle still holds the factor of A0: nothing was factored.
+            EXPECT_GT(plainResidual(s, ak, b), 1e3 * C::eps());
+            EXPECT_LE(plainResidual(s, a0, b), 1e2 * C::eps());
+        }
+    }
+}
+
+TYPED_TEST(IterativeSolvers, MatrixTooFarIsFactoredAfterAll) {
+    using T = TypeParam;
+    using C = Config<T>;
+    struct Case {
+        const char* name;
+        System a0;
+        System far;
+        int K;
+    };
+    const std::vector<Case> cases = {
+        {"SPD grid, CG", fromEntries("A0", 2, 400, spdGrid()),
+         fromEntries("far", 2, 400, farFromGrid()), 2},
+        {"unsymmetric, CGS", fromEntries("A0", 11, 160, unsymmetricBase()),
+         // Same pattern, values drawn anew.
+         fromEntries("far", 11, 160, perturbed(unsymmetricBase(), 3.0, 99, false)), 1}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        SpdsSession<T> s;
+        s.matchingFor(c.a0.mtype);
+        s.iparm[7] = 2;
+        const std::vector<double> b = randomVector(static_cast<std::size_t>(c.a0.n), 2);
+        solve(s, 13, c.a0, b);
+        // The tightest tolerance the precision allows keeps any iteration
+        // from reaching it by luck.
+        s.iparm[3] = 10 * (Config<T>::single ? 7 : 14) + c.K;
+        s.iparm[19] = 12345;
+        const std::vector<double> x = solve(s, 23, c.far, b);
+        const int report = s.iparm[19];
+        EXPECT_LT(report, 0) << "the iteration must have failed";
+        // status - 10 x steps: the status is -1, -2 or -3, at least one step.
+        const int status = -((-report) % 10);
+        EXPECT_TRUE(status == -1 || status == -2 || status == -3) << report;
+        EXPECT_GE(-report / 10, 1) << report;
+        // The fallback factored the new matrix and solved it as usual.
+        EXPECT_EQ(s.iparm[6], 2);
+        EXPECT_LE(relativeResidual(c.far, x, b, 1), Config<T>::single ? 1e-4 : 1e-11);
+        EXPECT_LE(plainResidual(s, c.far, b), C::single ? 1e-3 : 1e-9)
+            << "the new factor is on the handle";
+        EXPECT_GT(plainResidual(s, c.a0, b), 1e3 * C::eps());
+    }
+}
+
+// Dense preconditioned CG with M = A0, stopped by the same rule: the count
+// of steps to bring ||r|| / ||b|| below tol.
+int denseConjugateGradientSteps(const System& a0, const System& a, const std::vector<double>& b,
+                                double tol) {
+    const int n = a.n;
+    const std::size_t N = static_cast<std::size_t>(n);
+    const std::vector<double> A = dense(a);
+    auto precondition = [&](const std::vector<double>& r) { return denseSolve(a0, r, 1); };
+    auto dotv = [](const std::vector<double>& u, const std::vector<double>& v) {
+        double s = 0;
+        for (std::size_t i = 0; i < u.size(); ++i)
+            s += u[i] * v[i];
+        return s;
+    };
+    std::vector<double> x(N, 0.0), r = b, z = precondition(r), p = z, q(N);
+    const double b0 = std::sqrt(dotv(b, b));
+    double rho = dotv(r, z);
+    for (int k = 1; k <= 50; ++k) {
+        for (std::size_t i = 0; i < N; ++i) {
+            q[i] = 0;
+            for (std::size_t j = 0; j < N; ++j)
+                q[i] += A[j * N + i] * p[j];
+        }
+        const double alpha = rho / dotv(p, q);
+        for (std::size_t i = 0; i < N; ++i) {
+            x[i] += alpha * p[i];
+            r[i] -= alpha * q[i];
+        }
+        if (std::sqrt(dotv(r, r)) / b0 < tol) return k;
+        z = precondition(r);
+        const double rhoNew = dotv(r, z);
+        for (std::size_t i = 0; i < N; ++i)
+            p[i] = z[i] + rhoNew / rho * p[i];
+        rho = rhoNew;
+    }
+    return -1;
+}
+
+TEST(IterativeSolverCounts, ConjugateGradientStepsMatchADenseIteration) {
+    const Entries base = gridEntries(12, 12, 0.5);
+    const System a0 = fromEntries("A0", 2, 144, base);
+    const std::vector<double> b = randomVector(144, 4);
+    struct Case {
+        double delta;
+        int L;
+    };
+    // Distances and tolerances for which the dense iteration needs one or
+    // two steps, the fewest any timing allows.
+    for (const Case c : {Case{0.0, 10}, Case{1e-6, 8}, Case{1e-4, 6}, Case{1e-3, 5}}) {
+        SCOPED_TRACE("delta " + std::to_string(c.delta) + ", L " + std::to_string(c.L));
+        const System a = fromEntries("A", 2, 144, perturbed(base, c.delta, 3, true));
+        const int expected = denseConjugateGradientSteps(a0, a, b, std::pow(10.0, -c.L));
+        ASSERT_GE(expected, 1);
+        ASSERT_LE(expected, 2) << "the case must fit the smallest step limit";
+        SpdsSession<double> s;
+        s.iparm[7] = 2;
+        solve(s, 13, a0, b);
+        s.iparm[3] = 10 * c.L + 2;
+        solve(s, 23, a, b);
+        EXPECT_EQ(s.iparm[19], expected);
+    }
+}
+
+// Straight through the solver's own entry point with the cost of the
+// factorization given, so that the step limit does not depend on the
+// machine: a dear factorization allows a hundred steps, a free one two.
+template <class T>
+skyrinse::spds::IterativeResult iterateWith(SpdsSession<T>& s, const System& a,
+                                            double factorSeconds, int control,
+                                            const std::vector<double>& b, std::vector<double>& x) {
+    skyrinse::spds::Handle& h = *skyrinse::spds::handleOf(s.pt);
+    const std::vector<T> values(a.a.begin(), a.a.end());
+    skyrinse::spds::IterativeRequest rq;
+    rq.n = a.n;
+    rq.nrhs = 1;
+    rq.a = values.data();
+    rq.ia = a.ia.data();
+    rq.ja = a.ja.data();
+    rq.symmetricStorage = a.mtype == 2 || a.mtype == -2;
+    rq.control = control;
+    rq.factorSeconds = factorSeconds;
+    std::vector<T> bt = narrow<T>(b), xt(bt.size());
+    const auto r = skyrinse::spds::iterativeSolve<T>(h, h.factors[0], rq, bt.data(), xt.data());
+    x = widen(xt);
+    return r;
+}
+
+TEST(IterativeSolverCounts, ManyStepsWhenAFactorizationIsDear) {
+    // CG: the count of the dense iteration, now well past two steps.
+    {
+        const Entries base = gridEntries(12, 12, 0.5);
+        const System a0 = fromEntries("A0", 2, 144, base);
+        const System a = fromEntries("A", 2, 144, perturbed(base, 0.3, 3, true));
+        const std::vector<double> b = randomVector(144, 4);
+        SpdsSession<double> s;
+        ASSERT_EQ(s.call(12, a0), 0);
+        std::vector<double> x;
+        const auto r = iterateWith(s, a, 1e6, 102, b, x);
+        const int expected = denseConjugateGradientSteps(a0, a, b, 1e-10);
+        ASSERT_GT(expected, 3);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.limit, 100);
+        EXPECT_EQ(r.steps, expected);
+        EXPECT_EQ(r.report(), expected);
+        EXPECT_LE(relativeResidual(a, x, b, 1), 1e-9);
+    }
+    // CGS on an unsymmetric matrix, both precisions' worth of distance.
+    {
+        const Entries base = unsymmetricBase();
+        const System a0 = fromEntries("A0", 11, 160, base);
+        const System a = fromEntries("A", 11, 160, perturbed(base, 0.2, 5, false));
+        const std::vector<double> b = randomVector(160, 4);
+        SpdsSession<double> s;
+        s.matchingFor(11);
+        ASSERT_EQ(s.call(12, a0), 0);
+        std::vector<double> x;
+        const auto r = iterateWith(s, a, 1e6, 101, b, x);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_GT(r.steps, 2);
+        EXPECT_LE(relativeDifference(x, denseSolve(a, b, 1)), 1e-8);
+    }
+}
+
+TEST(IterativeSolverCounts, FailuresReportStatusAndSteps) {
+    const System a0 = fromEntries("A0", 2, 400, spdGrid());
+    const System far = fromEntries("far", 2, 400, farFromGrid());
+    const std::vector<double> b = randomVector(400, 4);
+    SpdsSession<double> s;
+    ASSERT_EQ(s.call(12, a0), 0);
+    std::vector<double> x;
+    // A free factorization allows two steps, and the stall mark is 2: both
+    // methods stall there, -2 - 10 x 2.
+    for (int control : {142, 141}) {
+        SCOPED_TRACE(control);
+        const auto r = iterateWith(s, far, 0.0, control, b, x);
+        EXPECT_EQ(r.limit, 2);
+        EXPECT_EQ(r.status, -2);
+        EXPECT_EQ(r.steps, 2);
+        EXPECT_EQ(r.report(), -22);
+    }
+    // A limit of no steps is reported as -5 with nothing tried.
+    const auto none = iterateWith(s, far, 0.0, 140, b, x);
+    EXPECT_EQ(none.status, -5);
+    EXPECT_EQ(none.report(), -5);
+    EXPECT_EQ(x, std::vector<double>(400, 0.0));
+}
+
+TYPED_TEST(IterativeSolvers, IdenticalMatrixConvergesInOneStep) {
+    using T = TypeParam;
+    for (int mtype : {2, -2, 11, 1}) {
+        SCOPED_TRACE("mtype " + std::to_string(mtype));
+        const bool symmetric = mtype == 2 || mtype == -2;
+        const System a0 = symmetric ? fromEntries("grid", mtype, 400, spdGrid())
+                                    : fromEntries("unsym", mtype, 160, unsymmetricBase());
+        SpdsSession<T> s;
+        s.matchingFor(mtype);
+        s.iparm[7] = 2;
+        const std::vector<double> b = randomVector(static_cast<std::size_t>(a0.n), 6);
+        solve(s, 13, a0, b);
+        for (int K : {1, 2}) {
+            // One step leaves the factor's own rounding: 10^-4 in single.
+            s.iparm[3] = 10 * (Config<T>::single ? 4 : Config<T>::L) + K;
+            const std::vector<double> x = solve(s, 23, a0, b);
+            EXPECT_EQ(s.iparm[19], 1) << "K " << K;
+            EXPECT_LE(relativeResidual(a0, x, b, 1), 10 * iterativeTolerance(s.iparm[3]));
+        }
+    }
+}
+
+TYPED_TEST(IterativeSolvers, SeveralRightHandSidesAndSolutionIntoB) {
+    using T = TypeParam;
+    const Entries base = unsymmetricBase();
+    const System a0 = fromEntries("A0", 11, 160, base);
+    const System a1 = fromEntries("A1", 11, 160, perturbed(base, 1e-4, 4, false));
+    SpdsSession<T> s;
+    s.matchingFor(11);
+    s.iparm[7] = 2;
+    std::vector<double> b = randomVector(3 * 160, 8);
+    std::fill(b.begin() + 160, b.begin() + 320, 0.0); // a zero column is answered by zero
+    std::vector<T> bt = narrow<T>(b), x(bt.size());
+    ASSERT_EQ(s.call(13, a0, &bt, &x, 3), 0);
+    s.iparm[3] = 10 * Config<T>::L + 1;
+    s.iparm[5] = 1;
+    bt = narrow<T>(b);
+    ASSERT_EQ(s.call(23, a1, &bt, &x, 3), 0);
+    EXPECT_GE(s.iparm[19], 1);
+    EXPECT_EQ(widen(x), widen(narrow<T>(b))) << "x keeps the right-hand sides";
+    const std::vector<double> sol = widen(bt);
+    const std::vector<double> ref = denseSolve(a1, b, 3);
+    for (int j = 0; j < 3; ++j) {
+        const std::vector<double> sj(sol.begin() + j * 160, sol.begin() + (j + 1) * 160);
+        const std::vector<double> rj(ref.begin() + j * 160, ref.begin() + (j + 1) * 160);
+        if (j == 1) {
+            EXPECT_EQ(sj, std::vector<double>(160, 0.0));
+            continue;
+        }
+        EXPECT_LE(relativeDifference(sj, rj), 1e3 * iterativeTolerance(s.iparm[3])) << j;
+    }
+}
+
+// Phase 33 with refinement due: the iteration takes the refinement's place
+// and solves the matrix of the call with the factor of the earlier one.
+TYPED_TEST(IterativeSolvers, SolvePhaseIteratesInPlaceOfRefinement) {
+    using T = TypeParam;
+    const Entries base = spdGrid();
+    const System a0 = fromEntries("A0", 2, 400, base);
+    const System a1 = fromEntries("A1", 2, 400, perturbed(base, 1e-4, 9, true));
+    const std::vector<double> b = randomVector(400, 10);
+    SpdsSession<T> s;
+    s.iparm[7] = 2;
+    ASSERT_EQ(s.call(12, a0), 0);
+    s.iparm[3] = 10 * Config<T>::L + 2;
+    s.iparm[6] = 12345;
+    const std::vector<double> x = solve(s, 33, a1, b);
+    EXPECT_GE(s.iparm[19], 1);
+    EXPECT_EQ(s.iparm[6], 12345) << "no refinement ran";
+    EXPECT_LE(relativeResidual(a1, x, b, 1), 10 * iterativeTolerance(s.iparm[3]));
+
+    // Without refinement due the solve stays plain and reports nothing.
+    s.iparm[7] = 0;
+    s.iparm[19] = 12345;
+    const std::vector<double> plain = solve(s, 33, a1, b);
+    EXPECT_EQ(s.iparm[19], 12345);
+    EXPECT_GT(relativeResidual(a1, plain, b, 1), 10 * iterativeTolerance(s.iparm[3]));
+
+    // A failing iteration hands over to the refinement, and iparm[19] keeps
+    // its report.
+    const System far = fromEntries("far", 2, 400, farFromGrid());
+    s.iparm[7] = 2;
+    s.iparm[3] = 10 * (Config<T>::single ? 7 : 14) + 2;
+    solve(s, 33, far, b);
+    EXPECT_LT(s.iparm[19], 0);
+    EXPECT_NE(s.iparm[19], -34);
+}
+
+TEST(IterativeSolverLimits, StepLimitFollowsTheCostOfAFactorization) {
+    struct Row {
+        int control;
+        double factor, solve;
+        bool ooc;
+        int maximum, stall;
+    };
+    const Row rows[] = {
+        {31, 1.0, 0.01, false, 100, 51},   // 1 + 0.45 x 3 x 100 = 136, capped
+        {62, 0.01, 0.01, false, 3, 2},     // 1 + 0.45 x 6 = 3.7
+        {61, 0.2, 0.1, false, 3, 2},       // 1 + 0.45 x 3 x 2 = 3.7
+        {63, 1.0, 0.1, false, 41, 21},     // 1 + 0.45 x 9 x 10 = 41.5
+        {61, 0.0, 0.1, false, 2, 2},       // never below two steps
+        {61, 0.0, 0.1, true, 10, 6},       // out of core: at least ten
+        {61, 1.0, 1e-11, false, 0, 1},     // a solve too fast to weigh
+        {-61, 1.0, 1e-11, false, 150, 76}, // unless iparm[3] is negative
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.control);
+        const auto lim = iterationLimits(r.control, r.factor, r.solve, r.ooc);
+        EXPECT_EQ(lim.maximum, r.maximum);
+        EXPECT_EQ(lim.stall, r.stall);
+    }
+    EXPECT_NEAR(iterativeTolerance(61), 1e-6, 1e-15);
+    EXPECT_NEAR(iterativeTolerance(-31), 1e-3, 1e-12);
+    EXPECT_NEAR(iterativeTolerance(142), 1e-14, 1e-23);
+}
+
+} // namespace

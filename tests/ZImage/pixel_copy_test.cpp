@@ -1,7 +1,9 @@
 // ZImage::Copy over all 81 pairs of formats, checked pixel by pixel against a
 // plain per-pixel model written here from the conversion rules (it calls
 // nothing of the production code), on windows at offsets inside larger
-// images whose pixels outside the window must not change.
+// images whose pixels outside the window must not change; the narrowing of
+// every word to a byte against v / 257; and large copies cut into bands.
+#include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 
 #include <array>
@@ -177,9 +179,11 @@ double interestingValue(Depth d, std::mt19937& random) {
         case 3:
             return halfwayFloat(step(random), 65535.0f);
         case 4:
-            return -std::uniform_real_distribution<float>(0.0f, 2.0f)(random);
+            return pick(random) == 0 ? -std::numeric_limits<float>::infinity()
+                                     : -std::uniform_real_distribution<float>(0.0f, 2.0f)(random);
         case 5:
-            return std::uniform_real_distribution<float>(1.0f, 3.0f)(random);
+            return pick(random) == 0 ? std::numeric_limits<float>::infinity()
+                                     : std::uniform_real_distribution<float>(1.0f, 3.0f)(random);
         case 6:
             return pick(random) < 3 ? std::numeric_limits<float>::quiet_NaN() : 0.5;
         default:
@@ -256,5 +260,62 @@ INSTANTIATE_TEST_SUITE_P(AllFormatPairs, PixelCopyCell,
                              return nameOf(kFormats[std::get<0>(info.param)]) + "_to_" +
                                     nameOf(kFormats[std::get<1>(info.param)]);
                          });
+
+// The fast narrowing is not v / 257 rounded: it may differ, by one upwards,
+// only for values just below a half, and does so for exactly 128 of them.
+TEST(PixelCopyRounding, WordToByteIsWithinOneOfDivisionAndRoundsUpOnlyJustBelowHalves) {
+    ZImage words(65536, 1, ZImage::Gray, 16, false);
+    for (int v = 0; v < 65536; ++v)
+        setComponent(words, v, 0, 0, v);
+    ZImage bytes;
+    words.CopyTo(bytes, ZImage::Gray, 8);
+
+    int roundedUp = 0;
+    for (int v = 0; v < 65536; ++v) {
+        const double exact = v / 257.0;
+        const int nearest = static_cast<int>(std::lround(exact)); // no exact halves: 257 is odd
+        const double got = componentAt(bytes, v, 0, 0);
+        if (got == nearest) continue;
+        ++roundedUp;
+        EXPECT_EQ(got, nearest + 1) << "v = " << v << " may only go up, by one";
+        EXPECT_GT(exact - std::floor(exact), 0.49) << "v = " << v << " is not just below a half";
+    }
+    EXPECT_EQ(roundedUp, 128);
+}
+
+TEST(PixelCopyRounding, LargeWindowsGiveTheSameAsRowByRowWhateverTheThreadCount) {
+    // Large enough to be cut into many bands of rows and shared by a team;
+    // each row copied on its own is the reference.
+    std::mt19937 random(99);
+    ZImage source(613, 401, ZImage::RGBA, 32, false);
+    for (int y = 0; y < source.Height(); ++y)
+        for (int x = 0; x < source.Width(); ++x)
+            for (int c = 0; c < 4; ++c)
+                setComponent(source, x, y, c, interestingValue(Depth::F, random));
+    const int saved = threadCount;
+    for (const int type : {ZImage::RGBA, ZImage::RGB, ZImage::Gray}) {
+        for (const int bits : {8, 16}) {
+            ZImage rowByRow(source.Width(), source.Height(), type, bits, false);
+            threadCount = 1;
+            for (int y = 0; y < source.Height(); ++y)
+                source.Copy(0, y, source.Width(), 1, rowByRow, 0, y);
+            for (const int threads : {1, 2}) {
+                threadCount = threads;
+                ZImage whole;
+                source.CopyTo(whole, type, bits);
+                // Row by row: the padding at the end of each line is never written.
+                const std::size_t rowBytes =
+                    static_cast<std::size_t>(whole.BytesPerPixel()) * whole.Width();
+                int rowsDiffering = 0;
+                for (int y = 0; y < whole.Height(); ++y)
+                    rowsDiffering +=
+                        std::memcmp(whole.PixelAt(0, y), rowByRow.PixelAt(0, y), rowBytes) != 0;
+                EXPECT_EQ(rowsDiffering, 0)
+                    << "type " << type << ", " << bits << " bits, " << threads << " threads";
+            }
+        }
+    }
+    threadCount = saved;
+}
 
 } // namespace

@@ -1,5 +1,6 @@
 // haze-inspect as a user runs it: the files it writes (PFM layout, bottom-up
-// rows, little-endian), agreement with runHazeRemoval, and its refusals.
+// rows, little-endian), agreement with runHazeRemoval and with the refinement
+// of its own estimate, and its refusals.
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze.h"
 
@@ -32,7 +33,7 @@ ToolRun runTool(const QStringList& arguments) {
 struct Pfm {
     QByteArray kind;
     int width = 0, height = 0;
-    std::vector<float> data; // as stored: bottom row first
+    std::vector<float> data; // top row first, as the map arrays are
 };
 
 Pfm readPfm(const QString& path) {
@@ -41,13 +42,18 @@ Pfm readPfm(const QString& path) {
     if (!file.open(QIODevice::ReadOnly)) return pfm;
     pfm.kind = file.readLine().trimmed();
     const QList<QByteArray> size = file.readLine().trimmed().split(' ');
-    const QByteArray scale = file.readLine().trimmed();
-    if (size.size() != 2 || scale != "-1.0") return pfm;
+    if (size.size() != 2 || file.readLine().trimmed() != "-1.0") return pfm;
     pfm.width = size[0].toInt();
     pfm.height = size[1].toInt();
     const QByteArray rest = file.readAll();
-    pfm.data.resize(rest.size() / sizeof(float));
-    std::memcpy(pfm.data.data(), rest.constData(), pfm.data.size() * sizeof(float));
+    const std::size_t row = static_cast<std::size_t>(pfm.width) * (pfm.kind == "PF" ? 3 : 1);
+    if (rest.size() != static_cast<qsizetype>(row * pfm.height * sizeof(float))) return pfm;
+    pfm.data.resize(row * pfm.height);
+    // Stored bottom row first.
+    for (int y = 0; y < pfm.height; ++y)
+        std::memcpy(pfm.data.data() + row * y,
+                    rest.constData() + row * (pfm.height - 1 - y) * sizeof(float),
+                    row * sizeof(float));
     return pfm;
 }
 
@@ -96,16 +102,13 @@ TEST_F(HazeInspect, WritesEveryStageAndAgreesWithTheRun) {
     const Pfm result = readPfm(out + QStringLiteral("/result.pfm"));
     ASSERT_EQ("PF", result.kind);
     ASSERT_EQ(48u * 36u * 3u, result.data.size());
-    for (int y = 0; y < 36; ++y) {
-        const int stored = 35 - y; // bottom row first
+    for (int y = 0; y < 36; ++y)
         for (int x = 0; x < 48; ++x) {
-            ASSERT_EQ(settings.airDepthMap[y * 48 + x], depth.data[stored * 48 + x])
-                << x << ", " << y;
+            ASSERT_EQ(settings.airDepthMap[y * 48 + x], depth.data[y * 48 + x]) << x << ", " << y;
             const float* p = reinterpret_cast<const float*>(image.PixelAt(x, y));
             for (int c = 0; c < 3; ++c)
-                ASSERT_EQ(p[c], result.data[(stored * 48 + x) * 3 + c]) << x << ", " << y;
+                ASSERT_EQ(p[c], result.data[(y * 48 + x) * 3 + c]) << x << ", " << y;
         }
-    }
 
     QFile airlight(out + QStringLiteral("/airlight.txt"));
     ASSERT_TRUE(airlight.open(QIODevice::ReadOnly));
@@ -138,7 +141,7 @@ TEST_F(HazeInspect, StrengthZeroWritesThePictureUnchanged) {
     for (int y = 0; y < 36; ++y)
         for (int x = 0; x < 48; ++x)
             for (int c = 0; c < 3; ++c)
-                ASSERT_EQ(at(x, y, c), result.data[((35 - y) * 48 + x) * 3 + c]) << x << ", " << y;
+                ASSERT_EQ(at(x, y, c), result.data[(y * 48 + x) * 3 + c]) << x << ", " << y;
 }
 
 TEST_F(HazeInspect, RefusesBadInputWithAMessage) {
@@ -166,6 +169,34 @@ TEST_F(HazeInspect, RefusesBadInputWithAMessage) {
         EXPECT_TRUE(bad.errors.contains(QString::fromLatin1(strength))) << bad.errors.toStdString();
     }
     EXPECT_EQ(2, runTool({input}).exitCode) << "no --out";
+}
+
+TEST_F(HazeInspect, RefinedMapIsTheRefinementOfTheWrittenEstimate) {
+    ASSERT_EQ(0, runTool({input, QStringLiteral("--out"), out}).exitCode);
+    const Pfm working = readPfm(out + QStringLiteral("/working.pfm"));
+    const Pfm estimate = readPfm(out + QStringLiteral("/dark-channel.pfm"));
+    const Pfm refined = readPfm(out + QStringLiteral("/refined.pfm"));
+    const HazeWorkingSize size = hazeWorkingSize(48, 36);
+    ASSERT_EQ("Pf", refined.kind);
+    ASSERT_EQ(size.width, refined.width);
+    ASSERT_EQ(size.height, refined.height);
+    ASSERT_EQ(working.data.size(), 3 * refined.data.size());
+    ASSERT_EQ(estimate.data.size(), refined.data.size());
+
+    // The working copy was opaque; its alpha is not part of the refinement.
+    ZImage image(size.width, size.height, ZImage::RGBA, 32);
+    for (int i = 0; i < size.width * size.height; ++i) {
+        float* p = reinterpret_cast<float*>(image.PixelAt(i % size.width, i / size.width));
+        std::memcpy(p, working.data.data() + 3 * i, 3 * sizeof(float));
+        p[3] = 1.0f;
+    }
+    std::vector<float> expected = estimate.data;
+    image.refineDarkChannel(expected);
+    EXPECT_EQ(expected, refined.data);
+    EXPECT_NE(estimate.data, refined.data) << "the refinement changed nothing";
+    const QImage png(out + QStringLiteral("/refined.png"));
+    EXPECT_EQ(QSize(size.width, size.height), png.size());
+    EXPECT_TRUE(png.isGrayscale());
 }
 
 } // namespace

@@ -32,28 +32,21 @@ std::vector<float> filtered(std::vector<float> in, int width, int height, int ch
 
 TEST(MinFilter, EqualsClippedWindowMinimumForRadiiOneToTwenty) {
     // Sizes that are not multiples of the window, narrower and shorter than
-    // it, and wider than one column strip of the vertical pass.
+    // it, and wider than one column strip of the vertical pass; the channel
+    // count changes with the radius so that every count meets every size.
     const int sizes[][2] = {{37, 23}, {5, 41}, {70, 3}, {1, 1}, {1, 17}, {19, 1}};
     unsigned seed = 1;
     for (const auto& size : sizes)
         for (int radius = 1; radius <= 20; ++radius) {
             const int w = size[0];
             const int h = size[1];
-            const auto in = randomPlane(static_cast<std::size_t>(w) * h * 4, seed++);
-            const auto expected = hazetest::naiveMinFilter(in, w, h, 4, radius);
-            const auto actual = filtered(in, w, h, 4, radius);
-            ASSERT_EQ(expected, actual) << w << " x " << h << ", radius " << radius;
+            const int channels = 1 + radius % 4;
+            const auto in = randomPlane(static_cast<std::size_t>(w) * h * channels, seed++);
+            const auto expected = hazetest::naiveMinFilter(in, w, h, channels, radius);
+            const auto actual = filtered(in, w, h, channels, radius);
+            ASSERT_EQ(expected, actual)
+                << w << " x " << h << ", radius " << radius << ", " << channels << " channels";
         }
-}
-
-TEST(MinFilter, ChannelsAreIndependentForEveryChannelCount) {
-    for (int channels = 1; channels <= 4; ++channels) {
-        const int w = 29;
-        const int h = 31;
-        const auto in = randomPlane(static_cast<std::size_t>(w) * h * channels, 100 + channels);
-        EXPECT_EQ(hazetest::naiveMinFilter(in, w, h, channels, 3), filtered(in, w, h, channels, 3))
-            << channels << " channels";
-    }
 }
 
 TEST(MinFilter, RadiusZeroCopiesAndHugeRadiusGivesGlobalMinimum) {

@@ -41,7 +41,7 @@ std::vector<float> darkChannel(const ZImage& image) {
 }
 
 // The system of a picture and map in double precision, from the matrix as
-// assembled: products, residuals, and its solution by conjugate gradients
+// assembled: products, the residual, and its solution by conjugate gradients
 // (the matrix is positive definite: L is positive semi-definite).
 class MattingSystem {
 public:
@@ -49,17 +49,6 @@ public:
         assembleMattingSystem(image, m);
         for (std::size_t i = 0; i < d.size(); ++i)
             b[i] = static_cast<float>(d[i] * 0.001);
-        // Infinity norm: the largest absolute row sum of the full matrix.
-        std::vector<double> rows(d.size(), 0.0);
-        const auto ia = m.ia();
-        const auto ja = m.ja();
-        const auto a = m.a();
-        for (int i = 0; i < m.rowCount(); ++i)
-            for (int k = ia[i] - 1; k < ia[i + 1] - 1; ++k) {
-                rows[i] += std::abs(a[k]);
-                if (ja[k] - 1 != i) rows[ja[k] - 1] += std::abs(a[k]);
-            }
-        normA = *std::max_element(rows.begin(), rows.end());
     }
 
     template <class V>
@@ -83,19 +72,6 @@ public:
         for (std::size_t i = 0; i < r.size(); ++i)
             r[i] -= b[i];
         return refinetest::norm2(r) / refinetest::norm2(b);
-    }
-
-    // ||A x - b|| / (||A|| ||x|| + ||b||), infinity norms: what a backward
-    // stable solve in float keeps within a small multiple of its epsilon.
-    double backwardError(const std::vector<float>& x) const {
-        const std::vector<double> ax = times(x);
-        double r = 0.0, nx = 0.0, nb = 0.0;
-        for (std::size_t i = 0; i < ax.size(); ++i) {
-            r = std::max(r, std::abs(ax[i] - b[i]));
-            nx = std::max(nx, std::abs(static_cast<double>(x[i])));
-            nb = std::max(nb, std::abs(b[i]));
-        }
-        return r / (normA * nx + nb);
     }
 
     std::vector<double> exactSolution() const {
@@ -127,7 +103,6 @@ private:
 
     CSparseSingle m;
     std::vector<double> b;
-    double normA = 0.0;
 };
 
 // Largest relative error of a float solution against the exact one. The
@@ -170,13 +145,6 @@ TEST(RefineDarkChannel, RealPhotographSolvesTheMattingSystem) {
     const MattingSystem system(image, d);
     const std::vector<double> exact = system.exactSolution();
     ASSERT_LT(system.relativeResidual(exact), 1e-10);
-    // ||A t - b|| / ||b|| cannot fall below what rounding the exact solution
-    // to float leaves (about 1e-4 here: b is 0.001 d while A has norm near
-    // 9), so the float solution is held to a small multiple of that, and to
-    // a backward error of a few epsilons.
-    const std::vector<float> rounded(exact.begin(), exact.end());
-    EXPECT_LT(system.relativeResidual(t), 5.0 * system.relativeResidual(rounded));
-    EXPECT_LT(system.backwardError(t), 1e-6);
     EXPECT_LT(forwardError(t, exact), kForwardTolerance);
     // L has zero row sums, so the refinement moves values without changing
     // their total; and it follows edges instead of window blocks, so the
@@ -193,9 +161,7 @@ TEST(RefineDarkChannel, FlatPictureKeepsItsMap) {
     std::vector<float> t = d;
     image.refineDarkChannel(t);
     // Constant d is the exact solution: the Laplacian's rows sum to zero.
-    const std::vector<double> exact(d.begin(), d.end());
-    EXPECT_LT(forwardError(t, exact), kForwardTolerance);
-    EXPECT_LT(MattingSystem(image, d).backwardError(t), 1e-6);
+    EXPECT_LT(forwardError(t, std::vector<double>(d.begin(), d.end())), kForwardTolerance);
 }
 
 TEST(RefineDarkChannel, PicturesWithoutAWindowGiveTheirMapBack) {

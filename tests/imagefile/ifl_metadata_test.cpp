@@ -72,6 +72,12 @@ TEST_P(MetadataCarriedTest, AllFourKindsReachTheOutput) {
     ASSERT_FALSE(source.exif.empty());
     ASSERT_FALSE(source.iptc.empty());
     ASSERT_FALSE(source.xmp.empty());
+    if (std::string(c.source).find("rich") != std::string::npos) {
+        // The rich sample carries a maker note and GPS, whose tags the loop
+        // below then finds in the output one by one.
+        ASSERT_TRUE(hasKeyWith(source.exif, "Exif.GPSInfo."));
+        ASSERT_TRUE(hasKeyWith(source.exif, "Exif.Nikon"));
+    }
     const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
 
     ZImage image = makePicture(40, 30, ZImage::RGB, c.bits);
@@ -124,25 +130,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Carrier{"webp_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "webp",
                               "webp", 8, true, false}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(MetadataCarried, TheRichSampleHasMakerNotesAndGpsAndTheyArrive) {
-    QTemporaryDir folder;
-    const std::string sourcePath = dataFile("metadata/rich_all_metadata.jpg");
-    const Metadata source = readMetadata(sourcePath);
-    ASSERT_TRUE(hasKeyWith(source.exif, "Exif.GPSInfo."));
-    ASSERT_TRUE(source.exif.count("Exif.Photo.MakerNote") || hasKeyWith(source.exif, "Exif.Nikon"));
-
-    ZImage image = makePicture(16, 16, ZImage::RGB, 8);
-    const QString path = folder.filePath(QStringLiteral("out.jpg"));
-    image.Save(path, QStringLiteral("jpeg"), -1, QString::fromStdString(sourcePath));
-    const Metadata out = readMetadata(path.toStdString());
-    EXPECT_EQ(out.exif.at("Exif.GPSInfo.GPSLatitude"), source.exif.at("Exif.GPSInfo.GPSLatitude"));
-    for (const auto& [key, value] : source.exif) {
-        if (key.rfind("Exif.Nikon", 0) == 0) {
-            EXPECT_EQ(out.exif.count(key), 1u) << key;
-        }
-    }
-}
 
 TEST(MetadataCarried, ATiffSourceGivesItsProfile) {
     QTemporaryDir folder;

@@ -129,11 +129,12 @@ TEST(ZImageOwnership, AdoptedMemoryIsNeverFreedAndReCreateOwnsItsOwn) {
         EXPECT_NE(image.Bitmap()->data, outside.data());
     }
     {
-        ZImage cleared(2, 5, ZImage::RGB, 8, true, outside.data(), 8);
+        std::vector<std::uint8_t> padded(8 * 5, 7);
+        ZImage cleared(2, 5, ZImage::RGB, 8, true, padded.data(), 8);
         EXPECT_EQ(cleared.Bitmap()->linePadding, 4);
-        EXPECT_EQ(outside[0], 0) << "adopted memory is cleared too";
+        EXPECT_EQ(padded[0], 0) << "adopted memory is cleared too";
+        EXPECT_EQ(padded[39], 0);
     }
-    EXPECT_EQ(outside.size(), 30u);
 }
 
 TEST(ZImageCopyFrom, DeepCopiesRecordPixelsPaletteAndText) {

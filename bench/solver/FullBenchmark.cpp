@@ -235,10 +235,10 @@ int fullBenchmark(int argc, char** argv) {
 
     std::vector<Problem> problems;
     const char* photos[] = {"data/aitzgorri_by_Aitzol_Berasategi.jpg",
-                            "tests/data/metadata/large_outdoor_iptc_xmp_badexif.jpg"};
+                            "tests/data/metadata/large_outdoor_iptc_xmp_badexif.jpg",
+                            "data/meadows-foggy-smokey-sunbeams.jpg"};
     for (const char* photo : photos)
         problems.push_back(photoProblem(sourceFile(photo)));
-    problems.push_back(photoProblem("/work/shared/data/samples/meadows-foggy-smokey-sunbeams.jpg"));
     if (!quick) {
         problems.push_back(laplacian2d(316, 316));
         problems.push_back(laplacian3d(30));

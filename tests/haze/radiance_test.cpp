@@ -54,15 +54,18 @@ TEST(ApplyHazeRemoval, FollowsTheHazeModelAboveTheFloor) {
 }
 
 TEST(ApplyHazeRemoval, ClampsBelowZeroButNotAboveOne) {
-    ZImage image = hazetest::makeImage(2, 1, [](int x, int) {
-        return x == 0 ? Rgba{0.1f, 0.1f, 0.1f, 1.0f} : Rgba{0.99f, 0.99f, 0.99f, 1.0f};
+    // With t = 0.2 the pixels give -3.1, -0.6 (both to 0) and 1.35.
+    const float values[3] = {0.1f, 0.6f, 0.99f};
+    ZImage image = hazetest::makeImage(3, 1, [&](int x, int) {
+        return Rgba{values[x], values[x], values[x], 1.0f};
     });
     const std::array<float, 3> a{0.9f, 0.9f, 0.9f};
-    const std::vector<float> map{0.8f, 0.8f};
+    const std::vector<float> map(3, 0.8f);
     image.applyHazeRemoval(map.data(), a, 1.0f);
     for (int c = 0; c < 3; ++c) {
         EXPECT_EQ(0.0f, hazetest::pixel(image, 0, 0)[c]);
-        EXPECT_GT(hazetest::pixel(image, 1, 0)[c], 1.0f);
+        EXPECT_EQ(0.0f, hazetest::pixel(image, 1, 0)[c]);
+        EXPECT_GT(hazetest::pixel(image, 2, 0)[c], 1.0f);
     }
 }
 

@@ -1,6 +1,6 @@
 // nnz(L) of the analysis against the count CHOLMOD reports for the same
 // permutation (CHOLMOD is a test peer only, never linked into the solver).
-#include "SpdsCall.h"
+#include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
@@ -9,13 +9,13 @@
 #include <numeric>
 #include <set>
 
-using spdstest::Matrix;
-using spdstest::Solver;
+using namespace spdstest;
+using Solver = Spds<double>;
 
 namespace {
 
 // CHOLMOD's count of L for A + A^T under perm (one-based), diagonal included.
-double cholmodFactorEntries(const Matrix& m, const std::vector<int>& perm) {
+double cholmodFactorEntries(const System& m, const std::vector<int>& perm) {
     cholmod_common c;
     cholmod_start(&c);
     const int n = m.n;
@@ -54,47 +54,33 @@ double cholmodFactorEntries(const Matrix& m, const std::vector<int>& perm) {
     return lnz;
 }
 
-void expectSameCount(const Matrix& m, int mtype, int ordering) {
-    Solver s;
-    s.mtype = mtype;
-    s.iparm[0] = 1;
-    s.iparm[1] = ordering;
-    s.iparm[4] = 2; // hand the permutation out
-    ASSERT_EQ(s.call(11, m), 0);
-    const double expected = cholmodFactorEntries(m, s.perm);
-    EXPECT_EQ(static_cast<double>(s.handle()->symbolic.colcountSum), expected)
-        << "n " << m.n << " mtype " << mtype << " ordering " << ordering;
-}
-
-TEST(AgainstCholmod, RandomPatternsUnderEveryOrdering) {
-    std::mt19937 rng(7);
-    for (int n : {5, 60, 300, 1000})
-        for (int ordering = 0; ordering <= 3; ++ordering) {
-            expectSameCount(spdstest::randomMatrix(n, 3.0 / n, false, rng), 11, ordering);
-            expectSameCount(spdstest::randomMatrix(n, 3.0 / n, true, rng), -2, ordering);
-        }
-}
-
-TEST(AgainstCholmod, MattingShapedSystems) {
-    expectSameCount(spdstest::stencilMatrix(60, 45, true), -2, 3);
-    expectSameCount(spdstest::stencilMatrix(60, 45, false), 11, 2);
-    expectSameCount(spdstest::stencilMatrix(50, 40, true), -2, 0);
-    expectSameCount(spdstest::stencilMatrix(90, 80, true), -2, 3); // contracted dissection
-}
-
-TEST(AgainstCholmod, CallersPermutation) {
-    std::mt19937 rng(11);
-    const Matrix m = spdstest::randomMatrix(500, 0.01, false, rng);
+// ordering: iparm[1], or -1 for a random permutation of the caller.
+void expectSameCount(const System& m, int ordering, std::mt19937& rng) {
     Solver s;
     s.iparm[0] = 1;
-    s.iparm[1] = 2;
-    s.iparm[4] = 1;
-    s.perm.resize(500);
-    std::iota(s.perm.begin(), s.perm.end(), 1);
-    std::shuffle(s.perm.begin(), s.perm.end(), rng);
+    s.iparm[1] = std::max(ordering, 0);
+    s.iparm[4] = ordering < 0 ? 1 : 2; // take the permutation, or hand it out
+    if (ordering < 0) {
+        s.perm.resize(static_cast<std::size_t>(m.n));
+        std::iota(s.perm.begin(), s.perm.end(), 1);
+        std::shuffle(s.perm.begin(), s.perm.end(), rng);
+    }
     ASSERT_EQ(s.call(11, m), 0);
     EXPECT_EQ(static_cast<double>(s.handle()->symbolic.colcountSum),
-              cholmodFactorEntries(m, s.perm));
+              cholmodFactorEntries(m, s.perm))
+        << "n " << m.n << " mtype " << m.mtype << " ordering " << ordering;
+}
+
+TEST(AgainstCholmod, RandomPatternsAndMattingShapesUnderEveryOrdering) {
+    std::mt19937 rng(7);
+    for (int n : {5, 60, 300, 1000})
+        for (int ordering = -1; ordering <= 3; ++ordering)
+            for (bool symmetric : {false, true})
+                expectSameCount(randomPattern(n, 3.0 / n, symmetric, rng), ordering, rng);
+    expectSameCount(stencilPattern(60, 45, true), 3, rng);
+    expectSameCount(stencilPattern(60, 45, false), 2, rng);
+    expectSameCount(stencilPattern(50, 40, true), 0, rng);
+    expectSameCount(stencilPattern(90, 80, true), 3, rng); // contracted dissection
 }
 
 } // namespace

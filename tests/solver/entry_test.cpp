@@ -1,7 +1,7 @@
 // The entry and the phase driver as a caller sees them: enquiry phases, the
 // handle's lifecycle, the argument checks in their order with their codes,
 // the msglvl 0 rule, iparm defaults and outputs, the diagonal path.
-#include "SpdsCall.h"
+#include "SpdsTest.h"
 
 #include "Driver.h"
 #include "runtime/nrt.h"
@@ -12,8 +12,9 @@
 #include <cmath>
 
 using namespace skyrinse::spds;
-using spdstest::Matrix;
-using spdstest::Solver;
+using namespace spdstest;
+using Solver = Spds<double>;
+using Matrix = System;
 
 namespace {
 
@@ -24,22 +25,22 @@ bool allZero(void* const pt[64]) {
 }
 
 Matrix smallStencil() {
-    return spdstest::stencilMatrix(6, 5, false);
+    return stencilPattern(6, 5, false);
 }
 
 TEST(Enquiry, PhaseMinusTwoAnswersWithoutTouchingTheHandle) {
     Solver s;
     int error = 0;
     s.iparm[0] = 1;
-    int phase = -2, n = 5;
-    spds(s.pt, &s.maxfct, &s.mnum, &s.mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr,
-         &s.nrhs, s.iparm, &s.msglvl, nullptr, nullptr, &error);
+    int phase = -2, n = 5, mtype = 11;
+    spds(s.pt, &s.maxfct, &s.mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &s.nrhs,
+         s.iparm, &s.msglvl, nullptr, nullptr, &error);
     EXPECT_EQ(error, 16);
     EXPECT_EQ(s.iparm[0], 23);
     EXPECT_TRUE(allZero(s.pt));
     phase = -3;
-    spds(s.pt, &s.maxfct, &s.mnum, &s.mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr,
-         &s.nrhs, s.iparm, &s.msglvl, nullptr, nullptr, &error);
+    spds(s.pt, &s.maxfct, &s.mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &s.nrhs,
+         s.iparm, &s.msglvl, nullptr, nullptr, &error);
     EXPECT_EQ(error, 300000);
     EXPECT_TRUE(allZero(s.pt));
 }
@@ -55,7 +56,7 @@ TEST(Lifecycle, SolveBeforeAnalysisInitialisesAndFails) {
     Solver s;
     EXPECT_EQ(s.call(33, m), -7); // msglvl 0: the silent form of -1
     ASSERT_NE(s.handle(), nullptr) << "the handle keeps its blocks until phase -1";
-    EXPECT_EQ(s.handle()->internalCode, 100000);
+    EXPECT_EQ(s.internalCode(), 100000);
     EXPECT_EQ(s.iparm[63], kVersionStamp);
     s.msglvl = 1;
     EXPECT_EQ(s.call(22, m), -1);
@@ -68,7 +69,7 @@ TEST(Lifecycle, PhaseZeroOnAFreshHandleFailsInitialisation) {
     EXPECT_EQ(s.call(0, smallStencil()), -7);
     ASSERT_NE(s.handle(), nullptr);
     EXPECT_EQ(s.handle()->initState, -1);
-    EXPECT_EQ(s.handle()->internalCode, 1000);
+    EXPECT_EQ(s.internalCode(), 1000);
 }
 
 TEST(Lifecycle, PhaseZeroChecksTheFactorNumber) {
@@ -78,7 +79,7 @@ TEST(Lifecycle, PhaseZeroChecksTheFactorNumber) {
     ASSERT_EQ(s.call(11, m), 0);
     s.mnum = 3;
     EXPECT_EQ(s.call(0, m), -7);
-    EXPECT_EQ(s.handle()->internalCode, 100);
+    EXPECT_EQ(s.internalCode(), 100);
     s.mnum = 0;
     EXPECT_EQ(s.call(0, m), -7);
     s.mnum = 2;
@@ -87,7 +88,7 @@ TEST(Lifecycle, PhaseZeroChecksTheFactorNumber) {
 }
 
 TEST(Lifecycle, RepeatedAnalysisRebuildsTheSameStructure) {
-    const Matrix m = spdstest::stencilMatrix(12, 9, false);
+    const Matrix m = stencilPattern(12, 9, false);
     Solver s;
     ASSERT_EQ(s.call(11, m), 0);
     const int nsuper = s.handle()->symbolic.nsuper;
@@ -123,32 +124,32 @@ const CheckRow kCheckRows[] = {
          return 11;
      }},
     {"mnum above maxfct", 3,
-     [](Solver& s, Matrix&) {
+     [](Solver& s, Matrix& m) {
          s.mnum = 2;
-         s.mtype = 99; // also breaks check 15, which comes later
+         m.mtype = 99; // also breaks check 15, which comes later
          return 11;
      }},
     {"mnum below 1 for a factorization", 4,
-     [](Solver& s, Matrix&) {
+     [](Solver& s, Matrix& m) {
          s.mnum = 0;
-         s.mtype = 99;
+         m.mtype = 99;
          return 22;
      }},
     {"mnum below 1 for an analysis that factors", 4,
-     [](Solver& s, Matrix&) {
+     [](Solver& s, Matrix& m) {
          s.mnum = 0;
-         s.mtype = 99;
+         m.mtype = 99;
          return 12;
      }},
     {"unknown mtype", 15,
-     [](Solver& s, Matrix& m) {
-         s.mtype = 7;
+     [](Solver&, Matrix& m) {
+         m.mtype = 7;
          m.n = 0; // also breaks check 7
          return 11;
      }},
     {"mtype of another parity than the analysis", 5,
-     [](Solver& s, Matrix& m) {
-         s.mtype = -2;
+     [](Solver&, Matrix& m) {
+         m.mtype = -2;
          m.n = 29;
          return 22;
      }},
@@ -206,7 +207,7 @@ TEST_P(ArgumentCheck, CodeAndSilentError) {
         const int phase = row.breakIt(s, m);
         const int error = s.call(phase, m);
         EXPECT_EQ(error, msglvl == 0 ? -7 : -1) << row.what;
-        EXPECT_EQ(s.handle()->internalCode, row.code) << row.what;
+        EXPECT_EQ(s.internalCode(), row.code) << row.what;
         EXPECT_EQ(s.iparm[63], kVersionStamp);
     }
 }
@@ -217,12 +218,12 @@ TEST(ArgumentCheck, SameParityTypesAreAccepted) {
     Matrix m = smallStencil();
     Solver s;
     ASSERT_EQ(s.call(11, m), 0);
-    s.mtype = 13; // odd like 11: passes the check that -2 fails
+    m.mtype = 13; // odd like 11: passes the check that -2 fails
     s.call(22, m);
-    EXPECT_NE(s.handle()->internalCode, 5);
-    s.mtype = -2;
+    EXPECT_NE(s.internalCode(), 5);
+    m.mtype = -2;
     EXPECT_EQ(s.call(22, m), -7);
-    EXPECT_EQ(s.handle()->internalCode, 5);
+    EXPECT_EQ(s.internalCode(), 5);
 }
 
 TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
@@ -233,54 +234,36 @@ TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
 
 // ---- matrix checker through the entry (iparm[26]) ----------------------------
 
-struct StructureRow {
-    const char* what;
-    int code;
-    std::vector<int> ia, ja;
-    std::array<int, 3> where;
-    int mtype;
-};
-
-const StructureRow kStructureRows[] = {
-    {"ia does not start at 1", 21, {0, 2, 4, 6}, {1, 2, 2, 3, 1, 3}, {1, 0, 2}, 11},
-    {"an empty row", 21, {1, 3, 3, 5}, {1, 2, 1, 3}, {2, 3, 3}, 11},
-    {"column 0", 22, {1, 3, 5, 7}, {1, 2, 0, 2, 1, 3}, {3, 0, 3}, 11},
-    {"column above n, last find", 22, {1, 3, 5, 7}, {1, 9, 2, 3, 1, 4}, {6, 4, 3}, 11},
-    {"lower entry in symmetric storage", 23, {1, 3, 5, 6}, {1, 2, 1, 2, 3}, {2, 3, 1}, -2},
-    {"unsorted row", 24, {1, 3, 5, 7}, {2, 1, 2, 3, 1, 3}, {1, 2, 1}, 11},
-    {"repeated column", 24, {1, 3, 5, 7}, {1, 2, 2, 2, 1, 3}, {3, 2, 2}, 11},
-};
-
-class MatrixChecker : public ::testing::TestWithParam<StructureRow> {};
-
-TEST_P(MatrixChecker, ReportsCodeAndLastFind) {
-    const StructureRow row = GetParam();
-    Matrix m;
-    m.n = 3;
-    m.ia = row.ia;
-    m.ja = row.ja;
-    m.a.assign(m.ja.size(), 1.0);
-    Solver s;
-    s.mtype = row.mtype;
-    s.iparm[0] = 1;
-    s.iparm[1] = 2;
-    s.iparm[26] = 1;
-    s.msglvl = 1;
-    EXPECT_EQ(s.call(11, m), -1) << row.what;
-    EXPECT_EQ(s.handle()->internalCode, row.code) << row.what;
-    EXPECT_EQ((std::array<int, 3>{s.iparm[30], s.iparm[31], s.iparm[32]}), row.where) << row.what;
-    EXPECT_EQ(s.iparm[26], 1) << "a failed check leaves the request in place";
-}
-
-INSTANTIATE_TEST_SUITE_P(Faults, MatrixChecker, ::testing::ValuesIn(kStructureRows));
-
-TEST(MatrixChecker, PassingCheckClearsTheRequestOnce) {
+TEST(MatrixChecker, ReportsThroughIparmWithTheStorageOfTheType) {
+    struct Row {
+        int mtype, code;
+        std::vector<int> ia, ja;
+        std::array<int, 3> where;
+    };
+    for (const Row& row : {Row{11, 22, {1, 3, 5, 7}, {1, 9, 2, 3, 1, 4}, {6, 4, 3}},
+                           Row{-2, 23, {1, 3, 5, 6}, {1, 2, 1, 2, 3}, {2, 3, 1}}}) {
+        Matrix m;
+        m.mtype = row.mtype;
+        m.n = 3;
+        m.ia = row.ia;
+        m.ja = row.ja;
+        m.a.assign(m.ja.size(), 1.0);
+        Solver s;
+        s.iparm[0] = 1;
+        s.iparm[1] = 2;
+        s.iparm[26] = 1;
+        s.msglvl = 1;
+        EXPECT_EQ(s.call(11, m), -1) << row.code;
+        EXPECT_EQ(s.internalCode(), row.code);
+        EXPECT_EQ((std::array<int, 3>{s.iparm[30], s.iparm[31], s.iparm[32]}), row.where);
+        EXPECT_EQ(s.iparm[26], 1) << "a failed check leaves the request in place";
+    }
     Solver s;
     s.iparm[0] = 1;
     s.iparm[1] = 2;
     s.iparm[26] = 1;
     ASSERT_EQ(s.call(11, smallStencil()), 0);
-    EXPECT_EQ(s.iparm[26], 0);
+    EXPECT_EQ(s.iparm[26], 0) << "a passed check clears the request";
 }
 
 TEST(MatrixChecker, BoundsAreCheckedEvenWithoutTheRequest) {
@@ -294,33 +277,29 @@ TEST(MatrixChecker, BoundsAreCheckedEvenWithoutTheRequest) {
     Solver s;
     s.msglvl = 1;
     EXPECT_EQ(s.call(11, m), -1);
-    EXPECT_EQ(s.handle()->internalCode, 22);
+    EXPECT_EQ(s.internalCode(), 22);
     m.ja = {2, 1, 3, 2, 3, 1}; // unsorted rows are harmless to the analysis
     EXPECT_EQ(s.call(11, m), 0);
 }
 
-TEST(MatrixChecker, FactorizationRefusesWhatOnlyTheAnalysisAccepts) {
-    // Unsorted rows and repeated columns are harmless to the analysis but
-    // not to the factorization, which places entries by position.
-    Matrix m = smallStencil();
-    std::swap(m.ja[0], m.ja[1]);
-    Solver s;
-    s.msglvl = 1;
-    ASSERT_EQ(s.call(11, m), 0);
-    EXPECT_EQ(s.call(22, m), -1);
-    EXPECT_EQ(s.handle()->internalCode, 24);
-    EXPECT_EQ(s.call(12, m), -1);
-    EXPECT_EQ(s.handle()->internalCode, 24);
-}
-
 TEST(MatrixChecker, FactorizationChecksTheArraysOfItsOwnCall) {
+    // Unsorted rows are harmless to the analysis but not to the
+    // factorization, which places entries by position; and the analysis saw
+    // a valid matrix, the factorization's call may not hand one.
     Matrix m = smallStencil();
     Solver s;
     s.msglvl = 1;
     ASSERT_EQ(s.call(11, m), 0);
-    m.ja[3] = m.n + 5; // the analysis saw a valid matrix; this call's is not
+    Matrix unsorted = m;
+    std::swap(unsorted.ja[0], unsorted.ja[1]);
+    for (int phase : {22, 12}) {
+        EXPECT_EQ(s.call(phase, unsorted), -1);
+        EXPECT_EQ(s.internalCode(), 24);
+    }
+    ASSERT_EQ(s.call(11, m), 0);
+    m.ja[3] = m.n + 5;
     EXPECT_EQ(s.call(22, m), -1);
-    EXPECT_EQ(s.handle()->internalCode, 22);
+    EXPECT_EQ(s.internalCode(), 22);
     EXPECT_EQ(s.iparm[30], 4);
 }
 
@@ -330,7 +309,6 @@ TEST(Parameters, DefaultsFollowTheMatrixType) {
     const Matrix m = smallStencil();
     {
         Solver s;
-        s.mtype = 11;
         for (int& v : s.iparm)
             v = 77;
         s.iparm[0] = 0;
@@ -348,9 +326,8 @@ TEST(Parameters, DefaultsFollowTheMatrixType) {
         EXPECT_EQ(s.iparm[17], s.handle()->symbolic.lnzSize + s.handle()->symbolic.unzSize);
     }
     {
-        Matrix u = spdstest::stencilMatrix(6, 5, true);
+        Matrix u = stencilPattern(6, 5, true);
         Solver s;
-        s.mtype = -2;
         ASSERT_EQ(s.call(11, u), 0);
         EXPECT_EQ(s.iparm[9], 8);
         EXPECT_EQ(s.iparm[10], 0);
@@ -373,7 +350,7 @@ TEST(Parameters, CallerValuesStandWhenIparm0IsSet) {
 
 TEST(Parameters, MemoryFiguresDescribeTheAnalysis) {
     Solver s;
-    ASSERT_EQ(s.call(11, spdstest::stencilMatrix(40, 30, false)), 0);
+    ASSERT_EQ(s.call(11, stencilPattern(40, 30, false)), 0);
     EXPECT_GT(s.iparm[15], 0);
     EXPECT_GE(s.iparm[14], s.iparm[15]);
     const std::int64_t valuesKb = s.iparm[17] * static_cast<std::int64_t>(sizeof(double)) / 1024;
@@ -385,7 +362,7 @@ TEST(Parameters, ThreadsFollowTheFiftyEquationRule) {
     ASSERT_EQ(s.call(11, smallStencil()), 0); // 30 equations: one thread
     EXPECT_EQ(s.iparm[2], 1);
     Solver big;
-    const Matrix m = spdstest::stencilMatrix(20, 20, false);
+    const Matrix m = stencilPattern(20, 20, false);
     ASSERT_EQ(big.call(11, m), 0);
     const int granted = nrt_get_max_threads();
     const int expected =
@@ -409,7 +386,7 @@ TEST(Parameters, PrecisionIsChosenAtTheAnalysisAndKept) {
 }
 
 TEST(Parameters, PermutationIsReturnedOrTaken) {
-    const Matrix m = spdstest::stencilMatrix(8, 7, false);
+    const Matrix m = stencilPattern(8, 7, false);
     Solver s;
     s.iparm[0] = 1;
     s.iparm[1] = 2;
@@ -439,72 +416,47 @@ TEST(Parameters, PermutationIsReturnedOrTaken) {
 // ---- diagonal matrices -------------------------------------------------------
 
 template <class T>
-void diagonalSolve(int singleFlag) {
-    Matrix m;
-    m.n = 4;
-    m.ia = {1, 2, 3, 4, 5};
-    m.ja = {1, 2, 3, 4};
-    std::vector<T> a{2, -4, 0.5, 8};
-    std::vector<T> b{1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<T> x(8, T(-99));
-    void* pt[64] = {};
-    int iparm[64] = {};
-    iparm[0] = 1;
-    iparm[27] = singleFlag;
-    int maxfct = 1, mnum = 1, mtype = 11, phase = 13, n = 4, nrhs = 2, msglvl = 0, error = 1;
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
-         iparm, &msglvl, b.data(), x.data(), &error);
-    EXPECT_EQ(error, 0);
-    EXPECT_TRUE(allZero(pt)) << "no handle is needed";
-    EXPECT_EQ(iparm[11], -1);
-    EXPECT_EQ(iparm[21], 3);
-    EXPECT_EQ(iparm[22], 1);
-    for (int j = 0; j < 2; ++j)
-        for (int i = 0; i < 4; ++i)
-            EXPECT_EQ(x[static_cast<std::size_t>(j * 4 + i)],
-                      b[static_cast<std::size_t>(j * 4 + i)] / a[static_cast<std::size_t>(i)]);
+class Diagonal : public ::testing::Test {};
+using Precisions = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(Diagonal, Precisions);
 
-    // A later factorization on the same (empty) handle does nothing.
-    phase = 22;
-    error = 1;
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
-         iparm, &msglvl, b.data(), x.data(), &error);
-    EXPECT_EQ(error, 0);
+TYPED_TEST(Diagonal, SolvedWithoutAHandle) {
+    using T = TypeParam;
+    std::vector<int> ia{1, 2, 3, 4, 5}, ja{1, 2, 3, 4};
+    std::vector<T> a{2, -4, 0.5, 8}, b{1, 2, 3, 4, 5, 6, 7, 8}, x(8, T(-99));
+    Spds<T> s;
+    s.iparm[0] = 1;
+    s.iparm[27] = std::is_same_v<T, float> ? 1 : 0;
+    s.nrhs = 2;
+    auto call = [&](int phase) {
+        return s.call(phase, 11, 4, a.data(), ia.data(), ja.data(), &b, &x);
+    };
+    EXPECT_EQ(call(13), 0);
+    EXPECT_TRUE(allZero(s.pt)) << "no handle is needed";
+    EXPECT_EQ(s.iparm[11], -1);
+    EXPECT_EQ(s.iparm[21], 3);
+    EXPECT_EQ(s.iparm[22], 1);
+    for (std::size_t k = 0; k < 8; ++k)
+        EXPECT_EQ(x[k], b[k] / a[k % 4]);
+    EXPECT_EQ(call(22), 0) << "a later factorization on the empty handle does nothing";
 
-    // In place into b.
-    iparm[5] = 1;
-    phase = 33;
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
-         iparm, &msglvl, b.data(), x.data(), &error);
-    EXPECT_EQ(error, 0);
+    s.iparm[5] = 1; // in place into b
+    ASSERT_EQ(call(33), 0);
     EXPECT_EQ(b[1], T(2) / T(-4));
 
     // A zero on the diagonal: -7, and x is left alone.
     a[2] = 0;
     std::fill(x.begin(), x.end(), T(-99));
-    iparm[5] = 0;
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
-         iparm, &msglvl, b.data(), x.data(), &error);
-    EXPECT_EQ(error, -7);
-    for (T v : x)
-        EXPECT_EQ(v, T(-99));
-
+    s.iparm[5] = 0;
+    EXPECT_EQ(call(33), -7);
+    EXPECT_EQ(x, std::vector<T>(8, T(-99)));
     // An entry off the diagonal in a one-entry-per-row pattern is refused.
     a[2] = 1;
-    m.ja = {1, 3, 3, 4};
-    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), m.ia.data(), m.ja.data(), nullptr, &nrhs,
-         iparm, &msglvl, b.data(), x.data(), &error);
-    EXPECT_EQ(error, -7);
+    ja = {1, 3, 3, 4};
+    EXPECT_EQ(call(33), -7);
 }
 
-TEST(Diagonal, DoublePrecision) {
-    diagonalSolve<double>(0);
-}
-TEST(Diagonal, SinglePrecision) {
-    diagonalSolve<float>(1);
-}
-
-TEST(Diagonal, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
+TEST(DiagonalPath, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
     // ia[n] - 1 = n, but the rows are not one entry each: rows are checked
     // before any entry is read.
     Matrix m;
@@ -517,12 +469,8 @@ TEST(Diagonal, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
     EXPECT_EQ(s.handle(), nullptr);
 }
 
-} // namespace
-
-namespace {
-
 TEST(Reports, ArraysOfTheAnalysisAtMessageLevelTwo) {
-    const Matrix m = spdstest::stencilMatrix(4, 3, false);
+    const Matrix m = stencilPattern(4, 3, false);
     Solver s;
     s.msglvl = 2;
     ::testing::internal::CaptureStdout();
@@ -548,7 +496,7 @@ TEST(Reports, ArraysOfTheAnalysisAtMessageLevelTwo) {
 TEST(Reports, NothingIsPrintedAtMessageLevelZero) {
     Solver s;
     ::testing::internal::CaptureStdout();
-    ASSERT_EQ(s.call(11, spdstest::stencilMatrix(4, 3, false)), 0);
+    ASSERT_EQ(s.call(11, stencilPattern(4, 3, false)), 0);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 }
 

@@ -4,19 +4,17 @@
 // factor after all, the counts that iparm[19] reports (against a dense
 // preconditioned CG), the phase 33 path, and the limits and tolerance.
 #include "IterativeSolvers.h"
-#include "NumericSupport.h"
+#include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 
-using namespace numtest;
+using namespace spdstest;
 using skyrinse::spds::iterationLimits;
 using skyrinse::spds::iterativeTolerance;
 
 namespace {
-
-using Entries = std::map<std::pair<int, int>, double>;
 
 // Each value times (1 + delta u), u uniform in [-1, 1]; symmetric entries
 // keep their symmetry.

@@ -2,11 +2,11 @@
 // count, 2 x 2 pivots, the perturbation threshold and its counters, the
 // failure of a Cholesky pivot, and the progress hook with its cancel.
 #include "NumericFactorization.h"
-#include "NumericSupport.h"
+#include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
-using namespace numtest;
+using namespace spdstest;
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Ordering stage: the ordering graph, domains from a p-way dissection, the
 // regrouping of domains, and the single-domain cases.
-#include "SpdsCall.h"
+#include "SpdsTest.h"
 
 #include "Ordering.h"
 
@@ -10,11 +10,11 @@
 #include <tuple>
 
 using namespace skyrinse::spds;
-using spdstest::Matrix;
+using namespace spdstest;
 
 namespace {
 
-OrderingInput inputFor(const Matrix& m, MemoryCounter& memory) {
+OrderingInput inputFor(const System& m, MemoryCounter& memory) {
     OrderingInput in;
     in.n = m.n;
     in.ia = m.ia.data();
@@ -32,7 +32,7 @@ std::vector<std::pair<int, int>> pairs(const OrderingResult& out) {
 
 TEST(OrderingGraph, IsTheSymmetrisedPatternWithoutDiagonalOrDuplicates) {
     // Unsorted rows, a repeated entry and both triangles of one coupling.
-    Matrix m;
+    System m;
     m.n = 4;
     m.ia = {1, 4, 6, 7, 9};
     m.ja = {3, 1, 3, 2, 1, 3, 4, 2};
@@ -50,7 +50,7 @@ TEST(OrderingGraph, IsTheSymmetrisedPatternWithoutDiagonalOrDuplicates) {
 }
 
 TEST(OrderingGraph, RowPermutationIsAppliedToUnsymmetricPatterns) {
-    Matrix m;
+    System m;
     m.n = 3;
     m.ia = {1, 2, 3, 4};
     m.ja = {2, 3, 1}; // a cyclic pattern with no diagonal
@@ -118,7 +118,7 @@ TEST(Domains, RegroupingMakesDomainsContiguousAndKeepsSeparatorOrder) {
 }
 
 TEST(Domains, OneUnknownHasTheSingleDomainList) {
-    Matrix m;
+    System m;
     m.n = 1;
     m.ia = {1, 2};
     m.ja = {1};
@@ -139,7 +139,7 @@ class EveryMethod : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(EveryMethod, DeliversAPermutationAndAConsistentDomainList) {
     const int width = std::get<1>(GetParam());
-    const Matrix m = spdstest::stencilMatrix(width, width == 30 ? 20 : 65, false);
+    const System m = stencilPattern(width, width == 30 ? 20 : 65, false);
     MemoryCounter memory;
     OrderingInput in = inputFor(m, memory);
     in.method = std::get<0>(GetParam());
@@ -212,7 +212,7 @@ TEST(MinimumDegree, CompressedOrderingKeepsIndistinguishableVerticesTogether) {
                 rows[static_cast<std::size_t>(i)].insert(((c + 1) % cliques) * size + b);
                 rows[static_cast<std::size_t>(i)].insert(((c + cliques - 1) % cliques) * size + b);
             }
-    const Matrix m = spdstest::fromRows(n, rows);
+    const System m = fromRows(n, rows);
     MemoryCounter memory;
     OrderingInput in = inputFor(m, memory);
     in.method = kMinimumDegreeCompressed;

@@ -1,6 +1,6 @@
 // Blocks from the cycles of a matching and the pair-keeping order of the
 // block graph.
-#include "matching_support.h"
+#include "SpdsTest.h"
 
 #include "solver/SymmetricPairOrder.h"
 #include "solver/WeightedMatching.h"
@@ -13,7 +13,7 @@
 #include <set>
 #include <vector>
 
-using namespace matching_test;
+using namespace spdstest;
 using skyrinse::spds::borrowView;
 using skyrinse::spds::CompressedGraph;
 using skyrinse::spds::CompressedOrdering;
@@ -35,7 +35,7 @@ Csr<double> withDiagonal(const std::vector<double>& diagonal,
         if (diagonal[i] != 0) rows[i].push_back({i, diagonal[i]});
     for (auto [i, j] : offDiagonal)
         rows[std::min(i, j)].push_back({std::max(i, j), 1.0});
-    return fromEntries<double>(n, rows);
+    return csrFromRows<double>(n, rows);
 }
 
 CycleBlocks blocksOf(const Csr<double>& m, const std::vector<int>& match) {
@@ -52,78 +52,74 @@ std::vector<int> bitsOf(const CycleBlocks& b) {
     return bits;
 }
 
-TEST(CycleBlocks, FixedPointsAreSingleBlocksInOrder) {
-    const Csr<double> m = withDiagonal({0, 0, 0, 0});
-    const CycleBlocks b = blocksOf(m, {0, 1, 2, 3});
-    EXPECT_EQ(listOf(b), (std::vector<int>{0, 1, 2, 3}));
-    EXPECT_EQ(bitsOf(b), (std::vector<int>{1, 1, 1, 1}));
-    EXPECT_EQ(b.pairs, 0);
-    EXPECT_EQ(b.blocks, 4);
-}
-
-TEST(CycleBlocks, TwoCycleWithStrongDiagonalsDissolves) {
-    const Csr<double> m = withDiagonal({2.0, -3.0}, {{0, 1}});
-    const CycleBlocks b = blocksOf(m, {1, 0});
-    EXPECT_EQ(listOf(b), (std::vector<int>{0, 1}));
-    EXPECT_EQ(bitsOf(b), (std::vector<int>{1, 1}));
-    EXPECT_EQ(b.pairs, 0);
-    EXPECT_EQ(b.blocks, 2);
-}
-
-TEST(CycleBlocks, TwoCycleWithAWeakOrMissingDiagonalStaysAPair) {
+TEST(CycleBlocks, FromTheCyclesOfAMatching) {
     struct Case {
-        std::vector<double> diagonal;
         const char* why;
+        std::vector<double> diagonal; // 0: not stored
+        std::vector<int> match;
+        std::vector<int> list, single;
+        int pairs, blocks;
     };
     const Case cases[] = {
-        {{2.0, 0.0}, "second diagonal not stored"},
-        {{0.0, 2.0}, "first diagonal not stored"},
-        {{1e-9, 1.0}, "first diagonal below the threshold"},
-        {{1.0, -1e-8}, "magnitude equal to the threshold is not above it"},
+        {"fixed points are single blocks in order",
+         {0, 0, 0, 0},
+         {0, 1, 2, 3},
+         {0, 1, 2, 3},
+         {1, 1, 1, 1},
+         0,
+         4},
+        {"2-cycle with strong diagonals dissolves", {2.0, -3.0}, {1, 0}, {0, 1}, {1, 1}, 0, 2},
+        {"2-cycle with diagonals just above the threshold dissolves",
+         {2e-8, -2e-8},
+         {1, 0},
+         {0, 1},
+         {1, 1},
+         0,
+         2},
+        {"second diagonal not stored: a pair", {2.0, 0.0}, {1, 0}, {0, 1}, {0, 0}, 1, 1},
+        {"first diagonal not stored: a pair", {0.0, 2.0}, {1, 0}, {0, 1}, {0, 0}, 1, 1},
+        {"first diagonal below the threshold: a pair", {1e-9, 1.0}, {1, 0}, {0, 1}, {0, 0}, 1, 1},
+        {"magnitude equal to the threshold is not above it",
+         {1.0, -1e-8},
+         {1, 0},
+         {0, 1},
+         {0, 0},
+         1,
+         1},
+        {"odd cycle puts its first node at the back",
+         {0, 0, 0},
+         {1, 2, 0},
+         {1, 2, 0},
+         {0, 0, 1},
+         1,
+         2},
+        {"4-cycle gives two consecutive pairs",
+         {0, 0, 0, 0},
+         {1, 2, 3, 0},
+         {0, 1, 2, 3},
+         {0, 0, 0, 0},
+         2,
+         2},
+        {"singles first, then cycles by their smallest node",
+         {0, 0, 0, 0, 0, 0, 0},
+         {3, 1, 5, 0, 2, 4, 6},
+         {1, 6, 0, 3, 5, 4, 2},
+         {1, 1, 0, 0, 0, 0, 1},
+         2,
+         5},
     };
     for (const Case& c : cases) {
         const Csr<double> m = withDiagonal(c.diagonal, {{0, 1}});
-        const CycleBlocks b = blocksOf(m, {1, 0});
-        EXPECT_EQ(bitsOf(b), (std::vector<int>{0, 0})) << c.why;
-        EXPECT_EQ(b.pairs, 1) << c.why;
+        const CycleBlocks b = blocksOf(m, c.match);
+        EXPECT_EQ(listOf(b), c.list) << c.why;
+        EXPECT_EQ(bitsOf(b), c.single) << c.why;
+        EXPECT_EQ(b.pairs, c.pairs) << c.why;
+        EXPECT_EQ(b.blocks, c.blocks) << c.why;
     }
-    const Csr<double> above = withDiagonal({2e-8, -2e-8}, {{0, 1}});
-    EXPECT_EQ(blocksOf(above, {1, 0}).pairs, 0);
-}
-
-TEST(CycleBlocks, StoredZeroDiagonalKeepsThePair) {
     // A stored 0 on the diagonal is found but is not above the threshold.
     Csr<double> m = withDiagonal({1.0, 1.0}, {{0, 1}});
-    m.a[m.ia[1] - 1] = 0.0; // row 2's diagonal
+    m.a[m.ia[1] - 1] = 0.0;
     EXPECT_EQ(blocksOf(m, {1, 0}).pairs, 1);
-}
-
-TEST(CycleBlocks, OddCyclePutsItsFirstNodeAtTheBack) {
-    const Csr<double> m = withDiagonal({0, 0, 0});
-    // Cycle 0 -> 1 -> 2 -> 0 (c1 = match[c0]).
-    const CycleBlocks b = blocksOf(m, {1, 2, 0});
-    EXPECT_EQ(listOf(b), (std::vector<int>{1, 2, 0}));
-    EXPECT_EQ(bitsOf(b), (std::vector<int>{0, 0, 1}));
-    EXPECT_EQ(b.pairs, 1);
-    EXPECT_EQ(b.blocks, 2);
-}
-
-TEST(CycleBlocks, FourCycleGivesTwoConsecutivePairs) {
-    const Csr<double> m = withDiagonal({0, 0, 0, 0});
-    const CycleBlocks b = blocksOf(m, {1, 2, 3, 0});
-    EXPECT_EQ(listOf(b), (std::vector<int>{0, 1, 2, 3}));
-    EXPECT_EQ(bitsOf(b), (std::vector<int>{0, 0, 0, 0}));
-    EXPECT_EQ(b.pairs, 2);
-}
-
-TEST(CycleBlocks, SinglesComeFirstThenCyclesInOrderOfTheirSmallestNode) {
-    // 0 <-> 3 (pair), 1 fixed, 2 -> 5 -> 4 -> 2 (odd), 6 fixed.
-    const Csr<double> m = withDiagonal({0, 0, 0, 0, 0, 0, 0});
-    const CycleBlocks b = blocksOf(m, {3, 1, 5, 0, 2, 4, 6});
-    EXPECT_EQ(listOf(b), (std::vector<int>{1, 6, 0, 3, 5, 4, 2}));
-    EXPECT_EQ(bitsOf(b), (std::vector<int>{1, 1, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(b.pairs, 2);
-    EXPECT_EQ(b.blocks, 5);
 }
 
 // An ordering of the block graph that records what it was given.
@@ -178,7 +174,7 @@ Prepared saddlePoint(int n1, int n2, std::mt19937& rng) {
                               [](auto& x, auto& y) { return x.first == y.first; }),
                   row.end());
     }
-    Prepared p{fromEntries<double>(n, rows), std::vector<int>(n)};
+    Prepared p{csrFromRows<double>(n, rows), std::vector<int>(n)};
     const auto stored = borrowView(n, p.m.ia.data(), p.m.ja.data(), p.m.a.data());
     const auto full = expandSymmetric(stored, nullptr, -401);
     std::vector<double> u(n), v(n);
@@ -331,9 +327,7 @@ TEST(SymmetricPairOrder, NestedDissectionOfTheBlockGraph) {
         EXPECT_EQ(po.invp[b], po.invp[a] + 1) << "pair " << a << "," << b;
         pos += 2;
     }
-    EXPECT_EQ(p.m.ia, before.ia);
-    EXPECT_EQ(p.m.ja, before.ja);
-    EXPECT_EQ(p.m.a, before.a);
+    EXPECT_EQ(p.m, before);
 }
 
 } // namespace

@@ -1,10 +1,10 @@
 // The stopping rules of iterative refinement, observed through iparm[6]
 // (steps done), iparm[19] and the error of the call.
-#include "NumericSupport.h"
+#include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
-using namespace numtest;
+using namespace spdstest;
 
 namespace {
 

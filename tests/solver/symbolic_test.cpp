@@ -2,7 +2,7 @@
 // tree, column counts, supernodes, row structure, layout of the values,
 // schedule, update counts and update buffer size, for random patterns of 1
 // to 300 unknowns under every ordering the solver offers.
-#include "SpdsCall.h"
+#include "SpdsTest.h"
 
 #include "Ordering.h"
 #include "SymbolicFactorization.h"
@@ -14,14 +14,14 @@
 #include <string>
 
 using namespace skyrinse::spds;
-using spdstest::Matrix;
-using spdstest::Solver;
+using namespace spdstest;
+using Solver = Spds<double>;
 
 namespace {
 
 // Checks everything the symbolic stage delivered for `m`, analysed into
 // `s`, against the dense elimination in the handle's own order.
-void expectMatchesBruteForce(const Matrix& m, const Handle& h) {
+void expectMatchesBruteForce(const System& m, const Handle& h) {
     const int n = m.n;
     const OrderingResult& ord = h.ordering_;
     const SymbolicResult& sym = h.symbolic;
@@ -37,7 +37,7 @@ void expectMatchesBruteForce(const Matrix& m, const Handle& h) {
         for (int k = 0; k < n; ++k)
             ASSERT_EQ(ord.invp[ord.perm[k] - 1], k + 1);
     }
-    const auto cols = spdstest::bruteForceFactor(m, perm);
+    const auto cols = bruteForceFactor(m, perm);
 
     // Elimination tree and column counts.
     std::int64_t total = 0;
@@ -187,9 +187,8 @@ TEST_P(SymbolicAgainstBruteForce, RandomPatterns) {
     std::mt19937 rng(1234 + c.ordering * 7 + (c.symmetric ? 1 : 0));
     for (int n : {2, 3, 7, 20, 51, 120, 300}) {
         for (double density : {0.5 / n, 2.0 / n, 0.05}) {
-            Matrix m = spdstest::randomMatrix(n, density, c.symmetric, rng);
+            System m = randomPattern(n, density, c.symmetric, rng);
             Solver s;
-            s.mtype = c.symmetric ? -2 : 11;
             s.iparm[0] = 1;
             s.iparm[1] = c.ordering < 0 ? 2 : c.ordering;
             if (c.ordering < 0) {
@@ -222,9 +221,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
     // Large enough for a p-way dissection with domains and separators.
-    const Matrix m = spdstest::stencilMatrix(17, 15, false);
+    const System m = stencilPattern(17, 15, false);
     Solver s;
-    s.mtype = 11;
     s.iparm[0] = 1;
     s.iparm[1] = 3;
     ASSERT_EQ(s.call(11, m), 0);
@@ -234,9 +232,8 @@ TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
 
 TEST(SymbolicStructure, ContractedDissectionMatchesBruteForce) {
     // Wide enough stencil that the dissection works on contracted pairs.
-    const Matrix m = spdstest::stencilMatrix(70, 65, true);
+    const System m = stencilPattern(70, 65, true);
     Solver s;
-    s.mtype = -2;
     s.iparm[0] = 1;
     s.iparm[1] = 3;
     ASSERT_EQ(s.call(11, m), 0);
@@ -250,9 +247,8 @@ TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
     for (int i = 0; i < n; ++i)
         for (int j = i; j < n; ++j)
             rows[static_cast<std::size_t>(i)].insert(j);
-    const Matrix m = spdstest::fromRows(n, rows);
+    const System m = fromRows(n, rows, -2);
     Solver s;
-    s.mtype = -2;
     s.iparm[0] = 1;
     s.iparm[1] = 2;
     s.iparm[4] = 1;
@@ -270,13 +266,12 @@ TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
 }
 
 TEST(SymbolicStructure, OneUnknownIsOneSupernode) {
-    Matrix m;
+    System m;
     m.n = 1;
     m.ia = {1, 3};
     m.ja = {1, 1}; // a repeated entry keeps it off the diagonal path
     m.a = {2.0, 1.0};
     Solver s;
-    s.mtype = 11;
     ASSERT_EQ(s.call(11, m), 0);
     const Handle& h = *s.handle();
     EXPECT_EQ(h.symbolic.nsuper, 1);
@@ -287,7 +282,7 @@ TEST(SymbolicStructure, OneUnknownIsOneSupernode) {
 
 TEST(SymbolicStructure, DiagonalPatternGivesOnlyLeavesAndNoUpdates) {
     const int n = 40;
-    Matrix m;
+    System m;
     m.n = n;
     for (int i = 1; i <= n; ++i) {
         m.ja.push_back(i);
@@ -346,21 +341,9 @@ TEST(SymbolicStructure, FactorPastThirtyTwoBitsIsAnOverflowNotAWrap) {
     }
 }
 
-TEST(SymbolicStructure, PanelWidthFollowsTypeThreadsAndSize) {
-    EXPECT_EQ(panelWidth(11, 1, 10), 128);
-    EXPECT_EQ(panelWidth(11, 2, 10), 96);
-    EXPECT_EQ(panelWidth(11, 4, 10), 96);
-    EXPECT_EQ(panelWidth(11, 5, 10), 72);
-    EXPECT_EQ(panelWidth(-2, 1, 10), 128);
-    EXPECT_EQ(panelWidth(-2, 3, 250000), 80);
-    EXPECT_EQ(panelWidth(-2, 3, 250001), 112);
-    EXPECT_EQ(panelWidth(-2, 8, 250000), 64);
-    EXPECT_EQ(panelWidth(-2, 8, 250001), 96);
-}
-
 TEST(SymbolicStructure, ColumnCountsDoNotDependOnTheThreadCount) {
     std::mt19937 rng(99);
-    const Matrix m = spdstest::randomMatrix(400, 0.01, false, rng);
+    const System m = randomPattern(400, 0.01, false, rng);
     OrderingInput in;
     in.n = m.n;
     in.ia = m.ia.data();

@@ -4,13 +4,13 @@
 // with LAPACK's dense solve. The handle is reused across analyses of other
 // types and sizes, since the matching's blocks outlive an analysis and must
 // never be applied to one that did not compute them.
-#include "NumericSupport.h"
+#include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 
-using namespace numtest;
+using namespace spdstest;
 
 namespace {
 

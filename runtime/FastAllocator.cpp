@@ -288,6 +288,10 @@ extern "C" void* nrt_fast_malloc(size_t size, int alignment) {
     }
 
     if (smaller != nullptr) {
+        // Unpublish the old address before the system can hand the block to
+        // another thread: otherwise a foreign release of that thread's block
+        // could match this stale entry and leave the real owner busy forever.
+        smaller->aligned.store(nullptr, std::memory_order_release);
         heapFree(smaller->block);
         smaller->block = heapMalloc(t);
         if (smaller->block == nullptr) {

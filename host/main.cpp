@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     const QCommandLineOption verbose(
         QStringLiteral("verbose"),
         QCoreApplication::translate("main", "Report the plug-in, the settings and the solver's "
-                                            "statistics."));
+                                            "messages."));
     const QCommandLineOption plugin(
         QStringLiteral("plugin"),
         QCoreApplication::translate("main", "Load the haze plug-in from PATH."),

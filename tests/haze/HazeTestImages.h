@@ -1,6 +1,7 @@
-// Small RGBA float images for the haze tests, and brute-force references.
+// Small RGBA float images for the haze tests, and a brute-force minimum filter.
 #pragma once
 
+#include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 
 #include <algorithm>
@@ -19,21 +20,13 @@ inline float* pixel(const ZImage& image, int x, int y) {
     return reinterpret_cast<float*>(image.PixelAt(x, y));
 }
 
-inline void fill(ZImage& image, const std::function<Rgba(int, int)>& colour) {
-    for (int y = 0; y < image.Height(); ++y)
-        for (int x = 0; x < image.Width(); ++x) {
-            const Rgba c = colour(x, y);
-            float* p = pixel(image, x, y);
-            p[0] = c.r;
-            p[1] = c.g;
-            p[2] = c.b;
-            p[3] = c.a;
-        }
-}
-
 inline ZImage makeImage(int width, int height, const std::function<Rgba(int, int)>& colour) {
     ZImage image(width, height, ZImage::RGBA, 32);
-    fill(image, colour);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const Rgba c = colour(x, y);
+            std::memcpy(pixel(image, x, y), &c, sizeof c);
+        }
     return image;
 }
 
@@ -42,9 +35,7 @@ inline ZImage randomImage(int width, int height, unsigned seed, float lo = 0.0f,
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> value(lo, hi);
     return makeImage(width, height, [&](int, int) {
-        const float r = value(rng);
-        const float g = value(rng);
-        const float b = value(rng);
+        const float r = value(rng), g = value(rng), b = value(rng);
         return Rgba{r, g, b, 1.0f};
     });
 }
@@ -52,11 +43,8 @@ inline ZImage randomImage(int width, int height, unsigned seed, float lo = 0.0f,
 // The pixels, row by row, without row padding.
 inline std::vector<float> pixels(const ZImage& image) {
     std::vector<float> out;
-    out.reserve(static_cast<std::size_t>(image.Width()) * image.Height() * 4);
-    for (int y = 0; y < image.Height(); ++y) {
-        const float* row = pixel(image, 0, y);
-        out.insert(out.end(), row, row + 4 * image.Width());
-    }
+    for (int y = 0; y < image.Height(); ++y)
+        out.insert(out.end(), pixel(image, 0, y), pixel(image, 0, y) + 4 * image.Width());
     return out;
 }
 
@@ -65,19 +53,21 @@ inline bool sameBits(const float* a, const float* b, std::size_t count) {
     return std::memcmp(a, b, count * sizeof(float)) == 0;
 }
 
-// Minimum over the clipped window, one channel of an interleaved plane.
+// Minimum over the clipped window, each channel of an interleaved plane.
 inline std::vector<float> naiveMinFilter(const std::vector<float>& in, int width, int height,
                                          int channels, int radius) {
     std::vector<float> out(in.size());
+    auto at = [&](int x, int y, int c) {
+        return (static_cast<std::size_t>(y) * width + x) * channels + c;
+    };
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x)
             for (int c = 0; c < channels; ++c) {
-                float m = in[(static_cast<std::size_t>(y) * width + x) * channels + c];
+                float m = in[at(x, y, c)];
                 for (int v = std::max(0, y - radius); v <= std::min(height - 1, y + radius); ++v)
                     for (int u = std::max(0, x - radius); u <= std::min(width - 1, x + radius); ++u)
-                        m = std::min(m,
-                                     in[(static_cast<std::size_t>(v) * width + u) * channels + c]);
-                out[(static_cast<std::size_t>(y) * width + x) * channels + c] = m;
+                        m = std::min(m, in[at(u, v, c)]);
+                out[at(x, y, c)] = m;
             }
     return out;
 }
@@ -85,8 +75,8 @@ inline std::vector<float> naiveMinFilter(const std::vector<float>& in, int width
 // Sets the process-wide thread count for one scope.
 class ThreadCountScope {
 public:
-    explicit ThreadCountScope(int count);
-    ~ThreadCountScope();
+    explicit ThreadCountScope(int count) : saved(threadCount) { threadCount = count; }
+    ~ThreadCountScope() { threadCount = saved; }
     ThreadCountScope(const ThreadCountScope&) = delete;
     ThreadCountScope& operator=(const ThreadCountScope&) = delete;
 
@@ -95,12 +85,3 @@ private:
 };
 
 } // namespace hazetest
-
-#include "ZImage/ThreadCount.h"
-
-inline hazetest::ThreadCountScope::ThreadCountScope(int count) : saved(threadCount) {
-    threadCount = count;
-}
-inline hazetest::ThreadCountScope::~ThreadCountScope() {
-    threadCount = saved;
-}

@@ -1,22 +1,20 @@
 // Helpers of the sparse store and refinement tests: a heap for the runtime's
-// allocator that counts live blocks and can fail the k-th allocation, and a
-// dense solve in double precision as the reference.
+// allocator that counts live blocks and can fail the k-th allocation, and the
+// stored upper triangle as a full double matrix for independent checks.
 #pragma once
 
+#include "ZImage/CSparseSingle.h"
 #include "runtime/nrt.h"
 
-#include <cmath>
-#include <cstddef>
+#include <Eigen/Sparse>
+
 #include <cstdlib>
-#include <utility>
 #include <vector>
 
 namespace refinetest {
 
 struct HeapState {
-    long long live = 0;
-    long long count = 0;
-    long long failAt = 0; // 0: never fail
+    long long live = 0, count = 0, failAt = 0; // failAt 0: never fail
 };
 
 inline HeapState& heapState() {
@@ -29,14 +27,12 @@ inline bool failNow() {
     return s.failAt > 0 && ++s.count == s.failAt;
 }
 inline void* countingMalloc(std::size_t size) {
-    if (failNow()) return nullptr;
-    void* p = std::malloc(size);
+    void* p = failNow() ? nullptr : std::malloc(size);
     if (p) ++heapState().live;
     return p;
 }
 inline void* countingCalloc(std::size_t count, std::size_t size) {
-    if (failNow()) return nullptr;
-    void* p = std::calloc(count, size);
+    void* p = failNow() ? nullptr : std::calloc(count, size);
     if (p) ++heapState().live;
     return p;
 }
@@ -73,48 +69,23 @@ public:
     }
 };
 
-// Row-major dense matrix.
-struct Dense {
-    int n = 0;
-    std::vector<double> v;
-    explicit Dense(int size) : n(size), v(static_cast<std::size_t>(size) * size, 0.0) {}
-    double& operator()(int r, int c) { return v[static_cast<std::size_t>(r) * n + c]; }
-    double operator()(int r, int c) const { return v[static_cast<std::size_t>(r) * n + c]; }
-};
-
-// x = A^-1 b by Gaussian elimination with partial pivoting.
-inline std::vector<double> denseSolve(Dense a, std::vector<double> b) {
-    const int n = a.n;
-    for (int k = 0; k < n; ++k) {
-        int p = k;
-        for (int r = k + 1; r < n; ++r)
-            if (std::abs(a(r, k)) > std::abs(a(p, k))) p = r;
-        if (p != k) {
-            for (int c = 0; c < n; ++c)
-                std::swap(a(k, c), a(p, c));
-            std::swap(b[k], b[p]);
+// The compressed store (one-based) in double; the upper triangle is mirrored
+// when the store is symmetric.
+inline Eigen::SparseMatrix<double> toEigen(const CSparseSingle& m, bool symmetric) {
+    std::vector<Eigen::Triplet<double>> entries;
+    const auto ia = m.ia();
+    const auto ja = m.ja();
+    const auto a = m.a();
+    int cols = m.rowCount();
+    for (int r = 0; r < m.rowCount(); ++r)
+        for (int k = ia[r] - 1; k < ia[r + 1] - 1; ++k) {
+            entries.emplace_back(r, ja[k] - 1, a[k]);
+            if (symmetric && ja[k] - 1 != r) entries.emplace_back(ja[k] - 1, r, a[k]);
+            cols = std::max(cols, ja[k]);
         }
-        for (int r = k + 1; r < n; ++r) {
-            const double f = a(r, k) / a(k, k);
-            for (int c = k; c < n; ++c)
-                a(r, c) -= f * a(k, c);
-            b[r] -= f * b[k];
-        }
-    }
-    for (int k = n - 1; k >= 0; --k) {
-        double s = b[k];
-        for (int c = k + 1; c < n; ++c)
-            s -= a(k, c) * b[c];
-        b[k] = s / a(k, k);
-    }
-    return b;
-}
-
-inline double norm2(const std::vector<double>& x) {
-    double s = 0.0;
-    for (double e : x)
-        s += e * e;
-    return std::sqrt(s);
+    Eigen::SparseMatrix<double> s(m.rowCount(), cols);
+    s.setFromTriplets(entries.begin(), entries.end());
+    return s;
 }
 
 } // namespace refinetest

@@ -307,9 +307,7 @@ struct Spds {
     Spds(const Spds&) = delete;
     Spds& operator=(const Spds&) = delete;
 
-    // Parameters of a factor-and-solve run: two refinement steps, matching
-    // and scaling where the photo tool uses them (they bring the large
-    // entries next to the diagonal, where a block can pivot).
+    // A factor-and-solve run: two refinement steps, matching where the photo tool uses it.
     Spds& solveDefaults(int mtype) {
         iparm[0] = 1;
         iparm[1] = 2;
@@ -320,9 +318,7 @@ struct Spds {
         iparm[27] = std::is_same_v<T, float> ? 1 : 0;
         return *this;
     }
-    // Parameters of a handle whose calls change type and matrix. A zero
-    // pivot that pivoting in its block cannot replace becomes 10^-iparm[9];
-    // in single precision 10^-13 would leave a factor refinement cannot repair.
+    // Calls that change type and matrix; 10^-13 pivots would be beyond repair in single.
     Spds& sessionDefaults() {
         solveDefaults(0);
         iparm[7] = 20;
@@ -524,30 +520,6 @@ double bestLogProduct(int n, F value) {
     for (int j = 1; j <= n; ++j)
         sum += std::log(std::abs(static_cast<double>(value(p[j] - 1, j - 1))));
     return sum;
-}
-
-// Size of a maximum matching of the non-zero pattern (augmenting paths).
-template <class F>
-int maximumCardinality(int n, F nonzero) {
-    std::vector<int> rowOf(n, -1);
-    std::vector<char> seen;
-    auto tryRow = [&](auto&& self, int i) -> bool {
-        for (int j = 0; j < n; ++j) {
-            if (!nonzero(i, j) || seen[j]) continue;
-            seen[j] = 1;
-            if (rowOf[j] < 0 || self(self, rowOf[j])) {
-                rowOf[j] = i;
-                return true;
-            }
-        }
-        return false;
-    };
-    int count = 0;
-    for (int i = 0; i < n; ++i) {
-        seen.assign(n, 0);
-        count += tryRow(tryRow, i) ? 1 : 0;
-    }
-    return count;
 }
 
 inline bool isPermutation(const int* p, int n, int base) {

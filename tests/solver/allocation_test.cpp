@@ -69,22 +69,10 @@ std::set<int> sweep(const SweepCase& c, int firstIparm1) {
     return codes;
 }
 
-System withType(System s, int mtype) {
-    s.mtype = mtype;
-    return s;
-}
-
 TEST(AllocationSweep, Analysis) {
     std::mt19937 rng(36);
     sweep<double>(
         {"unsymmetric, nested dissection", stencilPattern(20, 15, false), 11, false, {}, 10}, 3);
-    sweep<double>({"symmetric, minimum degree",
-                   withType(stencilPattern(20, 15, true), -2),
-                   11,
-                   false,
-                   {},
-                   10},
-                  1);
     // With the matching on, each of its four blocks must be met, in both precisions.
     sweep<double>({"saddle point with matching",
                    fromEntries("saddle", -2, 52, saddleEntries(8, 5, 12, rng)),
@@ -104,7 +92,7 @@ TEST(AllocationSweep, Analysis) {
 
 TEST(AllocationSweep, FactorizationAndSolve) {
     std::mt19937 rng(3);
-    for (int mtype : {2, -2, 11}) {
+    for (int mtype : {-2, 11}) {
         const System s = mtype == 11
                              ? fromEntries("unsym", 11, 80, unsymmetricEntries(80, 0.05, rng))
                              : fromEntries("grid", mtype, 144, gridEntries(12, 12, 0.1));

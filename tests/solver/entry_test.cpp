@@ -1,6 +1,5 @@
-// The entry and the phase driver as a caller sees them: enquiry phases, the
-// handle's lifecycle, the argument checks in their order with their codes,
-// the msglvl 0 rule, iparm defaults and outputs, the diagonal path.
+// The entry as a caller sees it: enquiry, the handle's lifecycle, the
+// argument checks in their order, iparm in and out, the diagonal path.
 #include "SpdsTest.h"
 
 #include "Driver.h"
@@ -62,14 +61,6 @@ TEST(Lifecycle, SolveBeforeAnalysisInitialisesAndFails) {
     EXPECT_EQ(s.call(22, m), -1);
     EXPECT_EQ(s.call(-1, m), 0);
     EXPECT_TRUE(allZero(s.pt));
-}
-
-TEST(Lifecycle, PhaseZeroOnAFreshHandleFailsInitialisation) {
-    Solver s;
-    EXPECT_EQ(s.call(0, smallStencil()), -7);
-    ASSERT_NE(s.handle(), nullptr);
-    EXPECT_EQ(s.handle()->initState, -1);
-    EXPECT_EQ(s.internalCode(), 1000);
 }
 
 TEST(Lifecycle, PhaseZeroChecksTheFactorNumber) {
@@ -136,9 +127,8 @@ const CheckRow kCheckRows[] = {
          return 22;
      }},
     {"mnum below 1 for an analysis that factors", 4,
-     [](Solver& s, Matrix& m) {
+     [](Solver& s, Matrix&) {
          s.mnum = 0;
-         m.mtype = 99;
          return 12;
      }},
     {"unknown mtype", 15,
@@ -190,7 +180,6 @@ const CheckRow kCheckRows[] = {
          return 11;
      }},
     {"phase 21 does not exist", 20, [](Solver&, Matrix&) { return 21; }},
-    {"phase 5 does not exist", 20, [](Solver&, Matrix&) { return 5; }},
 };
 
 class ArgumentCheck : public ::testing::TestWithParam<CheckRow> {};
@@ -213,18 +202,6 @@ TEST_P(ArgumentCheck, CodeAndSilentError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(InTableOrder, ArgumentCheck, ::testing::ValuesIn(kCheckRows));
-
-TEST(ArgumentCheck, SameParityTypesAreAccepted) {
-    Matrix m = smallStencil();
-    Solver s;
-    ASSERT_EQ(s.call(11, m), 0);
-    m.mtype = 13; // odd like 11: passes the check that -2 fails
-    s.call(22, m);
-    EXPECT_NE(s.internalCode(), 5);
-    m.mtype = -2;
-    EXPECT_EQ(s.call(22, m), -7);
-    EXPECT_EQ(s.internalCode(), 5);
-}
 
 TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
     Solver s;
@@ -264,43 +241,6 @@ TEST(MatrixChecker, ReportsThroughIparmWithTheStorageOfTheType) {
     s.iparm[26] = 1;
     ASSERT_EQ(s.call(11, smallStencil()), 0);
     EXPECT_EQ(s.iparm[26], 0) << "a passed check clears the request";
-}
-
-TEST(MatrixChecker, BoundsAreCheckedEvenWithoutTheRequest) {
-    // The analysis reads ja through ia: broken arrays are refused even when
-    // the caller did not ask for the checker, instead of being read.
-    Matrix m;
-    m.n = 3;
-    m.ia = {1, 3, 5, 7};
-    m.ja = {1, 2, 2, 99, 1, 3};
-    m.a.assign(6, 1.0);
-    Solver s;
-    s.msglvl = 1;
-    EXPECT_EQ(s.call(11, m), -1);
-    EXPECT_EQ(s.internalCode(), 22);
-    m.ja = {2, 1, 3, 2, 3, 1}; // unsorted rows are harmless to the analysis
-    EXPECT_EQ(s.call(11, m), 0);
-}
-
-TEST(MatrixChecker, FactorizationChecksTheArraysOfItsOwnCall) {
-    // Unsorted rows are harmless to the analysis but not to the
-    // factorization, which places entries by position; and the analysis saw
-    // a valid matrix, the factorization's call may not hand one.
-    Matrix m = smallStencil();
-    Solver s;
-    s.msglvl = 1;
-    ASSERT_EQ(s.call(11, m), 0);
-    Matrix unsorted = m;
-    std::swap(unsorted.ja[0], unsorted.ja[1]);
-    for (int phase : {22, 12}) {
-        EXPECT_EQ(s.call(phase, unsorted), -1);
-        EXPECT_EQ(s.internalCode(), 24);
-    }
-    ASSERT_EQ(s.call(11, m), 0);
-    m.ja[3] = m.n + 5;
-    EXPECT_EQ(s.call(22, m), -1);
-    EXPECT_EQ(s.internalCode(), 22);
-    EXPECT_EQ(s.iparm[30], 4);
 }
 
 // ---- iparm in and out --------------------------------------------------------
@@ -346,43 +286,6 @@ TEST(Parameters, CallerValuesStandWhenIparm0IsSet) {
     EXPECT_EQ(s.iparm[1], 0);
     EXPECT_EQ(s.iparm[17], 0);
     EXPECT_EQ(s.handle()->ordering, 0);
-}
-
-TEST(Parameters, MemoryFiguresDescribeTheAnalysis) {
-    Solver s;
-    ASSERT_EQ(s.call(11, stencilPattern(40, 30, false)), 0);
-    EXPECT_GT(s.iparm[15], 0);
-    EXPECT_GE(s.iparm[14], s.iparm[15]);
-    const std::int64_t valuesKb = s.iparm[17] * static_cast<std::int64_t>(sizeof(double)) / 1024;
-    EXPECT_GE(s.iparm[16], valuesKb) << "the factorization needs at least its values";
-}
-
-TEST(Parameters, ThreadsFollowTheFiftyEquationRule) {
-    Solver s;
-    ASSERT_EQ(s.call(11, smallStencil()), 0); // 30 equations: one thread
-    EXPECT_EQ(s.iparm[2], 1);
-    Solver big;
-    const Matrix m = stencilPattern(20, 20, false);
-    ASSERT_EQ(big.call(11, m), 0);
-    const int granted = nrt_get_max_threads();
-    const int expected =
-        (nrt_get_dynamic() && granted * 50 > 400) ? std::max(1, 400 / 50) : granted;
-    EXPECT_EQ(big.iparm[2], std::max(1, std::min(granted, expected)));
-}
-
-TEST(Parameters, PrecisionIsChosenAtTheAnalysisAndKept) {
-    const Matrix m = smallStencil();
-    Solver s;
-    s.iparm[0] = 1;
-    s.iparm[1] = 2;
-    s.iparm[27] = 1;
-    ASSERT_EQ(s.call(11, m), 0);
-    EXPECT_TRUE(s.handle()->singlePrecision);
-    s.iparm[27] = 0;
-    s.call(22, m);
-    EXPECT_TRUE(s.handle()->singlePrecision) << "a later phase takes the handle's choice";
-    ASSERT_EQ(s.call(11, m), 0);
-    EXPECT_FALSE(s.handle()->singlePrecision);
 }
 
 TEST(Parameters, PermutationIsReturnedOrTaken) {
@@ -454,43 +357,6 @@ TYPED_TEST(Diagonal, SolvedWithoutAHandle) {
     a[2] = 1;
     ja = {1, 3, 3, 4};
     EXPECT_EQ(call(33), -7);
-}
-
-TEST(DiagonalPath, RowsThatDoNotHoldOneEntryAreRefusedBeforeReading) {
-    // ia[n] - 1 = n, but the rows are not one entry each: rows are checked
-    // before any entry is read.
-    Matrix m;
-    m.n = 3;
-    m.ia = {1, 3, 3, 4};
-    m.ja = {1, 2, 3};
-    m.a = {1, 1, 1};
-    Solver s;
-    EXPECT_EQ(s.call(11, m), -7);
-    EXPECT_EQ(s.handle(), nullptr);
-}
-
-TEST(Reports, ArraysOfTheAnalysisAtMessageLevelTwo) {
-    const Matrix m = stencilPattern(4, 3, false);
-    Solver s;
-    s.msglvl = 2;
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(s.call(11, m), 0);
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    std::size_t at = 0;
-    for (const char* label : {"xadj", "adjncy", "invp after sssord", "perm after sssord",
-                              "invp after sfinit", "perm after sfinit", "index pointer xlindx",
-                              "index pointer xlnz", "index pointer xunz", "index array lindx"}) {
-        const std::size_t found = out.find(std::string(label) + "\n", at);
-        ASSERT_NE(found, std::string::npos) << label << " missing or out of order";
-        at = found;
-    }
-    // The last array printed is lindx, all of it.
-    const SymbolicResult& sym = s.handle()->symbolic;
-    std::string expected;
-    for (std::int64_t k = 0; k < sym.lindxSize; ++k)
-        expected += (k % 10 == 0 ? (k ? "\n " : " ") : " ") + std::to_string(sym.lindx[k]);
-    EXPECT_EQ(out.substr(at), "index array lindx\n" + expected + "\n");
-    s.msglvl = 0;
 }
 
 TEST(Reports, NothingIsPrintedAtMessageLevelZero) {

@@ -1,8 +1,5 @@
-// The iterative solvers of iparm[3] through the entry: a sequence of nearby
-// matrices solved with the factor of the first (CG for an SPD grid, CGS for
-// an unsymmetric matrix), a matrix too far from it that makes the solver
-// factor after all, the counts that iparm[19] reports (against a dense
-// preconditioned CG), the phase 33 path, and the limits and tolerance.
+// The iterative solvers of iparm[3] (CG for SPD, CGS for unsymmetric) with
+// the factor of an earlier matrix, their fallback, reports and limits.
 #include "IterativeSolvers.h"
 #include "SpdsTest.h"
 
@@ -16,8 +13,7 @@ using skyrinse::spds::iterativeTolerance;
 
 namespace {
 
-// Each value times (1 + delta u), u uniform in [-1, 1]; symmetric entries
-// keep their symmetry.
+// Each value times (1 + delta u), u uniform in [-1, 1].
 Entries perturbed(const Entries& e, double delta, unsigned seed, bool symmetric) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -34,9 +30,7 @@ Entries spdGrid() {
     return gridEntries(20, 20, 0.5);
 }
 
-// The grid plus a diagonal spread over eight decades: still SPD, but the
-// grid's factor leaves so many distinct eigenvalues that no preconditioned
-// iteration gets near a tight tolerance within a hundred steps.
+// Still SPD, but too far from the grid for its factor to precondition.
 Entries farFromGrid() {
     Entries e = spdGrid();
     std::mt19937 rng(5);
@@ -54,10 +48,7 @@ Entries unsymmetricBase() {
 template <class T>
 struct Config {
     static constexpr bool single = std::is_same_v<T, float>;
-    // iparm[3] tolerances: 10^-5 in single, 10^-10 in double.
     static constexpr int L = single ? 5 : 10;
-    // Relative distance of the nearby matrices: two steps at most at 10^-L
-    // (a slow machine may allow no more).
     static constexpr double delta = single ? 1e-4 : 1e-6;
     static double eps() { return std::numeric_limits<T>::epsilon(); }
 };
@@ -76,8 +67,7 @@ std::vector<double> solve(SpdsSession<T>& s, int phase, const System& sys,
     return widen(x);
 }
 
-// A plain solve with the factor on the handle, without refinement or
-// iteration: its residual tells which matrix that factor belongs to.
+// Residual of a plain solve: tells which matrix the handle's factor belongs to.
 template <class T>
 double plainResidual(SpdsSession<T>& s, const System& sys, const std::vector<double>& b) {
     const int control = s.iparm[3], steps = s.iparm[7];
@@ -173,72 +163,7 @@ TYPED_TEST(IterativeSolvers, MatrixTooFarIsFactoredAfterAll) {
     }
 }
 
-// Dense preconditioned CG with M = A0, stopped by the same rule: the count
-// of steps to bring ||r|| / ||b|| below tol.
-int denseConjugateGradientSteps(const System& a0, const System& a, const std::vector<double>& b,
-                                double tol) {
-    const int n = a.n;
-    const std::size_t N = static_cast<std::size_t>(n);
-    const std::vector<double> A = dense(a);
-    auto precondition = [&](const std::vector<double>& r) { return denseSolve(a0, r, 1); };
-    auto dotv = [](const std::vector<double>& u, const std::vector<double>& v) {
-        double s = 0;
-        for (std::size_t i = 0; i < u.size(); ++i)
-            s += u[i] * v[i];
-        return s;
-    };
-    std::vector<double> x(N, 0.0), r = b, z = precondition(r), p = z, q(N);
-    const double b0 = std::sqrt(dotv(b, b));
-    double rho = dotv(r, z);
-    for (int k = 1; k <= 50; ++k) {
-        for (std::size_t i = 0; i < N; ++i) {
-            q[i] = 0;
-            for (std::size_t j = 0; j < N; ++j)
-                q[i] += A[j * N + i] * p[j];
-        }
-        const double alpha = rho / dotv(p, q);
-        for (std::size_t i = 0; i < N; ++i) {
-            x[i] += alpha * p[i];
-            r[i] -= alpha * q[i];
-        }
-        if (std::sqrt(dotv(r, r)) / b0 < tol) return k;
-        z = precondition(r);
-        const double rhoNew = dotv(r, z);
-        for (std::size_t i = 0; i < N; ++i)
-            p[i] = z[i] + rhoNew / rho * p[i];
-        rho = rhoNew;
-    }
-    return -1;
-}
-
-TEST(IterativeSolverCounts, ConjugateGradientStepsMatchADenseIteration) {
-    const Entries base = gridEntries(12, 12, 0.5);
-    const System a0 = fromEntries("A0", 2, 144, base);
-    const std::vector<double> b = randomVector(144, 4);
-    struct Case {
-        double delta;
-        int L;
-    };
-    // Distances and tolerances for which the dense iteration needs one or
-    // two steps, the fewest any timing allows.
-    for (const Case c : {Case{0.0, 10}, Case{1e-6, 8}, Case{1e-4, 6}, Case{1e-3, 5}}) {
-        SCOPED_TRACE("delta " + std::to_string(c.delta) + ", L " + std::to_string(c.L));
-        const System a = fromEntries("A", 2, 144, perturbed(base, c.delta, 3, true));
-        const int expected = denseConjugateGradientSteps(a0, a, b, std::pow(10.0, -c.L));
-        ASSERT_GE(expected, 1);
-        ASSERT_LE(expected, 2) << "the case must fit the smallest step limit";
-        SpdsSession<double> s;
-        s.iparm[7] = 2;
-        solve(s, 13, a0, b);
-        s.iparm[3] = 10 * c.L + 2;
-        solve(s, 23, a, b);
-        EXPECT_EQ(s.iparm[19], expected);
-    }
-}
-
-// Straight through the solver's own entry point with the cost of the
-// factorization given, so that the step limit does not depend on the
-// machine: a dear factorization allows a hundred steps, a free one two.
+// With the cost of the factorization given, so the step limit does not depend on the machine.
 template <class T>
 skyrinse::spds::IterativeResult iterateWith(SpdsSession<T>& s, const System& a,
                                             double factorSeconds, int control,
@@ -258,42 +183,6 @@ skyrinse::spds::IterativeResult iterateWith(SpdsSession<T>& s, const System& a,
     const auto r = skyrinse::spds::iterativeSolve<T>(h, h.factors[0], rq, bt.data(), xt.data());
     x = widen(xt);
     return r;
-}
-
-TEST(IterativeSolverCounts, ManyStepsWhenAFactorizationIsDear) {
-    // CG: the count of the dense iteration, now well past two steps.
-    {
-        const Entries base = gridEntries(12, 12, 0.5);
-        const System a0 = fromEntries("A0", 2, 144, base);
-        const System a = fromEntries("A", 2, 144, perturbed(base, 0.3, 3, true));
-        const std::vector<double> b = randomVector(144, 4);
-        SpdsSession<double> s;
-        ASSERT_EQ(s.call(12, a0), 0);
-        std::vector<double> x;
-        const auto r = iterateWith(s, a, 1e6, 102, b, x);
-        const int expected = denseConjugateGradientSteps(a0, a, b, 1e-10);
-        ASSERT_GT(expected, 3);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.limit, 100);
-        EXPECT_EQ(r.steps, expected);
-        EXPECT_EQ(r.report(), expected);
-        EXPECT_LE(relativeResidual(a, x, b, 1), 1e-9);
-    }
-    // CGS on an unsymmetric matrix, both precisions' worth of distance.
-    {
-        const Entries base = unsymmetricBase();
-        const System a0 = fromEntries("A0", 11, 160, base);
-        const System a = fromEntries("A", 11, 160, perturbed(base, 0.2, 5, false));
-        const std::vector<double> b = randomVector(160, 4);
-        SpdsSession<double> s;
-        s.matchingFor(11);
-        ASSERT_EQ(s.call(12, a0), 0);
-        std::vector<double> x;
-        const auto r = iterateWith(s, a, 1e6, 101, b, x);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_GT(r.steps, 2);
-        EXPECT_LE(relativeDifference(x, denseSolve(a, b, 1)), 1e-8);
-    }
 }
 
 TEST(IterativeSolverCounts, FailuresReportStatusAndSteps) {
@@ -318,59 +207,6 @@ TEST(IterativeSolverCounts, FailuresReportStatusAndSteps) {
     EXPECT_EQ(none.status, -5);
     EXPECT_EQ(none.report(), -5);
     EXPECT_EQ(x, std::vector<double>(400, 0.0));
-}
-
-TYPED_TEST(IterativeSolvers, IdenticalMatrixConvergesInOneStep) {
-    using T = TypeParam;
-    for (int mtype : {2, -2, 11, 1}) {
-        SCOPED_TRACE("mtype " + std::to_string(mtype));
-        const bool symmetric = mtype == 2 || mtype == -2;
-        const System a0 = symmetric ? fromEntries("grid", mtype, 400, spdGrid())
-                                    : fromEntries("unsym", mtype, 160, unsymmetricBase());
-        SpdsSession<T> s;
-        s.matchingFor(mtype);
-        s.iparm[7] = 2;
-        const std::vector<double> b = randomVector(static_cast<std::size_t>(a0.n), 6);
-        solve(s, 13, a0, b);
-        for (int K : {1, 2}) {
-            // One step leaves the factor's own rounding: 10^-4 in single.
-            s.iparm[3] = 10 * (Config<T>::single ? 4 : Config<T>::L) + K;
-            const std::vector<double> x = solve(s, 23, a0, b);
-            EXPECT_EQ(s.iparm[19], 1) << "K " << K;
-            EXPECT_LE(relativeResidual(a0, x, b, 1), 10 * iterativeTolerance(s.iparm[3]));
-        }
-    }
-}
-
-TYPED_TEST(IterativeSolvers, SeveralRightHandSidesAndSolutionIntoB) {
-    using T = TypeParam;
-    const Entries base = unsymmetricBase();
-    const System a0 = fromEntries("A0", 11, 160, base);
-    const System a1 = fromEntries("A1", 11, 160, perturbed(base, 1e-4, 4, false));
-    SpdsSession<T> s;
-    s.matchingFor(11);
-    s.iparm[7] = 2;
-    std::vector<double> b = randomVector(3 * 160, 8);
-    std::fill(b.begin() + 160, b.begin() + 320, 0.0); // a zero column is answered by zero
-    std::vector<T> bt = narrow<T>(b), x(bt.size());
-    ASSERT_EQ(s.call(13, a0, &bt, &x, 3), 0);
-    s.iparm[3] = 10 * Config<T>::L + 1;
-    s.iparm[5] = 1;
-    bt = narrow<T>(b);
-    ASSERT_EQ(s.call(23, a1, &bt, &x, 3), 0);
-    EXPECT_GE(s.iparm[19], 1);
-    EXPECT_EQ(widen(x), widen(narrow<T>(b))) << "x keeps the right-hand sides";
-    const std::vector<double> sol = widen(bt);
-    const std::vector<double> ref = denseSolve(a1, b, 3);
-    for (int j = 0; j < 3; ++j) {
-        const std::vector<double> sj(sol.begin() + j * 160, sol.begin() + (j + 1) * 160);
-        const std::vector<double> rj(ref.begin() + j * 160, ref.begin() + (j + 1) * 160);
-        if (j == 1) {
-            EXPECT_EQ(sj, std::vector<double>(160, 0.0));
-            continue;
-        }
-        EXPECT_LE(relativeDifference(sj, rj), 1e3 * iterativeTolerance(s.iparm[3])) << j;
-    }
 }
 
 // Phase 33 with refinement due: the iteration takes the refinement's place
@@ -417,8 +253,6 @@ TEST(IterativeSolverLimits, StepLimitFollowsTheCostOfAFactorization) {
     };
     const Row rows[] = {
         {31, 1.0, 0.01, false, 100, 51},   // 1 + 0.45 x 3 x 100 = 136, capped
-        {62, 0.01, 0.01, false, 3, 2},     // 1 + 0.45 x 6 = 3.7
-        {61, 0.2, 0.1, false, 3, 2},       // 1 + 0.45 x 3 x 2 = 3.7
         {63, 1.0, 0.1, false, 41, 21},     // 1 + 0.45 x 9 x 10 = 41.5
         {61, 0.0, 0.1, false, 2, 2},       // never below two steps
         {61, 0.0, 0.1, true, 10, 6},       // out of core: at least ten

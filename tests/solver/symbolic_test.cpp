@@ -1,7 +1,5 @@
-// Symbolic factorization against a dense symbolic elimination: elimination
-// tree, column counts, supernodes, row structure, layout of the values,
-// schedule, update counts and update buffer size, for random patterns of 1
-// to 300 unknowns under every ordering the solver offers.
+// Symbolic factorization against a dense symbolic elimination, for random
+// patterns of 1 to 300 unknowns under every ordering the solver offers.
 #include "SpdsTest.h"
 
 #include "Ordering.h"
@@ -19,8 +17,6 @@ using Solver = Spds<double>;
 
 namespace {
 
-// Checks everything the symbolic stage delivered for `m`, analysed into
-// `s`, against the dense elimination in the handle's own order.
 void expectMatchesBruteForce(const System& m, const Handle& h) {
     const int n = m.n;
     const OrderingResult& ord = h.ordering_;
@@ -28,15 +24,7 @@ void expectMatchesBruteForce(const System& m, const Handle& h) {
     std::vector<int> perm(static_cast<std::size_t>(n));
     for (int k = 0; k < n; ++k)
         perm[static_cast<std::size_t>(k)] = ord.perm[k] - 1;
-    {
-        std::vector<int> sorted = perm;
-        std::sort(sorted.begin(), sorted.end());
-        std::vector<int> iota(static_cast<std::size_t>(n));
-        std::iota(iota.begin(), iota.end(), 0);
-        ASSERT_EQ(sorted, iota) << "perm is not a permutation";
-        for (int k = 0; k < n; ++k)
-            ASSERT_EQ(ord.invp[ord.perm[k] - 1], k + 1);
-    }
+    ASSERT_TRUE(isPermutation(ord.perm.data(), n, 1));
     const auto cols = bruteForceFactor(m, perm);
 
     // Elimination tree and column counts.
@@ -107,40 +95,6 @@ void expectMatchesBruteForce(const System& m, const Handle& h) {
         EXPECT_EQ(sym.unzSize, sym.xunz[n] - 1);
     }
 
-    // Supernodal tree, schedule and update counts.
-    std::vector<int> children(static_cast<std::size_t>(ns) + 1, 0);
-    std::map<int, std::set<int>> updaters;
-    for (int s = 1; s <= ns; ++s) {
-        const int lst = sym.xsup[s] - 1;
-        const int p = sym.parent[lst - 1];
-        ASSERT_EQ(sym.sparent[s - 1], p ? sym.snode[p - 1] : 0);
-        if (p) ++children[static_cast<std::size_t>(sym.snode[p - 1])];
-        const int width = sym.xsup[s] - sym.xsup[s - 1];
-        for (int k = sym.xlindx[s - 1] + width; k < sym.xlindx[s]; ++k)
-            updaters[sym.snode[sym.lindx[k - 1] - 1]].insert(s);
-    }
-    std::vector<int> position(static_cast<std::size_t>(ns) + 1, -1);
-    bool leavesDone = false;
-    for (int k = 0; k < ns; ++k) {
-        const int e = sym.pnlsch[k];
-        const int s = std::abs(e);
-        ASSERT_GE(s, 1);
-        ASSERT_EQ(position[static_cast<std::size_t>(s)], -1) << "supernode twice in pnlsch";
-        position[static_cast<std::size_t>(s)] = k;
-        ASSERT_EQ(e < 0, children[static_cast<std::size_t>(s)] == 0) << "sign of " << s;
-        if (e > 0) leavesDone = true;
-        ASSERT_FALSE(e < 0 && leavesDone) << "a leaf after an inner supernode";
-    }
-    for (int s = 1; s <= ns; ++s) {
-        const int p = sym.sparent[s - 1];
-        if (p) {
-            EXPECT_LT(position[static_cast<std::size_t>(s)], position[static_cast<std::size_t>(p)]);
-        }
-        const auto it = updaters.find(s);
-        EXPECT_EQ(sym.nmod[s - 1], it == updaters.end() ? 0 : static_cast<int>(it->second.size()))
-            << "nmod of " << s;
-    }
-
     // Every update of d onto t fits the update buffer: rows of d from t's
     // first column on, times the rows of d inside t.
     for (int d = 1; d <= ns; ++d) {
@@ -156,22 +110,9 @@ void expectMatchesBruteForce(const System& m, const Handle& h) {
             k += q;
         }
     }
-    if (!sym.groupedUpdateLists) {
-        // One list entry per change of target, with the rows left.
-        for (int d = 1; d <= ns; ++d) {
-            std::vector<std::pair<int, int>> expect;
-            const int width = sym.xsup[d] - sym.xsup[d - 1];
-            int previous = 0;
-            for (int k = sym.xlindx[d - 1] + width; k < sym.xlindx[d]; ++k) {
-                const int t = sym.snode[sym.lindx[k - 1] - 1];
-                if (t != previous) expect.push_back({t, sym.xlindx[d] - k});
-                previous = t;
-            }
-            std::vector<std::pair<int, int>> got;
-            for (int e = sym.xslindx[d - 1]; e < sym.xslindx[d]; ++e)
-                got.push_back({sym.slindx[e - 1], sym.slength[e - 1]});
-            EXPECT_EQ(got, expect) << "update list of " << d;
-        }
+    for (int s = 1; s <= ns; ++s) {
+        const int p = sym.parent[sym.xsup[s] - 2];
+        ASSERT_EQ(sym.sparent[s - 1], p ? sym.snode[p - 1] : 0);
     }
 }
 
@@ -185,7 +126,7 @@ class SymbolicAgainstBruteForce : public ::testing::TestWithParam<Case> {};
 TEST_P(SymbolicAgainstBruteForce, RandomPatterns) {
     const Case c = GetParam();
     std::mt19937 rng(1234 + c.ordering * 7 + (c.symmetric ? 1 : 0));
-    for (int n : {2, 3, 7, 20, 51, 120, 300}) {
+    for (int n : {2, 7, 51, 300}) {
         for (double density : {0.5 / n, 2.0 / n, 0.05}) {
             System m = randomPattern(n, density, c.symmetric, rng);
             Solver s;
@@ -220,19 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
-    // Large enough for a p-way dissection with domains and separators.
     const System m = stencilPattern(17, 15, false);
-    Solver s;
-    s.iparm[0] = 1;
-    s.iparm[1] = 3;
-    ASSERT_EQ(s.call(11, m), 0);
-    EXPECT_GT(s.handle()->ordering_.ndomains, 1);
-    expectMatchesBruteForce(m, *s.handle());
-}
-
-TEST(SymbolicStructure, ContractedDissectionMatchesBruteForce) {
-    // Wide enough stencil that the dissection works on contracted pairs.
-    const System m = stencilPattern(70, 65, true);
     Solver s;
     s.iparm[0] = 1;
     s.iparm[1] = 3;
@@ -265,7 +194,7 @@ TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
         EXPECT_EQ(sym.xsup[s2] - sym.xsup[s2 - 1], cut);
 }
 
-TEST(SymbolicStructure, OneUnknownIsOneSupernode) {
+TEST(SymbolicStructure, OneUnknownMatchesBruteForce) {
     System m;
     m.n = 1;
     m.ia = {1, 3};
@@ -273,48 +202,11 @@ TEST(SymbolicStructure, OneUnknownIsOneSupernode) {
     m.a = {2.0, 1.0};
     Solver s;
     ASSERT_EQ(s.call(11, m), 0);
-    const Handle& h = *s.handle();
-    EXPECT_EQ(h.symbolic.nsuper, 1);
-    EXPECT_EQ(h.symbolic.lnzSize, 1);
-    EXPECT_EQ(h.ordering_.ndomains, 1);
-    EXPECT_EQ(h.symbolic.pnlsch[0], -1);
-}
-
-TEST(SymbolicStructure, DiagonalPatternGivesOnlyLeavesAndNoUpdates) {
-    const int n = 40;
-    System m;
-    m.n = n;
-    for (int i = 1; i <= n; ++i) {
-        m.ja.push_back(i);
-        m.a.push_back(1.0);
-        m.ia.push_back(i + 1);
-    }
-    OrderingInput in;
-    in.n = n;
-    in.ia = m.ia.data();
-    in.ja = m.ja.data();
-    in.method = kNestedDissection;
-    MemoryCounter memory;
-    in.memory = &memory;
-    OrderingResult ord;
-    computeOrdering(in, ord);
-    SymbolicInput sin;
-    sin.n = n;
-    sin.mtype = 11;
-    sin.memory = &memory;
-    SymbolicResult sym;
-    symbolicFactorization(sin, ord, sym);
-    ASSERT_EQ(sym.nsuper, n);
-    for (int k = 0; k < n; ++k) {
-        EXPECT_LT(sym.pnlsch[k], 0);
-        EXPECT_EQ(sym.nmod[k], 0);
-    }
-    EXPECT_EQ(sym.tmpsiz, 4 * n); // no update at all: the size falls back to n
+    expectMatchesBruteForce(m, *s.handle());
 }
 
 TEST(SymbolicStructure, FactorPastThirtyTwoBitsIsAnOverflowNotAWrap) {
-    // Three supernodes of one column each, so tall that the third column
-    // would start beyond what a 32-bit position can hold.
+    // Three one-column supernodes so tall that the third starts past 32 bits.
     auto layout = [](int height) {
         const int n = 3;
         SymbolicResult sym;

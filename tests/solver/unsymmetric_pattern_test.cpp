@@ -1,9 +1,6 @@
-// Structurally unsymmetric matrices (rows without their diagonal, entries
-// without their mirror) through every phase sequence, for the types that
-// store the whole matrix, in both precisions; the solutions are compared
-// with LAPACK's dense solve. The handle is reused across analyses of other
-// types and sizes, since the matching's blocks outlive an analysis and must
-// never be applied to one that did not compute them.
+// Structurally unsymmetric matrices through every phase sequence against
+// dense solves, and a handle reused across types and sizes: the matching's
+// blocks outlive an analysis and must never be applied to another one.
 #include "SpdsTest.h"
 
 #include <gtest/gtest.h>
@@ -14,10 +11,7 @@ using namespace spdstest;
 
 namespace {
 
-// Diagonally dominant unsymmetric values on an unsymmetric pattern, then
-// rows exchanged in pairs so that those rows lose their diagonal: the
-// matrix stays as regular as before, but its diagonal is structurally zero
-// there.
+// Diagonally dominant, then rows exchanged in pairs so that they lose their diagonal.
 System missingDiagonals(int mtype, int n, unsigned seed) {
     std::mt19937 rng(seed);
     auto e = unsymmetricEntries(n, 0.03, rng);
@@ -65,18 +59,15 @@ TYPED_TEST(UnsymmetricPattern, EveryPhaseSequenceMatchesTheDenseSolve) {
     const std::vector<std::vector<int>> sequences = {
         {13}, {11, 22, 33}, {12, 33}, {11, 23}, {12, 331, 332, 333}};
     for (int mtype : {1, 11}) {
-        for (int n : {4, 37, 160}) {
+        for (int n : {4, 160}) {
             const System s = missingDiagonals(mtype, n, 100u + static_cast<unsigned>(n));
             const std::vector<double> b = randomVector(static_cast<std::size_t>(n), 9);
             const std::vector<double> ref = denseSolve(s, b, 1);
             for (const auto& seq : sequences) {
-                SCOPED_TRACE("mtype " + std::to_string(mtype) + ", n " + std::to_string(n) +
-                             ", sequence starting " + std::to_string(seq.front()) + " of " +
-                             std::to_string(seq.size()));
+                SCOPED_TRACE(::testing::Message() << mtype << " " << n << " " << seq.front());
                 SpdsSession<T> h;
                 h.matchingFor(mtype);
-                // Partial solves are not refined: only the plain sequences
-                // are held to the refined residual.
+                // Partial solves are not refined.
                 const bool partial = seq.back() == 333;
                 if (partial) h.iparm[7] = 0;
                 const std::vector<double> x = solveBy(h, s, seq, b);

@@ -1,8 +1,6 @@
-// Environment variables of the runtime. The runtime reads its environment once
-// per process, so every case here runs in a freshly executed copy of this
-// program (the death-test machinery in its "threadsafe" style, which re-runs
-// the binary rather than forking), sets its variables there, and reports by
-// exit status.
+// Environment variables of the runtime, which reads its environment once per
+// process: every case runs in a freshly executed copy of this program (the
+// "threadsafe" death-test style) and reports by exit status.
 
 #include "HeapRecorder.h"
 #include "runtime/internal/CpuInfo.h"
@@ -118,9 +116,7 @@ TEST(ThreadVariables, DynamicOnlyExactFalseTurnsItOff) {
         IN_FRESH_PROCESS(VARS({"NRT_DYNAMIC", on}), { check.eq(nrt_get_dynamic(), 1, "dynamic"); });
 }
 
-// The general answer as a thread of a two-thread region sees it. Kept out of
-// the macros below: a pragma inside a macro argument is moved in front of the
-// whole macro by the preprocessor.
+// Kept out of the macros: a pragma in a macro argument would move in front of it.
 int answerInsideRegion() {
     int inside = -1;
 #pragma omp parallel num_threads(2)
@@ -203,7 +199,7 @@ TEST(CpuVariables, TypeRequests) {
         // The processor's own answer is kept apart from the request.
         check.eq(nrt::detail::detectedTypeCache() >= 0, true, "detected");
     });
-    for (const char* ignored : {"6", "x", "00", "-2"}) {
+    for (const char* ignored : {"6", "00"}) {
         IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", ignored}), {
             const int type = nrt_cpu_detect();
             check.eq(type, nrt::detail::detectedTypeCache(), "type");
@@ -214,8 +210,6 @@ TEST(CpuVariables, TypeRequests) {
 TEST(CpuVariables, SubcodeRequestActsOnTypeFiveOnly) {
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "5"}, {"NRT_DEBUG_CPU_MA", "66"}),
                      { check.eq(nrt_cpu_subcode(), 66, "subcode"); });
-    IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "5"}, {"NRT_DEBUG_CPU_MA", "64"}),
-                     { check.eq(nrt_cpu_subcode(), 64, "subcode"); });
     const int tableFive = hasCpuFlag("aes") ? 66 : 64;
     IN_FRESH_PROCESS(VARS({"NRT_DEBUG_CPU_TYPE", "5"}, {"NRT_DEBUG_CPU_MA", "65"}),
                      { check.eq(nrt_cpu_subcode(), tableFive, "subcode"); });

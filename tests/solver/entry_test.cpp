@@ -209,38 +209,25 @@ TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
     EXPECT_EQ(s.iparm[63], kVersionStamp);
 }
 
-// ---- matrix checker through the entry (iparm[26]) ----------------------------
+// ---- matrix checker through the entry ----------------------------------------
 
-TEST(MatrixChecker, ReportsThroughIparmWithTheStorageOfTheType) {
-    struct Row {
-        int mtype, code;
-        std::vector<int> ia, ja;
-        std::array<int, 3> where;
-    };
-    for (const Row& row : {Row{11, 22, {1, 3, 5, 7}, {1, 9, 2, 3, 1, 4}, {6, 4, 3}},
-                           Row{-2, 23, {1, 3, 5, 6}, {1, 2, 1, 2, 3}, {2, 3, 1}}}) {
-        Matrix m;
-        m.mtype = row.mtype;
-        m.n = 3;
-        m.ia = row.ia;
-        m.ja = row.ja;
-        m.a.assign(m.ja.size(), 1.0);
-        Solver s;
-        s.iparm[0] = 1;
-        s.iparm[1] = 2;
-        s.iparm[26] = 1;
-        s.msglvl = 1;
-        EXPECT_EQ(s.call(11, m), -1) << row.code;
-        EXPECT_EQ(s.internalCode(), row.code);
-        EXPECT_EQ((std::array<int, 3>{s.iparm[30], s.iparm[31], s.iparm[32]}), row.where);
-        EXPECT_EQ(s.iparm[26], 1) << "a failed check leaves the request in place";
-    }
+TEST(MatrixChecker, FactorizationChecksTheArraysOfItsOwnCall) {
+    // The factorization places entries by position: its own call's arrays are checked.
+    Matrix m = smallStencil();
     Solver s;
-    s.iparm[0] = 1;
-    s.iparm[1] = 2;
-    s.iparm[26] = 1;
-    ASSERT_EQ(s.call(11, smallStencil()), 0);
-    EXPECT_EQ(s.iparm[26], 0) << "a passed check clears the request";
+    s.msglvl = 1;
+    ASSERT_EQ(s.call(11, m), 0);
+    Matrix unsorted = m;
+    std::swap(unsorted.ja[0], unsorted.ja[1]);
+    for (int phase : {22, 12}) {
+        EXPECT_EQ(s.call(phase, unsorted), -1);
+        EXPECT_EQ(s.internalCode(), 24);
+    }
+    ASSERT_EQ(s.call(11, m), 0);
+    m.ja[3] = m.n + 5;
+    EXPECT_EQ(s.call(22, m), -1);
+    EXPECT_EQ(s.internalCode(), 22);
+    EXPECT_EQ(s.iparm[30], 4);
 }
 
 // ---- iparm in and out --------------------------------------------------------

@@ -233,15 +233,6 @@ TYPED_TEST(IterativeSolvers, SolvePhaseIteratesInPlaceOfRefinement) {
     const std::vector<double> plain = solve(s, 33, a1, b);
     EXPECT_EQ(s.iparm[19], 12345);
     EXPECT_GT(relativeResidual(a1, plain, b, 1), 10 * iterativeTolerance(s.iparm[3]));
-
-    // A failing iteration hands over to the refinement, and iparm[19] keeps
-    // its report.
-    const System far = fromEntries("far", 2, 400, farFromGrid());
-    s.iparm[7] = 2;
-    s.iparm[3] = 10 * (Config<T>::single ? 7 : 14) + 2;
-    solve(s, 33, far, b);
-    EXPECT_LT(s.iparm[19], 0);
-    EXPECT_NE(s.iparm[19], -34);
 }
 
 TEST(IterativeSolverLimits, StepLimitFollowsTheCostOfAFactorization) {
@@ -266,7 +257,6 @@ TEST(IterativeSolverLimits, StepLimitFollowsTheCostOfAFactorization) {
         EXPECT_EQ(lim.stall, r.stall);
     }
     EXPECT_NEAR(iterativeTolerance(61), 1e-6, 1e-15);
-    EXPECT_NEAR(iterativeTolerance(-31), 1e-3, 1e-12);
     EXPECT_NEAR(iterativeTolerance(142), 1e-14, 1e-23);
 }
 

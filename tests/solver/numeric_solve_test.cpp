@@ -18,7 +18,6 @@ std::vector<System> families() {
     v.push_back(
         fromEntries("spd random, Cholesky", 2, 150, symmetricEntries(150, 0.03, rng, 1.0, false)));
     v.push_back(fromEntries("spd grid, Cholesky", 2, 400, gridEntries(20, 20, 0.01)));
-    v.push_back(fromEntries("spd grid, LDLt", -2, 400, gridEntries(20, 20, 0.01)));
     v.push_back(
         fromEntries("indefinite random", -2, 150, symmetricEntries(150, 0.03, rng, 1.0, true)));
     v.push_back(fromEntries("saddle point", -2, 144 + 30, saddleEntries(12, 12, 30, rng)));

@@ -109,6 +109,19 @@ private:
     void finishAnalysisFigures(bool factorsWanted, bool operationsWanted);
     int factorAndSolve(int lastDigit);
     bool iterate(const FactorRow& row);
+    // The caller's system as this call hands it to the solve stages.
+    SystemRequest systemRequest() const {
+        SystemRequest rq;
+        rq.n = h->n;
+        rq.nrhs = *a.nrhs;
+        rq.a = a.a;
+        rq.ia = a.ia;
+        rq.ja = a.ja;
+        rq.symmetricStorage = h->symmetricStorage;
+        rq.transpose = a.iparm[0] != 1 && a.iparm[11] > 0 && !h->symmetricStorage;
+        rq.solutionInB = a.iparm[5] == 1;
+        return rq;
+    }
     int exit();
 
     const CallArgs& a;
@@ -543,14 +556,7 @@ int Call<T>::factorAndSolve(int lastDigit) {
             iterationFailed = true;
         }
         RefinementRequest rq;
-        rq.n = h->n;
-        rq.nrhs = *a.nrhs;
-        rq.a = a.a;
-        rq.ia = a.ia;
-        rq.ja = a.ja;
-        rq.symmetricStorage = h->symmetricStorage;
-        rq.transpose = iparm[0] != 1 && iparm[11] > 0 && !h->symmetricStorage;
-        rq.solutionInB = iparm[5] == 1;
+        static_cast<SystemRequest&>(rq) = systemRequest();
         rq.steps = iparm[7];
         rq.partial = h->partialSolve;
         rq.refine = refinementDue;
@@ -582,14 +588,7 @@ template <class T>
 bool Call<T>::iterate(const FactorRow& row) {
     int* iparm = a.iparm;
     IterativeRequest rq;
-    rq.n = h->n;
-    rq.nrhs = *a.nrhs;
-    rq.a = a.a;
-    rq.ia = a.ia;
-    rq.ja = a.ja;
-    rq.symmetricStorage = h->symmetricStorage;
-    rq.transpose = iparm[0] != 1 && iparm[11] > 0 && !h->symmetricStorage;
-    rq.solutionInB = iparm[5] == 1;
+    static_cast<SystemRequest&>(rq) = systemRequest();
     rq.control = iparm[3];
     rq.factorSeconds = h->timers[kTimeNumeric];
     rq.outOfCore = h->oocMode > 0;

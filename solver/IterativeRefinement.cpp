@@ -145,15 +145,7 @@ void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmet
 template <class T>
 RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const RefinementRequest& rq, T* b,
                                 T* x) {
-    const std::int64_t count = static_cast<std::int64_t>(rq.n) * rq.nrhs;
-    const T* rhs = b;
-    T* sol = x;
-    if (rq.solutionInB) {
-        // x keeps the right-hand side; the solution takes the place of b.
-        std::memcpy(x, b, static_cast<std::size_t>(count) * sizeof(T));
-        rhs = x;
-        sol = b;
-    }
+    const auto [rhs, sol] = placeSolution(rq, b, x);
     FactorSolver<T> solver(h, row, rq.transpose, rq.nrhs);
     if (!rq.refine || rq.partial != 0) {
         solver.solve(rhs, sol, rq.partial);

@@ -24,18 +24,11 @@
 #pragma once
 
 #include "Handle.h"
+#include "SystemRequest.h"
 
 namespace skyrinse::spds {
 
-struct RefinementRequest {
-    int n = 0;
-    int nrhs = 1;
-    const void* a = nullptr;
-    const int* ia = nullptr;
-    const int* ja = nullptr;
-    bool symmetricStorage = false;
-    bool transpose = false;
-    bool solutionInB = false;
+struct RefinementRequest : SystemRequest {
     bool refine = false; // perturbed pivots or steps != 0
     int steps = 0;       // iparm[7]
     int partial = 0;     // 0 full, 1..3 partial solve (never refined)

@@ -273,14 +273,7 @@ IterationLimits iterationLimits(int control, double factorSeconds, double solveS
 template <class T>
 IterativeResult iterativeSolve(Handle& h, const FactorRow& row, const IterativeRequest& rq, T* b,
                                T* x) {
-    const std::int64_t count = static_cast<std::int64_t>(rq.n) * rq.nrhs;
-    const T* rhs = b;
-    T* sol = x;
-    if (rq.solutionInB) {
-        std::memcpy(x, b, static_cast<std::size_t>(count) * sizeof(T));
-        rhs = x;
-        sol = b;
-    }
+    const auto [rhs, sol] = placeSolution(rq, b, x);
     Iteration<T> it(h, row, rq);
     return it.run(rhs, sol);
 }

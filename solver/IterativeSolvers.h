@@ -37,18 +37,11 @@
 #pragma once
 
 #include "Handle.h"
+#include "SystemRequest.h"
 
 namespace skyrinse::spds {
 
-struct IterativeRequest {
-    int n = 0;
-    int nrhs = 1;
-    const void* a = nullptr;
-    const int* ia = nullptr;
-    const int* ja = nullptr;
-    bool symmetricStorage = false;
-    bool transpose = false;
-    bool solutionInB = false;
+struct IterativeRequest : SystemRequest {
     int control = 0;          // iparm[3]
     double factorSeconds = 0; // time of the factorization that made the preconditioner
     bool outOfCore = false;

@@ -105,6 +105,14 @@ void BatchPage::initializePage() {
     m_thread->start();
 }
 
+QStringList BatchPage::resultLines() const {
+    QStringList lines;
+    for (int i = 0; i < m_results->topLevelItemCount(); ++i)
+        lines << m_results->topLevelItem(i)->text(0) + QStringLiteral(": ") +
+                     m_results->topLevelItem(i)->text(1);
+    return lines;
+}
+
 void BatchPage::fileStarted(int index) {
     if (QTreeWidgetItem* item = m_results->topLevelItem(index)) {
         item->setText(1, tr("dehazing..."));

@@ -30,6 +30,8 @@ public:
     bool isComplete() const override;
 
     bool done() const { return m_done; }
+    // "file: result" per photograph, as the list shows them.
+    QStringList resultLines() const;
     int failures() const { return m_failures; }
 
 signals:

@@ -53,6 +53,8 @@ void GuiWalkthrough::step() {
     case 2: // the run, once every file has its result
         if (m_wizard->currentId() != SkyrinseWizard::RunPage || !m_wizard->run()->done()) return;
         save(m_wizard, QStringLiteral("wizard-done.png"));
+        for (const QString& line : m_wizard->run()->resultLines())
+            std::fprintf(stderr, "skyrinse: %s\n", qPrintable(line));
         m_timer.stop();
         m_wizard->button(QWizard::FinishButton)->click();
         break;

@@ -113,6 +113,8 @@ int runGui(int& argc, char** argv) {
         if (parser.isSet(walkthrough)) new GuiWalkthrough(&wizard, parser.value(walkthrough));
         wizard.show();
         status = app.exec();
+        // What "Apply to all Images" made the default outlives the session.
+        if (wizard.result() == QDialog::Accepted) process->saveDefaults();
         if (status == 0 && wizard.run()->done() && wizard.run()->failures() > 0) status = 1;
     }
     return status;

@@ -19,7 +19,9 @@ GuiWalkthrough::GuiWalkthrough(SkyrinseWizard* wizard, const QString& folder)
 
 void GuiWalkthrough::save(QWidget* widget, const QString& name) const {
     const QString path = m_folder.filePath(name);
-    if (!widget || !widget->grab().save(path))
+    // Photographs are kept as JPEG, pages of plain widgets as PNG.
+    const int quality = name.endsWith(QLatin1String(".jpg")) ? 92 : -1;
+    if (!widget || !widget->grab().save(path, nullptr, quality))
         std::fprintf(stderr, "skyrinse: could not save %s\n", qPrintable(path));
     else
         std::fprintf(stderr, "skyrinse: saved %s\n", qPrintable(path));
@@ -37,12 +39,12 @@ void GuiWalkthrough::step() {
     case 1: { // the plug-in's page, once its preview is there
         if (m_wizard->currentId() != SkyrinseWizard::PluginPage || !page->isComplete()) return;
         QWidget* preview = page->findChild<QWidget*>(QStringLiteral("UIHazePreviewClass"));
-        save(m_wizard, QStringLiteral("wizard-preview.png"));
-        save(preview, QStringLiteral("preview-split.png"));
+        save(m_wizard, QStringLiteral("wizard-preview.jpg"));
+        save(preview, QStringLiteral("preview-split.jpg"));
         if (preview) {
             QKeyEvent press(QEvent::KeyPress, Qt::Key_Alt, Qt::AltModifier);
             QApplication::sendEvent(preview, &press);
-            save(preview, QStringLiteral("preview-depth.png"));
+            save(preview, QStringLiteral("preview-depth.jpg"));
             QKeyEvent release(QEvent::KeyRelease, Qt::Key_Alt, Qt::NoModifier);
             QApplication::sendEvent(preview, &release);
         }

@@ -6,6 +6,7 @@
 #include "plugin/ZIApplication.h"
 #include "ui/UIHazePage.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QDomDocument>
 #include <QFileInfo>
@@ -79,6 +80,9 @@ QIcon ZHazeOne2One::beforeAfterIcon() const {
 }
 
 QWizardPage* ZHazeOne2One::wizardPage() {
+    // Widgets need a QApplication; a host without one gets no page rather
+    // than a crash.
+    if (!qobject_cast<QApplication*>(QCoreApplication::instance())) return nullptr;
     if (!m_page) {
         auto* page = new UIHazePage(this, nullptr);
         m_page = page;

@@ -4,7 +4,9 @@
 #include "ui/UIHazePreview.h"
 
 #include <QComboBox>
+#include <QCoreApplication>
 #include <QEvent>
+#include <QKeyEvent>
 
 UIHazePage::UIHazePage(ZHazeOne2One* plugin, QWidget* parent)
     : UIImageDefListWizard(parent), m_plugin(plugin), m_preview(new UIHazePreview(plugin)) {
@@ -18,6 +20,22 @@ UIHazePage::~UIHazePage() = default;
 void UIHazePage::changeEvent(QEvent* event) {
     if (event->type() == QEvent::LanguageChange) setSubTitle(m_plugin->description());
     UIImageDefListWizard::changeEvent(event);
+}
+
+// Alt shows the depth map wherever the focus is on the page, the image list
+// included, not only inside the preview.
+void UIHazePage::keyPressEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_Alt)
+        QCoreApplication::sendEvent(m_preview, event);
+    else
+        UIImageDefListWizard::keyPressEvent(event);
+}
+
+void UIHazePage::keyReleaseEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_Alt)
+        QCoreApplication::sendEvent(m_preview, event);
+    else
+        UIImageDefListWizard::keyReleaseEvent(event);
 }
 
 void UIHazePage::setImage(ZIHostImage* image, HazeSettings* settings) {

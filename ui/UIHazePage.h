@@ -22,6 +22,8 @@ public:
 protected:
     void imagesReplaced() override;
     void changeEvent(QEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void keyReleaseEvent(QKeyEvent* event) override;
 
 private:
     ZHazeOne2One* m_plugin;

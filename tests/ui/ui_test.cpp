@@ -264,7 +264,9 @@ TEST_F(UiTest, StrengthDrivesThePictureThroughSliderAndSpinBox) {
 TEST_F(UiTest, AltShowsTheDepthMapInGreyWhileHeld) {
     setStrength(70);
     const QImage result = grab();
-    QTest::keyPress(preview, Qt::Key_Alt);
+    // Pressed while the image list has the focus: the page hands it over.
+    auto* combo = child<QComboBox>("comboBoxImageDef");
+    QTest::keyPress(combo, Qt::Key_Alt);
     const QImage depth = grab();
     for (double fy : {0.2, 0.5, 0.8}) {
         const QRgb p = pixelAt(depth, 0.8, fy);
@@ -273,7 +275,7 @@ TEST_F(UiTest, AltShowsTheDepthMapInGreyWhileHeld) {
     }
     // Farther rows (the top) are more veiled than near ones.
     EXPECT_GT(qRed(pixelAt(depth, 0.8, 0.1)), qRed(pixelAt(depth, 0.8, 0.9)));
-    QTest::keyRelease(preview, Qt::Key_Alt);
+    QTest::keyRelease(combo, Qt::Key_Alt);
     EXPECT_EQ(grab(), result);
 
     // During a computation Alt changes nothing.

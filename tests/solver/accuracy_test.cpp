@@ -5,8 +5,11 @@
 // with and without the matching, against dense LAPACK in the same precision.
 #include "AccuracyCorpus.h"
 
+#include "runtime/nrt.h"
+
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 
 extern "C" {
@@ -91,6 +94,38 @@ TYPED_TEST(Accuracy, EveryAnswerIsRightOrReportedAsAFailure) {
     std::printf("  solved %d, reported failures %d; dense LAPACK solved %d\n", solved, refused,
                 lapackSolved);
     EXPECT_GT(solved, 0);
+}
+
+// The supernodes, the pivots and their perturbations must not depend on how
+// many threads a call is granted.
+TEST(ThreadCount, SameFactorAndAnswerForOneAndTwoThreads) {
+    const int saved = nrt_get_max_threads();
+    Entries e = laplacian5(30, 30, -2.3);
+    for (int i = 1; i < 900; i += 3)
+        e[{i, i}] = 0.0;
+    // A dense coupling of the last 150 unknowns: a supernode wider than any
+    // panel width that a thread count could choose.
+    for (int i = 750; i < 900; ++i)
+        for (int j = 750; j < 900; ++j)
+            if (i != j) e[{i, j}] += 0.01 * std::sin(1.0 * i * j);
+    for (int mtype : {-2, 11}) {
+        SCOPED_TRACE(mtype);
+        const System s = fromEntries("shifted laplacian", mtype, 900, e);
+        std::vector<std::vector<float>> answers;
+        std::vector<int> perturbed;
+        for (int threads : {1, 2}) {
+            nrt_set_num_threads(threads);
+            SpdsRun<float> run(s);
+            std::vector<float> b = narrow<float>(randomVector(900, 12)), x(900);
+            ASSERT_EQ(run.call(13, &b, &x), 0);
+            EXPECT_EQ(run.iparm[2], threads);
+            answers.push_back(x);
+            perturbed.push_back(run.iparm[13]);
+        }
+        EXPECT_EQ(answers[0], answers[1]);
+        EXPECT_EQ(perturbed[0], perturbed[1]);
+    }
+    nrt_set_num_threads(saved);
 }
 
 } // namespace

@@ -448,11 +448,4 @@ TYPED_TEST(Diagonal, SolvedWithoutAHandle) {
     EXPECT_EQ(x, std::vector<T>(8, T(-99)));
 }
 
-TEST(Reports, NothingIsPrintedAtMessageLevelZero) {
-    Solver s;
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(s.call(11, stencilPattern(4, 3, false)), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-}
-
 } // namespace

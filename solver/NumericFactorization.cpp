@@ -28,6 +28,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -123,6 +124,7 @@ private:
     Block<T> dlt;    // D L^T of the current source
     IntBlock xentry; // n+1 starts of the entries of each factor column
     Block<Entry<T>> entries;
+    double largest = 0; // largest magnitude of the matrix as factored
 };
 
 template <class T>
@@ -164,6 +166,7 @@ void Worker<T>::groupEntries() {
             const auto [k, l] = place(r, c);
             double v = static_cast<double>(a[p]);
             if (scaled) v *= rowScale[r] * colScale[c];
+            largest = std::max(largest, std::abs(v));
             Entry<T> e{k, l, static_cast<T>(v)};
             if (!lu && k < l) std::swap(e.row, e.col);
             entries[fill[static_cast<std::size_t>(std::min(k, l) - 1)]++] = e;
@@ -392,13 +395,6 @@ NumericResult Worker<T>::factorBlock(int sn, int fst, int hs, int ws) {
 template <class T>
 NumericResult Worker<T>::run() {
     NumericResult result;
-    const float eps =
-        pivotEpsilon(rq.mtype, rq.pivotExponent, n, static_cast<const T*>(rq.a), rq.ia);
-    // An exponent of 0 asks for no threshold; a zero pivot then still has to
-    // become something that can be divided by.
-    rule.threshold = static_cast<T>(std::abs(eps));
-    rule.replacement = eps == 0.0f ? static_cast<T>(1e-8) : static_cast<T>(std::abs(eps));
-
     indmap = IntBlock(n, kWorkCode, &h.memory);
     relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
     head = IntBlock(nsuper, kWorkCode, &h.memory);
@@ -409,6 +405,7 @@ NumericResult Worker<T>::run() {
     const std::int64_t panel = std::max(1, s.largestSupernode);
     dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
     groupEntries();
+    rule = pivotRule<T>(rq.pivotExponent, largest);
 
     const OneBased<int> map(indmap.data());
     const std::int64_t total = std::max<std::int64_t>(1, s.lnzSize);
@@ -491,21 +488,15 @@ bool numericSupported(int mtype) {
 }
 
 template <class T>
-float pivotEpsilon(int mtype, int exponent, int n, const T* a, const int* ia) {
-    if (exponent == 0) return 0.0f;
-    float eps = static_cast<float>(std::exp(-2.3025851 * std::abs(exponent)));
-    if (mtype == -4 || mtype == -2 || mtype == 6) {
-        // Only the entries of row 1 after its first take part: the scale of
-        // one row stands for the matrix, as it always has.
-        double m = 0;
-        if (n > 0 && a && ia)
-            for (int k = ia[0] + 1; k <= ia[1] - 1; ++k)
-                m = std::max(m, std::abs(static_cast<double>(a[k - 1])));
-        if (m == 0 || n == 0) m = 1;
-        eps =
-            m < 1 ? static_cast<float>(eps * std::sqrt(m)) : static_cast<float>(eps / std::sqrt(m));
-    }
-    return eps;
+PivotRule<T> pivotRule(int exponent, double largest) {
+    const double scale = largest > 0 && std::isfinite(largest) ? largest : 1.0;
+    const double root = std::sqrt(std::numeric_limits<T>::epsilon() / 2);
+    const double tiny = exponent == 0 ? 0.0 : std::pow(10.0, -std::abs(exponent));
+    PivotRule<T> rule;
+    rule.threshold = static_cast<T>(tiny * scale);
+    rule.replacement = static_cast<T>(std::max(tiny, root) * scale);
+    rule.growth = static_cast<T>(root);
+    return rule;
 }
 
 double factorizationOperations(const SymbolicResult& s, int n, bool lu) {
@@ -544,7 +535,7 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
 
 template NumericResult numericFactorization<float>(Handle&, const NumericRequest&, FactorRow&);
 template NumericResult numericFactorization<double>(Handle&, const NumericRequest&, FactorRow&);
-template float pivotEpsilon<float>(int, int, int, const float*, const int*);
-template float pivotEpsilon<double>(int, int, int, const double*, const int*);
+template PivotRule<float> pivotRule<float>(int, double);
+template PivotRule<double> pivotRule<double>(int, double);
 
 } // namespace skyrinse::spds

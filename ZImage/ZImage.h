@@ -79,6 +79,8 @@ public:
     std::unique_ptr<float[]> upsampleDarkChannel(const float* map, const ZImage& working) const;
     void applyHazeRemoval(const float* airDepthMap, std::span<const float, 3> airlight,
                           float strength);
+    void upsampleAndApplyHazeRemoval(const float* map, const ZImage& working,
+                                     std::span<const float, 3> airlight, float strength);
 
     bool IsEmpty() const { return bitmap == nullptr; }
     bool OwnsData() const { return ownsData != 0; }

@@ -184,10 +184,14 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
 
     ZImage working;
     {
+        // The source is given back as soon as it is converted: the host may
+        // free its pixels while the haze is removed.
         const AcquiredImage source(image);
         source.pixels().CopyTo(working, ZImage::RGBA, 32);
-        runHazeRemoval(working, settings);
     }
+    // Nothing reuses the full-size map of a run that writes its file, so it
+    // is made row by row and never held.
+    ::runHazeRemoval(working, *settings, DepthMap::Discard);
 
     ZImage output;
     working.CopyTo(output, targetType(image->channelCount()), targetDepth(image->bitDepth()));

@@ -144,6 +144,12 @@ int main(int argc, char** argv) {
             bestSeconds(1, [&] { image.applyHazeRemoval(depth.get(), airlight, 0.6f); });
         const double cApply = lastCpuSeconds;
 
+        ZImage fusedImage;
+        fusedImage.CopyFrom(source);
+        const double tFused = bestSeconds(3, [&] {
+            fusedImage.upsampleAndApplyHazeRemoval(dark.get(), working, airlight, 0.6f);
+        });
+        std::printf("  fused %8.1f ms (cpu %7.1f ms)\n", tFused * 1e3, lastCpuSeconds * 1e3);
         const double t[4] = {tResize, tEstimate, tUpsample, tApply};
         std::copy(t, t + 4, seconds[threads - 1]);
         auto line = [&](const char* name, double s, double cpu, double bytesPerPixel) {

@@ -24,7 +24,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <numbers>
+#include <omp.h>
+#include <optional>
 #include <vector>
 
 namespace haze {
@@ -251,4 +254,66 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap) {
         settings.airDepthMap = image.upsampleDarkChannel(map.get(), working);
     }
     image.applyHazeRemoval(settings.airDepthMap.get(), settings.airlight, s);
+}
+
+void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
+                        int colourType, int depth) {
+    const int w = source.Width();
+    const int h = source.Height();
+    Z_CHECK(w > 0 && h > 0, Z_INVALID_BITMAP);
+    Z_CHECK(ZImage::ComponentsOfType(source.BitmapType()) > 0, Z_INVALID_BITMAP);
+    const float s = static_cast<float>(settings.strength / 100.0);
+
+    // The map at working size, as runHazeRemoval makes it; the working copy
+    // is resampled from rows converted on the way.
+    ZImage working;
+    std::unique_ptr<float[]> map;
+    std::optional<haze::RowUpsampler> upsampler;
+    if (settings.strength != 0 && !settings.airDepthMap) {
+        const HazeWorkingSize size = hazeWorkingSize(w, h);
+        source.ResizeAsFloatTo(working, size.width, size.height);
+        map = working.estimateDarkChannel(settings.airlight);
+        working.refineDarkChannel(
+            std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
+        upsampler.emplace(working, map.get(), w, h);
+    }
+    target.Create(w, h, colourType, depth, false);
+
+    // Bands of rows go from the source's format to RGBA float, lose their
+    // haze and go on to the target's format while they are in the cache.
+    // Each thread owns a contiguous run of bands and its own band buffer.
+    constexpr int bandRows = 8;
+    const int bands = (h + bandRows - 1) / bandRows;
+    const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
+    const float a[3] = {settings.airlight[0], settings.airlight[1], settings.airlight[2]};
+    const float* cached = settings.airDepthMap.get();
+    std::vector<ZImage> buffers(static_cast<std::size_t>(threads));
+    for (ZImage& buffer : buffers)
+        buffer.Create(w, bandRows, ZImage::RGBA, 32, false);
+    std::exception_ptr failure;
+#pragma omp parallel for schedule(static) num_threads(threads)
+    for (int band = 0; band < bands; ++band) {
+        try {
+            ZImage& buffer = buffers[static_cast<std::size_t>(omp_get_thread_num())];
+            const int y0 = band * bandRows;
+            const int rows = std::min(bandRows, h - y0);
+            source.Copy(0, y0, w, rows, buffer, 0, 0);
+            if (settings.strength != 0)
+                for (int r = 0; r < rows; ++r) {
+                    float* p = reinterpret_cast<float*>(buffer.PixelAt(0, r));
+                    if (upsampler) {
+                        upsampler->dehazeRow(p, y0 + r, a, s);
+                    } else {
+                        const float* m = cached + static_cast<std::size_t>(y0 + r) * w;
+                        for (int x = 0; x < w; ++x)
+                            haze::applyPixel(p + 4 * x, m[x], a, s);
+                    }
+                }
+            buffer.Copy(0, 0, w, rows, target, 0, y0);
+        } catch (...) {
+#pragma omp critical(hazeBandFailure)
+            if (!failure) failure = std::current_exception();
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
 }

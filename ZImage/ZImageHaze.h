@@ -81,3 +81,15 @@ enum class DepthMap {
 // it is discarded) and reused when it is not. On an exception the image is
 // unchanged and airDepthMap stays null; nothing leaks.
 void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap = DepthMap::Keep);
+
+// The run of a photograph held in any format, into `target` of the given
+// colour type and depth: the pixels of source.CopyTo(RGBA float), then
+// runHazeRemoval with the map discarded, then CopyTo(target), bit for bit,
+// without ever holding the float picture or the full-size map. The working
+// copy is resampled from rows converted on the way, and bands of a few rows
+// are converted, freed of haze and converted again while in the cache. A
+// cached airDepthMap is used as runHazeRemoval would use it. On an exception
+// airDepthMap stays as it was and nothing leaks; the target may be partly
+// written.
+void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
+                        int colourType, int depth);

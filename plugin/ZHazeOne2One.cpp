@@ -182,20 +182,16 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     outputPath = outputPathFor(sourcePath, forcesTiff);
     const QString format = QFileInfo(outputPath).suffix();
 
-    ZImage working;
-    {
-        // The source is given back as soon as it is converted: the host may
-        // free its pixels while the haze is removed.
-        const AcquiredImage source(image);
-        source.pixels().CopyTo(working, ZImage::RGBA, 32);
-    }
-    // Nothing reuses the full-size map of a run that writes its file, so it
-    // is made row by row and never held.
-    ::runHazeRemoval(working, *settings, DepthMap::Discard);
-
+    // The source's pixels go to the output's format band by band through
+    // the float form that the haze removal works in; neither that form nor
+    // the full-size map is ever held whole, and the source is given back as
+    // soon as the output is complete.
     ZImage output;
-    working.CopyTo(output, targetType(image->channelCount()), targetDepth(image->bitDepth()));
-    working.Free();
+    {
+        const AcquiredImage source(image);
+        runHazeRemovalInto(source.pixels(), *settings, output, targetType(image->channelCount()),
+                           targetDepth(image->bitDepth()));
+    }
     QStringList notes;
     output.Save(outputPath, format, -1, sourcePath, &notes);
     // The picture is written; what of the source's metadata could not go

@@ -64,9 +64,9 @@ inline int rangeIndex(float difference) {
 // loop otherwise. Read-only once built; threads share one.
 class RowUpsampler {
 public:
-    // Plain forces the portable loop, for the tests that hold the vector path
-    // to it.
-    enum class Path { Fastest, Plain };
+    // The widest path the processor has (AVX-512, AVX2, or the portable
+    // loop); the tests force each of the others to hold it to the formulas.
+    enum class Path { Fastest, Avx2, Plain };
     RowUpsampler(const ZImage& working, const float* map, int fullWidth, int fullHeight,
                  Path path = Path::Fastest);
     // The map of full row y, whose RGBA float pixels are given.
@@ -78,15 +78,19 @@ public:
 private:
     int workingRow(int y) const;
     float pixel(const float* p, int x, int ys) const;
+    // From pixel x0 of the row (p points at it) to its end.
     template <bool Apply>
-    void rowVector(float* p, int y, float* depth, const float a[3], float strength) const;
+    void rowVector(float* p, int y, float* depth, const float a[3], float strength,
+                   int x0 = 0) const;
+    template <bool Apply>
+    void rowVector16(float* p, int y, float* depth, const float a[3], float strength) const;
 
     int w, h, sw, sh;
     std::size_t stride; // of one padded working row in `planes`
     float fx, fy;
     const double* G;
-    double K[3][3]; // [1 + dx][1 + dy]
-    bool useVector;
+    double K[3][3];  // [1 + dx][1 + dy]
+    int vectorWidth; // 16 (AVX-512), 8 (AVX2) or 0
     // Red, green, blue, map value and opacity mask (all bits set or none),
     // each sh padded rows of `stride`; padding is transparent.
     std::vector<float> planes;

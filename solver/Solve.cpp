@@ -4,8 +4,17 @@
 // n). The rows of a diagonal block are consecutive in Y, so a block solve
 // reads and writes Y in place; the rows below a block are scattered, so
 // their contribution is formed in a buffer and then added row by row.
+//
+// On several threads the sweeps follow the factorization's tree schedule
+// (TreeSchedule.h): forward, each thread sweeps its subtrees and gathers
+// what they push into rows of the top in a vector of its own; those are
+// added to Y in thread order before the top is swept on the calling thread.
+// Backward, the top goes first, then each thread its subtrees, which only
+// read rows outside them. So no row is written by two threads; the sums into
+// the top rows are grouped by thread, which changes their rounding only.
 #include "Solve.h"
 
+#include "TreeSchedule.h"
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
 #include "internal/OneBased.h"
@@ -13,6 +22,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <utility>
+#include <vector>
+
+#include <omp.h>
 
 namespace skyrinse::spds {
 
@@ -42,6 +54,10 @@ struct FactorSolver<T>::Impl {
     IntBlock scatterIndex;
     Block<T> gatherScale;
     Block<T> scatterScale;
+    TreeSchedule plan;
+    std::vector<Block<T>> sinks;   // per thread: what its subtrees push into top rows
+    std::vector<Block<T>> buffers; // per thread: the rows below one block
+    std::vector<char> topRow;      // by position: the row lies in the top
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
         : h(handle), s(handle.symbolic), n(handle.n), nrhs(rhs) {
@@ -52,6 +68,21 @@ struct FactorSolver<T>::Impl {
         f = layout.view<T>(const_cast<std::byte*>(row.values.data()));
         y = Block<T>(checkedMul(n, nrhs), kWorkCode, &h.memory);
         buffer = Block<T>(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode, &h.memory);
+        plan = scheduleTree(s, nrt_get_max_threads(), kind == Kind::Lu);
+        if (plan.threads > 1) {
+            for (int k = 0; k < plan.threads; ++k) {
+                sinks.emplace_back(checkedMul(n, nrhs), kWorkCode, &h.memory);
+                buffers.emplace_back(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode,
+                                     &h.memory);
+            }
+            topRow.assign(static_cast<std::size_t>(n), 0);
+            const OneBased<const int> xsup(s.xsup.data());
+            for (int i = plan.start[static_cast<std::size_t>(plan.threads)]; i < s.nsuper; ++i) {
+                const int sn = plan.order[static_cast<std::size_t>(i)];
+                for (int c = xsup[sn]; c < xsup[sn + 1]; ++c)
+                    topRow[static_cast<std::size_t>(c - 1)] = 1;
+            }
+        }
         gatherIndex = IntBlock(n, kWorkCode, &h.memory);
         scatterIndex = IntBlock(n, kWorkCode, &h.memory);
         gatherScale = Block<T>(n, kWorkCode, &h.memory);
@@ -141,30 +172,38 @@ struct FactorSolver<T>::Impl {
     }
 
     // Y(rows below) -= P Y(block), P the m x ws panel at `p` (leading dim ldp).
-    void pushBelow(const T* p, int ldp, int m, int ws, int fst, const int* below) {
+    // With a sink, rows of the top take the contribution there instead.
+    void pushBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* sink, T* buf) {
         if (m <= 0) return;
         const T* yb = y.data() + fst - 1;
+        auto target = [&](int row) {
+            return sink && topRow[static_cast<std::size_t>(row)] ? sink : y.data();
+        };
         if (nrhs == 1) {
             for (int j = 0; j < ws; ++j) {
                 const T v = yb[j];
                 if (v == T(0)) continue;
                 const T* pj = p + static_cast<std::int64_t>(j) * ldp;
-                for (int i = 0; i < m; ++i)
-                    y[below[i] - 1] -= pj[i] * v;
+                for (int i = 0; i < m; ++i) {
+                    const int r = below[i] - 1;
+                    target(r)[r] -= pj[i] * v;
+                }
             }
             return;
         }
-        blas::gemm('N', 'N', m, nrhs, ws, T(1), p, ldp, yb, n, T(0), buffer.data(), m);
+        blas::gemm('N', 'N', m, nrhs, ws, T(1), p, ldp, yb, n, T(0), buf, m);
         for (int j = 0; j < nrhs; ++j) {
-            T* yj = y.data() + static_cast<std::int64_t>(j) * n;
-            const T* bj = buffer.data() + static_cast<std::int64_t>(j) * m;
-            for (int i = 0; i < m; ++i)
-                yj[below[i] - 1] -= bj[i];
+            const std::int64_t col = static_cast<std::int64_t>(j) * n;
+            const T* bj = buf + static_cast<std::int64_t>(j) * m;
+            for (int i = 0; i < m; ++i) {
+                const int r = below[i] - 1;
+                target(r)[col + r] -= bj[i];
+            }
         }
     }
 
     // Y(block) -= P^T Y(rows below).
-    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below) {
+    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* buf) {
         if (m <= 0) return;
         T* yb = y.data() + fst - 1;
         if (nrhs == 1) {
@@ -179,39 +218,64 @@ struct FactorSolver<T>::Impl {
         }
         for (int j = 0; j < nrhs; ++j) {
             const T* yj = y.data() + static_cast<std::int64_t>(j) * n;
-            T* bj = buffer.data() + static_cast<std::int64_t>(j) * m;
+            T* bj = buf + static_cast<std::int64_t>(j) * m;
             for (int i = 0; i < m; ++i)
                 bj[i] = yj[below[i] - 1];
         }
-        blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buffer.data(), m, T(1), yb, n);
+        blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buf, m, T(1), yb, n);
+    }
+
+    void forwardNode(int sn, T* sink, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
+            xlindx(s.xlindx.data());
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const int hs = xlnz[fst + 1] - xlnz[fst];
+        const T* L = f.lnz + xlnz[fst] - 1;
+        const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
+        if (kind == Kind::Cholesky) {
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
+            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
+        } else if (kind == Kind::Indefinite) {
+            applySwaps(fst, ws, f.rowPivot, true);
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
+            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
+        } else if (!transpose) {
+            applySwaps(fst, ws, f.rowPivot, false);
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
+            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
+        } else {
+            applySwaps(fst, ws, f.colPivot, false);
+            blockSolve(L, hs, ws, fst, 'U', 'T', 'N');
+            pushBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, sink, buf);
+        }
     }
 
     void forward() {
-        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
-            xlindx(s.xlindx.data());
-        for (int sn = 1; sn <= s.nsuper; ++sn) {
-            const int fst = xsup[sn];
-            const int ws = xsup[sn + 1] - fst;
-            const int hs = xlnz[fst + 1] - xlnz[fst];
-            const T* L = f.lnz + xlnz[fst] - 1;
-            const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
-            if (kind == Kind::Cholesky) {
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else if (kind == Kind::Indefinite) {
-                applySwaps(fst, ws, f.rowPivot, true);
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else if (!transpose) {
-                applySwaps(fst, ws, f.rowPivot, false);
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else {
-                applySwaps(fst, ws, f.colPivot, false);
-                blockSolve(L, hs, ws, fst, 'U', 'T', 'N');
-                pushBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below);
-            }
+        if (plan.threads == 1) {
+            for (int sn = 1; sn <= s.nsuper; ++sn)
+                forwardNode(sn, nullptr, buffer.data());
+            return;
         }
+        const int t = plan.threads;
+        const std::int64_t size = static_cast<std::int64_t>(n) * nrhs;
+#pragma omp parallel num_threads(t)
+        {
+            const int k = omp_get_thread_num();
+            T* sink = sinks[static_cast<std::size_t>(k)].data();
+            std::fill(sink, sink + size, T(0));
+            for (int i = plan.start[static_cast<std::size_t>(k)];
+                 i < plan.start[static_cast<std::size_t>(k) + 1]; ++i)
+                forwardNode(plan.order[static_cast<std::size_t>(i)], sink,
+                            buffers[static_cast<std::size_t>(k)].data());
+        }
+        for (int k = 0; k < t; ++k) {
+            const T* sink = sinks[static_cast<std::size_t>(k)].data();
+            for (std::int64_t i = 0; i < size; ++i)
+                y[i] += sink[i];
+        }
+        for (int i = plan.start[static_cast<std::size_t>(t)]; i < s.nsuper; ++i)
+            forwardNode(plan.order[static_cast<std::size_t>(i)], nullptr, buffer.data());
     }
 
     void diagonal() {
@@ -239,31 +303,48 @@ struct FactorSolver<T>::Impl {
         }
     }
 
-    void backward() {
+    void backwardNode(int sn, T* buf) {
         const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
             xlindx(s.xlindx.data());
-        for (int sn = s.nsuper; sn >= 1; --sn) {
-            const int fst = xsup[sn];
-            const int ws = xsup[sn + 1] - fst;
-            const int hs = xlnz[fst + 1] - xlnz[fst];
-            const T* L = f.lnz + xlnz[fst] - 1;
-            const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
-            if (kind == Kind::Cholesky) {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'N');
-            } else if (kind == Kind::Indefinite) {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
-                undoSwaps(fst, ws, f.rowPivot, true);
-            } else if (!transpose) {
-                pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'U', 'N', 'N');
-                undoSwaps(fst, ws, f.colPivot, false);
-            } else {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
-                undoSwaps(fst, ws, f.rowPivot, false);
-            }
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const int hs = xlnz[fst + 1] - xlnz[fst];
+        const T* L = f.lnz + xlnz[fst] - 1;
+        const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
+        if (kind == Kind::Cholesky) {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'N');
+        } else if (kind == Kind::Indefinite) {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
+            undoSwaps(fst, ws, f.rowPivot, true);
+        } else if (!transpose) {
+            pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'U', 'N', 'N');
+            undoSwaps(fst, ws, f.colPivot, false);
+        } else {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
+            undoSwaps(fst, ws, f.rowPivot, false);
+        }
+    }
+
+    void backward() {
+        if (plan.threads == 1) {
+            for (int sn = s.nsuper; sn >= 1; --sn)
+                backwardNode(sn, buffer.data());
+            return;
+        }
+        const int t = plan.threads;
+        for (int i = s.nsuper - 1; i >= plan.start[static_cast<std::size_t>(t)]; --i)
+            backwardNode(plan.order[static_cast<std::size_t>(i)], buffer.data());
+#pragma omp parallel num_threads(t)
+        {
+            const int k = omp_get_thread_num();
+            for (int i = plan.start[static_cast<std::size_t>(k) + 1] - 1;
+                 i >= plan.start[static_cast<std::size_t>(k)]; --i)
+                backwardNode(plan.order[static_cast<std::size_t>(i)],
+                             buffers[static_cast<std::size_t>(k)].data());
         }
     }
 };

@@ -128,7 +128,9 @@ private:
     void groupEntries();
     void buildSourceLists();
     std::int64_t largestScatteredUpdate() const;
-    bool factorSupernode(int sn, ThreadWork<T>& w);
+    // With `done`, each source is waited for until it is marked finished;
+    // false with no failure recorded when the stop flag ended the wait.
+    bool factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done = nullptr);
     bool scatter(int sn, int fst, int lst, int hs, ThreadWork<T>& w);
     void update(int d, int r, int sn, ThreadWork<T>& w);
     void formDLt(int d, int p0, int q, T* out);
@@ -138,6 +140,9 @@ private:
     // Runs the supernodes order[from..to) on the calling thread. Returns
     // false when it stopped early (failure here, or the flag raised).
     bool runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports);
+    // The comparison scheme: pnlsch by a shared cursor, every update waited
+    // for (NumericRequest::queueSchedule).
+    void runQueued(int threads, std::vector<ThreadWork<T>>& work);
     bool reportIfGrown();
 
     Handle& h;
@@ -476,7 +481,7 @@ bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
 // before sn is taken: sources are descendants, and each thread's list and
 // the top list are in postorder, the top after all subtrees.
 template <class T>
-bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w) {
+bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done) {
     const int fst = xsup[sn];
     const int lst = xsup[sn + 1] - 1;
     const int ws = lst - fst + 1;
@@ -495,8 +500,12 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w) {
         w.failure = kFailStructure;
         return false;
     }
-    for (int e = xsource[sn - 1]; e < xsource[sn]; ++e)
+    for (int e = xsource[sn - 1]; e < xsource[sn]; ++e) {
+        if (done)
+            while (done[source[e]].load(std::memory_order_acquire) == 0)
+                if (stop.load(std::memory_order_relaxed) != kRunning) return false;
         update(source[e], sourceRows[e], sn, w);
+    }
     if (!factorBlock(fst, hs, ws, w)) {
         w.failure = kFailPivot;
         return false;
@@ -539,6 +548,35 @@ bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bo
 }
 
 template <class T>
+void Worker<T>::runQueued(int threads, std::vector<ThreadWork<T>>& work) {
+    std::vector<std::atomic<int>> done(static_cast<std::size_t>(nsuper) + 1);
+    std::atomic<int> cursor{0};
+#pragma omp parallel num_threads(threads)
+    {
+        const int id = omp_get_thread_num();
+        ThreadWork<T>& w = work[static_cast<std::size_t>(id)];
+        for (;;) {
+            if (stop.load(std::memory_order_relaxed) != kRunning) break;
+            const int i = cursor.fetch_add(1, std::memory_order_relaxed);
+            if (i >= nsuper) break;
+            const int sn = std::abs(s.pnlsch[i]);
+            if (!factorSupernode(sn, w, done.data())) {
+                if (w.failure == 0) break;
+                w.failedAt = std::min(w.failedAt, i);
+                int expected = kRunning;
+                stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
+                break;
+            }
+            done[static_cast<std::size_t>(sn)].store(1, std::memory_order_release);
+            finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) -
+                                          xlnz[xsup[sn]],
+                                      std::memory_order_relaxed);
+            if (id == 0 && !reportIfGrown()) break;
+        }
+    }
+}
+
+template <class T>
 NumericResult Worker<T>::run() {
     NumericResult result;
     const float eps =
@@ -549,7 +587,7 @@ NumericResult Worker<T>::run() {
     rule.replacement = eps == 0.0f ? static_cast<T>(1e-8) : static_cast<T>(std::abs(eps));
 
     const TreeSchedule plan = scheduleTree(s, std::max(1, rq.threads), lu);
-    const int t = plan.threads;
+    const int t = rq.queueSchedule ? std::max(1, rq.threads) : plan.threads;
     const std::int64_t tempSize = std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate());
     const std::int64_t panel = std::max(1, s.largestSupernode);
     std::vector<ThreadWork<T>> work(static_cast<std::size_t>(t));
@@ -567,7 +605,9 @@ NumericResult Worker<T>::run() {
         return result;
     }
     const int* order = plan.order.data();
-    if (t > 1) {
+    if (rq.queueSchedule && rq.threads > 1) {
+        runQueued(t, work);
+    } else if (t > 1) {
         // The subtrees: each thread its own, no update crosses between them,
         // so nothing is waited for and nothing locked. The dense kernels run
         // on one thread in here (the runtime services see the region).
@@ -591,7 +631,7 @@ NumericResult Worker<T>::run() {
     }
     // The top of the tree (everything with one thread) on the calling
     // thread, where the dense kernels take all the granted threads.
-    if (stop.load(std::memory_order_relaxed) == kRunning)
+    if (stop.load(std::memory_order_relaxed) == kRunning && !(rq.queueSchedule && rq.threads > 1))
         runList(order, t > 1 ? plan.start[static_cast<std::size_t>(t)] : 0, nsuper, work[0], true);
 
     for (const ThreadWork<T>& w : work) {

@@ -52,6 +52,9 @@ struct NumericRequest {
     bool bunchKaufman = true; // iparm[20] != 0 (mtype -2 only)
     int pivotExponent = 8;    // iparm[9]
     int threads = 1;          // granted to this call
+    // Instead of the subtree schedule: pnlsch by a shared cursor on every
+    // thread, each update waited for; kept for the benchmark's comparison.
+    bool queueSchedule = false;
 };
 
 struct NumericResult {

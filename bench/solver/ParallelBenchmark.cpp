@@ -5,6 +5,8 @@
 // against the sgemm/dgemm rate measured in the same run on as many threads,
 // whether the two factors agree to the last bit, and the tree model: its
 // critical path and the speed-up it predicts for 4, 8, 16 and 64 threads.
+// The shared-cursor scheme (pnlsch by a cursor, every update waited for)
+// runs on two threads for comparison.
 #include "FullBenchmark.h"
 
 #include "Handle.h"
@@ -57,6 +59,8 @@ double gemmRate(int t, int reps) {
 
 struct Run {
     double factor[3] = {1e30, 1e30, 1e30}; // by thread count 1, 2
+    double queued = 1e30;                  // the shared-cursor scheme on 2 threads
+    bool queuedIdentical = false;
     double solve[3] = {1e30, 1e30, 1e30};
     double mflop = 0;
     bool identical = false;
@@ -108,6 +112,15 @@ Run measure(const Problem& p, int reps, std::vector<double>* model) {
         else
             run.identical = first.size() == bytes && std::memcmp(first.data(), v, bytes) == 0;
     }
+    if (run.error == 0) {
+        skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt);
+        h->queueSchedule = true;
+        for (int r = 0; r < reps && run.error == 0; ++r)
+            run.queued = std::min(run.queued, call(22));
+        h->queueSchedule = false;
+        const std::byte* v = h->factors[0].values.data();
+        run.queuedIdentical = std::memcmp(first.data(), v, first.size()) == 0;
+    }
     if (model && run.error == 0) {
         const skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt);
         for (int t : {1, 2, 4, 8, 16, 64}) {
@@ -136,6 +149,8 @@ void printRun(const char* precision, const Run& r, double gemm2) {
                 precision, r.factor[1], r.factor[2], r.factor[1] / r.factor[2], r.solve[1],
                 r.solve[2], r.solve[1] / r.solve[2], rate2, 100.0 * rate2 / gemm2,
                 std::is_same_v<T, float> ? "sgemm" : "dgemm", r.identical ? "identical" : "differ");
+    std::printf("          queue scheme on 2 threads: factor %7.3f  x%.2f   bits %s\n", r.queued,
+                r.factor[1] / r.queued, r.queuedIdentical ? "identical" : "differ");
 }
 
 } // namespace
@@ -158,7 +173,8 @@ int parallelBenchmark(int argc, char** argv) {
                 "(1 / 2 threads)\n",
                 s1, s2, d1, d2);
     std::printf("columns: seconds on 1 and 2 threads and the speed-up; the factorization's rate on "
-                "2 threads against the product's; factor bits of 1 and 2 threads\n");
+                "2 threads against the product's; factor bits of 1 and 2 threads; the same on 2 "
+                "threads with the shared-cursor (update-queue) scheme\n");
     std::vector<Problem> problems;
     problems.push_back(bench::laplacian3d(40));
     problems.push_back(

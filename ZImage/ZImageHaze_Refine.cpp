@@ -37,6 +37,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstddef>
 #include <exception>
 #include <limits>
@@ -238,6 +239,11 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
     Z_CHECK(BitsPerComponent() == 32, Z_INVALID_BITMAP);
     Z_CHECK(map.size() == static_cast<std::size_t>(Width()) * static_cast<std::size_t>(Height()),
             Z_INVALID_PARAMETER);
+
+    // A map that is not finite everywhere (a zero airlight channel: a black
+    // picture, which has no haze) has nothing to refine, and the solver
+    // refuses such a right-hand side: the map stays as it is.
+    if (!std::all_of(map.begin(), map.end(), [](float d) { return std::isfinite(d); })) return;
 
     CSparseSingle matrix;
     assembleMattingSystem(*this, matrix);

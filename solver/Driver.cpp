@@ -44,10 +44,36 @@ constexpr int kStatusMemory = -2;
 constexpr int kStatusReordering = -3;
 constexpr int kStatusOverflow = -8;
 constexpr int kStatusNumeric = -4;
+constexpr int kStatusStructural = -6;
 constexpr int kCodeNoVectors = 9;
 // The factorization's arrays hold an entry that the analysed pattern has no
 // place for; the caller has to analyse the new pattern first.
 constexpr int kCodeOutsideStructure = 25;
+// A value of a, or of b, is infinite or not a number.
+constexpr int kCodeNonFiniteMatrix = 26;
+constexpr int kCodeNonFiniteRhs = 27;
+// A factorization, or a matching that weighs the values, without `a`.
+constexpr int kCodeNoValues = 28;
+
+// Whether some row holds no entry on the diagonal, or only zeros there.
+template <class T>
+bool zeroOnDiagonal(int n, const int* ia, const int* ja, const void* values) {
+    const T* a = static_cast<const T*>(values);
+    for (int i = 1; i <= n; ++i) {
+        T d = 0;
+        for (int p = ia[i - 1] - 1; p < ia[i] - 1; ++p)
+            if (ja[p] == i) d += a[p];
+        if (d == T(0)) return true;
+    }
+    return false;
+}
+
+template <class T>
+bool allFinite(const T* v, std::int64_t count) {
+    for (std::int64_t i = 0; i < count; ++i)
+        if (!std::isfinite(v[i])) return false;
+    return true;
+}
 
 bool acceptedMatrixType(int mtype) {
     const int m = mtype < 0 ? -mtype : mtype;
@@ -146,7 +172,7 @@ int Call<T>::argumentCheck() {
     const int maxfct = *a.maxfct, mnum = *a.mnum, mtype = *a.mtype, n = *a.n;
     int* iparm = a.iparm;
     if (ph < -1 || ph >= 34) return 1;
-    if (h->maxfct >= 1 && maxfct > h->maxfct) return 2;
+    if (maxfct < 1 || (h->maxfct >= 1 && maxfct > h->maxfct)) return 2;
     if (mnum > maxfct) return 3;
     // Phases 12 and 13 factor too: without a factor number they would write
     // before the first row of the factor table.
@@ -159,7 +185,7 @@ int Call<T>::argumentCheck() {
     if (n < 1) return 7;
     if (!a.ia) return 8;
     if (a.ia[n] - 1 < n) return 8;
-    if (*a.nrhs < 1 && ph >= 33) return 9;
+    if (*a.nrhs < 1 && (ph >= 33 || ph == 13 || ph == 23)) return 9;
     if (iparm[5] != 0 && iparm[5] != 1) return 10;
     if (iparm[1] < 0 || iparm[1] > 3) return 11;
     if (iparm[26] != 0) {
@@ -219,18 +245,43 @@ void Call<T>::analyse() {
         internal = 22;
         return;
     }
+    if (!a.a && h->matching > 0) {
+        status = kStatusParameters;
+        internal = kCodeNoValues;
+        return;
+    }
     const int bounds = checkMatrix(n, a.ia, a.ja, false, kCheckBoundsOnly, iparm + 30);
     if (bounds != 0) {
         status = kStatusParameters;
         internal = bounds;
         return;
     }
+    // An equation without any entry: no pivot can exist for it, whatever
+    // the values; the answer is that of a structurally singular matrix.
+    const int empty = firstEmptyEquation(n, a.ia, a.ja, h->symmetricStorage);
+    if (empty != 0) {
+        status = kStatusStructural;
+        iparm[29] = empty;
+        if (*a.msglvl != 0)
+            std::printf("*** Error in SPDS: equation %d has no entry, the matrix is structurally "
+                        "singular\n",
+                        empty);
+        return;
+    }
 
     // Matching and scaling (MatchingStep.h): the row permutation and the
     // scalings on the handle; for mtype -2 also the order of the block graph,
     // which stands in for the fill-reducing order unless the caller gave one.
+    // Without the matching an LU factorization takes the rows in their own
+    // order, with pivots only inside the diagonal blocks; a zero on the
+    // diagonal then leaves a block without any usable pivot, and chains of
+    // perturbed pivots give garbage. Such a matrix is matched (not scaled)
+    // whatever iparm[12] says; mtype 1 is matched as the general matrix it
+    // then becomes.
+    const bool lu = mtype == 1 || mtype > 10;
+    if (lu && h->matching == 0 && a.a && zeroOnDiagonal<T>(n, a.ia, a.ja, a.a)) h->matching = 1;
     MatchingRequest mrq;
-    mrq.mtype = mtype;
+    mrq.mtype = mtype == 1 && h->matching > 0 ? 11 : mtype;
     mrq.n = n;
     mrq.maxfct = h->maxfct;
     mrq.matching = h->matching;
@@ -253,7 +304,9 @@ void Call<T>::analyse() {
     // Only the types above 10 order through the matching's rows; for the
     // others the block may still hold the permutation of an earlier analysis.
     const int* rowPermutation =
-        mtype > 10 && !h->matchingPermutation.empty() ? h->matchingPermutation.data() : nullptr;
+        (mtype > 10 || (mtype == 1 && h->matching > 0)) && !h->matchingPermutation.empty()
+            ? h->matchingPermutation.data()
+            : nullptr;
     h->rowPermuted = rowPermutation != nullptr;
     const bool callerOrder = h->userPermutation > 0 && h->userPermutation != 2;
     const bool pairOrder = matched.hasPairOrder && !callerOrder;
@@ -290,6 +343,7 @@ void Call<T>::analyse() {
     sin.maxsup = h->panelWidth;
     sin.threads = h->threads;
     sin.outOfCore = h->oocMode > 0;
+    sin.pairStart = pairOrder ? matched.pairOrder.pairStart.data() : nullptr;
     sin.memory = &h->memory;
     if (*a.msglvl >= 2) reportOrdering(h->ordering_, n);
     const SymbolicTimes st = symbolicFactorization(sin, h->ordering_, h->symbolic);
@@ -349,6 +403,13 @@ int Call<T>::run() {
     if (!h) {
         if (phase == -1) return 0;
         if (!(phase > 0 || iparm[11] != -1)) return 0;
+        if (*a.maxfct < 1) {
+            // A table of no factors would be fixed on the handle and every
+            // later factor number would fall outside it: nothing is created.
+            status = kStatusParameters;
+            internal = 2;
+            return exit();
+        }
         try {
             h = createHandle(a.pt, *a.maxfct);
         } catch (const AllocationFailure& f) {
@@ -441,7 +502,9 @@ int Call<T>::run() {
         h->twoLevel =
             mtype == 11 && iparm[59] != 2 && m_threads > 1 && (iparm[1] == 2 || iparm[1] == 3);
         int p = 1;
-        const int floor = h->twoLevel ? m_threads : 32;
+        // The parts of the dissection do not follow the thread count either,
+        // so that the ordering is the same for any number of threads.
+        const int floor = 32;
         while (p < floor)
             p *= 2;
         int above = 1;
@@ -478,17 +541,17 @@ int Call<T>::run() {
         }
         if (lastDigit == 1) return exit();
     }
-    // The factorization places every entry by its position in the row and
-    // the refinement multiplies with A: both need the structure the checker
-    // asks for, whatever iparm[26] says, and this call's arrays need not be
-    // those of the analysis.
+    // This call's arrays need not be those of the analysis: the
+    // factorization and the refinement read ja through ia, so the bounds are
+    // checked again. Unsorted rows and repeated entries are fine (repeated
+    // entries add up), and so is an entry of the other triangle with
+    // symmetric storage (it stands for both).
     if (!a.ja) {
         status = kStatusParameters;
         internal = 22;
         return exit();
     }
-    const int structure =
-        checkMatrix(*a.n, a.ia, a.ja, (std::abs(h->mtype) % 2) == 0, kCheckAll, iparm + 30);
+    const int structure = checkMatrix(*a.n, a.ia, a.ja, false, kCheckBoundsOnly, iparm + 30);
     if (structure != 0) {
         status = kStatusParameters;
         internal = structure;
@@ -516,6 +579,16 @@ int Call<T>::factorAndSolve(int lastDigit) {
         if (stagePhase == 23 && iterative && row.state == 0 && a.b && a.x && iterate(row))
             return exit();
         if (stagePhase != 33) {
+            if (!a.a) {
+                status = kStatusParameters;
+                internal = kCodeNoValues;
+                return exit();
+            }
+            if (!allFinite(static_cast<const T*>(a.a), h->nnz)) {
+                status = kStatusParameters;
+                internal = kCodeNonFiniteMatrix;
+                return exit();
+            }
             NumericRequest rq;
             rq.mtype = h->mtype;
             rq.n = h->n;
@@ -566,23 +639,26 @@ int Call<T>::factorAndSolve(int lastDigit) {
         // Phase 33 lets the iterative solver take the place of the
         // refinement; when it fails, the refinement runs after all, and
         // iparm[19] keeps what the iteration reported.
-        bool iterationFailed = false;
-        if (stagePhase == 33 && h->partialSolve == 0 && iterative && refinementDue) {
-            if (iterate(row)) return exit();
-            iterationFailed = true;
+        if (stagePhase == 33 && h->partialSolve == 0 && iterative && refinementDue && iterate(row))
+            return exit();
+        if (!allFinite(static_cast<const T*>(a.b), checkedMul(h->n, *a.nrhs))) {
+            status = kStatusParameters;
+            internal = kCodeNonFiniteRhs;
+            return exit();
         }
         RefinementRequest rq;
         static_cast<SystemRequest&>(rq) = systemRequest();
         rq.steps = iparm[7];
         rq.partial = h->partialSolve;
-        rq.refine = refinementDue;
+        rq.checked = h->splitSolve == 0;
         const double t0 = nrt_seconds();
         const RefinementResult r =
             solveAndRefine<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
         h->timers[kTimeSolve] = nrt_seconds() - t0;
         h->refinementSteps = r.steps;
+        h->backwardError = r.backwardError;
+        h->wideBackwardError = r.wideBackwardError;
         iparm[6] = r.steps;
-        if (r.stoppedAtTwo && !iterationFailed) iparm[19] = -34;
         if (r.status != 0) {
             iparm[29] = r.status;
             status = kStatusNumeric;

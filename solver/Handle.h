@@ -126,6 +126,10 @@ struct Handle {
     int positiveEigenvalues = 0;
     int negativeEigenvalues = 0;
     int refinementSteps = 0;
+    // Normwise backward errors of the last checked solve (-1: none measured),
+    // of the x handed back and of the wide iterate of the refinement.
+    double backwardError = -1;
+    double wideBackwardError = -1;
     int scalarWords = 1;
     std::int64_t offDiagonal = 0; // entries in the strict half
     std::int64_t graphWork = 0;

@@ -1,8 +1,4 @@
-// Solve with iterative refinement; the contract is in IterativeRefinement.h.
-//
-// The sums that steer the loop are 1-norms over all right-hand sides,
-// taken in double whatever the element type, so that a long vector of
-// floats does not lose the small residuals the loop compares.
+// Solve with checked refinement; the contract is in IterativeRefinement.h.
 #include "IterativeRefinement.h"
 
 #include "Solve.h"
@@ -11,7 +7,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <type_traits>
+#include <vector>
 
 namespace skyrinse::spds {
 
@@ -20,89 +18,118 @@ namespace {
 constexpr int kWorkCode = -1300;
 constexpr int kStatusNoContraction = -112;
 
-template <class V>
-double absSum(const V* v, std::int64_t count) {
-    double s = 0;
-    for (std::int64_t i = 0; i < count; ++i)
-        s += std::abs(static_cast<double>(v[i]));
-    return s;
+template <class T>
+constexpr double unitRoundoff() {
+    return std::numeric_limits<T>::epsilon() / 2;
 }
 
-template <class T>
-using Wider = std::conditional_t<std::is_same_v<T, float>, double, long double>;
-
-// The loop, with the solution and residual held in W (T, or wider).
 template <class T, class W>
-RefinementResult refine(FactorSolver<T>& solver, const RefinementRequest& rq, MemoryCounter* mem,
-                        const T* rhs, T* sol) {
-    RefinementResult result;
-    const std::int64_t count = static_cast<std::int64_t>(rq.n) * rq.nrhs;
-    const T* a = static_cast<const T*>(rq.a);
-    const int limit = std::abs(rq.steps);
-    Block<T> r(count, kWorkCode, mem);
-    Block<W> xw, rw;
-    constexpr bool wide = !std::is_same_v<T, W>;
-    if constexpr (wide) {
-        xw = Block<W>(count, kWorkCode, mem);
-        rw = Block<W>(count, kWorkCode, mem);
+class Refinement {
+public:
+    Refinement(FactorSolver<T>& solver, const RefinementRequest& rq, MemoryCounter* mem)
+        : solver(solver), rq(rq), n(rq.n), nrhs(rq.nrhs),
+          count(static_cast<std::int64_t>(rq.n) * rq.nrhs), a(static_cast<const T*>(rq.a)),
+          normA(infinityNorm(rq.n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose)),
+          r(count, kWorkCode, mem), corr(count, kWorkCode, mem), xw(count, kWorkCode, mem),
+          xprev(count, kWorkCode, mem), rw(count, kWorkCode, mem) {}
+
+    RefinementResult run(const T* rhs, T* sol);
+
+private:
+    // Backward error of the iterate x against rhs; leaves the residual in res.
+    double backwardError(const T* rhs, const W* x, W* res);
+
+    FactorSolver<T>& solver;
+    const RefinementRequest& rq;
+    const int n;
+    const int nrhs;
+    const std::int64_t count;
+    const T* a;
+    const double normA;
+    Block<T> r;    // residual handed to the solve
+    Block<T> corr; // its correction
+    Block<W> xw, xprev, rw;
+};
+
+template <class T, class W>
+double Refinement<T, W>::backwardError(const T* rhs, const W* x, W* res) {
+    multiplyStored<W, T>(n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, nrhs, x, res);
+    double worst = 0;
+    for (int j = 0; j < nrhs; ++j) {
+        const std::int64_t off = static_cast<std::int64_t>(j) * n;
+        double rmax = 0, xmax = 0, bmax = 0;
+        bool finite = true;
+        for (int i = 0; i < n; ++i) {
+            const W v = static_cast<W>(rhs[off + i]) - res[off + i];
+            res[off + i] = v;
+            const double rv = std::abs(static_cast<double>(v));
+            const double xv = std::abs(static_cast<double>(x[off + i]));
+            finite = finite && std::isfinite(rv) && std::isfinite(xv);
+            rmax = std::max(rmax, rv);
+            xmax = std::max(xmax, xv);
+            bmax = std::max(bmax, std::abs(static_cast<double>(rhs[off + i])));
+        }
+        if (!finite) return std::numeric_limits<double>::infinity();
+        const double scale = normA * xmax + bmax;
+        if (rmax == 0) continue;
+        worst = std::max(worst, scale > 0 ? rmax / scale : std::numeric_limits<double>::infinity());
     }
+    return worst;
+}
 
-    const double sumrhs = absSum(rhs, count);
+template <class T, class W>
+RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
+    RefinementResult result;
+    W* x = xw.data();
+    W* prev = xprev.data();
+    W* res = rw.data();
+    // Whether the iterate lives in W (steps < 0) or in T, rounded at every step.
+    const bool wide = rq.steps < 0;
+    const int asked = std::abs(rq.steps);
+    // A wide iterate aims at the precision of its own type, and only a
+    // stall or the cap end it; a T iterate also stops once it did the
+    // steps asked and is within the tolerance.
+    const double target = wide ? unitRoundoff<W>() : unitRoundoff<T>();
+    const double tolerance = refinementTolerance<T>();
+
     solver.solve(rhs, sol);
-    const double sumx = absSum(sol, count);
-    if constexpr (wide)
-        for (std::int64_t i = 0; i < count; ++i)
-            xw[i] = static_cast<W>(sol[i]);
-    double prev = sumrhs;
+    for (std::int64_t i = 0; i < count; ++i)
+        x[i] = static_cast<W>(sol[i]);
+    double omega = backwardError(rhs, x, res);
     int k = 0;
-    for (;;) {
+    while (std::isfinite(omega) && omega > target && k < kMaxRefinementSteps &&
+           (wide || k < asked || omega > tolerance)) {
+        for (std::int64_t i = 0; i < count; ++i)
+            r[i] = static_cast<T>(res[i]);
+        solver.solve(r.data(), corr.data());
+        std::copy(x, x + count, prev);
+        for (std::int64_t i = 0; i < count; ++i) {
+            x[i] += static_cast<W>(corr[i]);
+            if (!wide) x[i] = static_cast<W>(static_cast<T>(x[i]));
+        }
         ++k;
-        double sumres = 0;
-        if constexpr (wide) {
-            multiplyStored<W, T>(rq.n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, rq.nrhs,
-                                 xw.data(), rw.data());
-            for (std::int64_t i = 0; i < count; ++i) {
-                const W res = static_cast<W>(rhs[i]) - rw[i];
-                r[i] = static_cast<T>(res);
-                sumres += std::abs(static_cast<double>(res));
-            }
-        } else {
-            multiplyStored<T, T>(rq.n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, rq.nrhs,
-                                 sol, r.data());
-            for (std::int64_t i = 0; i < count; ++i) {
-                r[i] = rhs[i] - r[i];
-                sumres += std::abs(static_cast<double>(r[i]));
-            }
-        }
-        solver.solve(r.data(), r.data());
-        const double sumdx = absSum(r.data(), count);
-        if constexpr (wide) {
-            for (std::int64_t i = 0; i < count; ++i) {
-                xw[i] += static_cast<W>(r[i]);
-                sol[i] = static_cast<T>(xw[i]);
-            }
-        } else {
-            for (std::int64_t i = 0; i < count; ++i)
-                sol[i] += r[i];
-        }
-        // With nothing to divide by, the loop compares absolute sums.
-        const double relErr = sumx != 0 ? sumdx / sumx : sumdx;
-
-        if (k == 2 && rq.steps == 0) {
-            result.stoppedAtTwo = true;
+        const double next = backwardError(rhs, x, res);
+        if (!(next <= omega)) {
+            // Worse (or not a number): the previous iterate stands.
+            std::copy(prev, prev + count, x);
             break;
         }
-        if (k == 1 && sumres > sumrhs) prev = 2 * sumres;
-        if (k == limit) break;
-        if (0.9 * prev > sumres) {
-            prev = sumres;
-            continue;
-        }
-        if (k < 4 && k < limit) continue;
-        if (std::abs(relErr) > 0.5) result.status = kStatusNoContraction;
-        break;
+        const bool halved = next <= 0.5 * omega;
+        omega = next;
+        if (!halved) break;
     }
     result.steps = k;
+    for (std::int64_t i = 0; i < count; ++i)
+        sol[i] = static_cast<T>(x[i]);
+    result.wideBackwardError = omega;
+    if (wide) {
+        // What the caller receives is the iterate rounded to T.
+        for (std::int64_t i = 0; i < count; ++i)
+            x[i] = static_cast<W>(sol[i]);
+        omega = backwardError(rhs, x, res);
+    }
+    result.backwardError = omega;
+    if (!(omega <= tolerance)) result.status = kStatusNoContraction;
     return result;
 }
 
@@ -143,16 +170,47 @@ void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmet
 }
 
 template <class T>
+double infinityNorm(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
+                    bool transpose) {
+    std::vector<double> sums(static_cast<std::size_t>(n), 0.0);
+    for (int i = 0; i < n; ++i)
+        for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p) {
+            const int c = ja[p] - 1;
+            const double v = std::abs(static_cast<double>(a[p]));
+            sums[static_cast<std::size_t>(transpose ? c : i)] += v;
+            if (symmetricStorage && c != i) sums[static_cast<std::size_t>(c)] += v;
+        }
+    double m = 0;
+    for (double s : sums)
+        m = std::max(m, s);
+    return m;
+}
+
+template <class T>
 RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const RefinementRequest& rq, T* b,
                                 T* x) {
-    const auto [rhs, sol] = placeSolution(rq, b, x);
+    const std::int64_t count = static_cast<std::int64_t>(rq.n) * rq.nrhs;
+    // One array for both: the solution goes there, and the right-hand side,
+    // which the refinement reads to the end, to a copy.
+    Block<T> saved;
+    SolutionPlace<T> place{b, x};
+    if (b == x) {
+        saved = Block<T>(count, kWorkCode, &h.memory);
+        std::copy(b, b + count, saved.data());
+        place = {saved.data(), x};
+    } else {
+        place = placeSolution(rq, b, x);
+    }
+    const T* rhs = place.rhs;
+    T* sol = place.sol;
     FactorSolver<T> solver(h, row, rq.transpose, rq.nrhs);
-    if (!rq.refine || rq.partial != 0) {
+    if (rq.partial != 0 || !rq.checked) {
         solver.solve(rhs, sol, rq.partial);
         return {};
     }
-    if (rq.steps < 0) return refine<T, Wider<T>>(solver, rq, &h.memory, rhs, sol);
-    return refine<T, T>(solver, rq, &h.memory, rhs, sol);
+    if constexpr (std::is_same_v<T, double>)
+        if (rq.steps < 0) return Refinement<T, long double>(solver, rq, &h.memory).run(rhs, sol);
+    return Refinement<T, double>(solver, rq, &h.memory).run(rhs, sol);
 }
 
 template RefinementResult solveAndRefine<float>(Handle&, const FactorRow&, const RefinementRequest&,
@@ -167,5 +225,7 @@ template void multiplyStored<double, double>(int, const double*, const int*, con
                                              int, const double*, double*);
 template void multiplyStored<long double, double>(int, const double*, const int*, const int*, bool,
                                                   bool, int, const long double*, long double*);
+template double infinityNorm<float>(int, const float*, const int*, const int*, bool, bool);
+template double infinityNorm<double>(int, const double*, const int*, const int*, bool, bool);
 
 } // namespace skyrinse::spds

@@ -1,4 +1,4 @@
-// Solve with iterative refinement (phase 33 and the solve of 13, 23).
+// Solve with checked iterative refinement (phase 33 and the solve of 13, 23).
 //
 // Reads the caller's a, ia, ja as they were passed (unpermuted, unscaled):
 // the residual is always that of the caller's system, so refinement also
@@ -6,21 +6,27 @@
 // factor. Symmetric storage uses each stored entry for both triangles.
 //
 // Writes the solution to x, or to b when solutionInB (iparm[5] = 1); then x
-// receives the right-hand side, which the loop needs after b is gone.
+// receives the right-hand side, which the loop needs after b is gone. b and
+// x may be the same array: the right-hand side is then copied first.
 //
-// Stopping, with k the step and prev the residual sum to beat (starting at
-// the sum of |b|): stop after step 2 when no steps were asked (iparm[7] = 0,
-// refinement run only for perturbed pivots; state -34); a first residual
-// above |b| doubles prev; stop at k = |steps|; go on while the residual
-// shrinks below 0.9 prev; a stall is tolerated while k < 4 and k < |steps|,
-// and ends the loop otherwise, with status -112 when the last correction
-// was above half of the solution.
+// Every full solve is checked: the residual r = b - A x is formed in double
+// (long double for a double factor with steps < 0) whatever the element type,
+// and the normwise backward error
+//     omega = max over the columns of |r|_inf / (|A|_inf |x|_inf + |b|_inf)
+// decides. Correction steps run while omega is above the working precision
+// of the element type and either fewer than |steps| were done or omega is
+// still above the tolerance the caller is promised (RefinementTolerance);
+// a step that does not halve omega ends the loop, one that makes it worse
+// is undone. At most kMaxRefinementSteps. When omega stays above the
+// tolerance the status is -112: the answer is not trusted.
 //
-// steps < 0 keeps the solution and the residual in the next wider type
-// (double for float, long double for double). Workspace (CGS_ARR, -1300):
-// the residual, n x nrhs scalars, and for steps < 0 the wide solution and
-// residual; besides the solve's own (Solve.h). Allocation failures throw
-// AllocationFailure.
+// steps < 0 keeps the iterate in the wider type (double for a float
+// factor): the wide iterate's backward error is reported beside that of
+// the x handed back, which is rounded to the element type.
+//
+// Workspace (CGS_ARR, -1300): the residual and two iterates of n x nrhs
+// wide scalars, besides the solve's own (Solve.h). Allocation failures
+// throw AllocationFailure.
 #pragma once
 
 #include "Handle.h"
@@ -28,16 +34,27 @@
 
 namespace skyrinse::spds {
 
+inline constexpr int kMaxRefinementSteps = 30;
+
+// The normwise backward error that a full solve must reach: 1e-5 (about 170
+// units of roundoff) for float, 2^-43 (about 1000 units, the residual itself
+// being rounded in double) for double.
+template <class T>
+constexpr double refinementTolerance() {
+    return sizeof(T) == sizeof(float) ? 1e-5 : 0x1p-43;
+}
+
 struct RefinementRequest : SystemRequest {
-    bool refine = false; // perturbed pivots or steps != 0
+    bool checked = true; // false with the split solve (iparm[25]): x as the sweeps leave it
     int steps = 0;       // iparm[7]
-    int partial = 0;     // 0 full, 1..3 partial solve (never refined)
+    int partial = 0;     // 0 full, 1..3 partial solve (neither refined nor checked)
 };
 
 struct RefinementResult {
-    int status = 0;            // 0 or -112
-    int steps = 0;             // refinement steps done (iparm[6])
-    bool stoppedAtTwo = false; // iparm[19] = -34
+    int status = 0;                // 0 or -112
+    int steps = 0;                 // correction steps done (iparm[6])
+    double backwardError = -1;     // of the x handed back; -1 when not measured
+    double wideBackwardError = -1; // of the wide iterate (steps < 0), else = backwardError
 };
 
 template <class T>
@@ -48,5 +65,10 @@ RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const Refinemen
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
                     bool transpose, int nrhs, const W* x, W* y);
+
+// Largest row sum of |A| (of A^T when transposed) of the stored matrix.
+template <class T>
+double infinityNorm(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
+                    bool transpose);
 
 } // namespace skyrinse::spds

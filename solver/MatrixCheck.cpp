@@ -1,6 +1,7 @@
 #include "MatrixCheck.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace skyrinse::spds {
 
@@ -16,8 +17,11 @@ int checkMatrix(int n, const int* ia, const int* ja, bool symmetricStorage, Matr
         record(1, ia[0], ia[1]);
         found = true;
     }
+    // The full check wants every row to hold an entry; reading the arrays
+    // safely only needs ia not to go back (a row may be empty).
+    const int emptyAllowed = scope == kCheckBoundsOnly ? 1 : 0;
     for (int i = 1; i <= n; ++i)
-        if (ia[i] <= ia[i - 1]) {
+        if (ia[i] + emptyAllowed <= ia[i - 1]) {
             record(i, ia[i - 1], ia[i]);
             found = true;
         }
@@ -48,6 +52,19 @@ int checkMatrix(int n, const int* ia, const int* ja, bool symmetricStorage, Matr
                 found = true;
             }
     return found ? 24 : 0;
+}
+
+int firstEmptyEquation(int n, const int* ia, const int* ja, bool symmetricStorage) {
+    std::vector<char> column(static_cast<std::size_t>(n), 0);
+    const std::int64_t nnz = static_cast<std::int64_t>(ia[n]) - 1;
+    for (std::int64_t k = 0; k < nnz; ++k)
+        column[static_cast<std::size_t>(ja[k] - 1)] = 1;
+    for (int i = 1; i <= n; ++i) {
+        const bool rowEmpty = ia[i] == ia[i - 1];
+        const bool columnEmpty = !column[static_cast<std::size_t>(i - 1)];
+        if (symmetricStorage ? (rowEmpty && columnEmpty) : (rowEmpty || columnEmpty)) return i;
+    }
+    return 0;
 }
 
 } // namespace skyrinse::spds

@@ -15,12 +15,19 @@
 namespace skyrinse::spds {
 
 enum MatrixCheckScope {
-    kCheckBoundsOnly, // 21 and 22: what reading the arrays safely needs
+    kCheckBoundsOnly, // 21 (empty rows allowed) and 22: what reading the arrays safely needs
     kCheckAll         // 21 to 24
 };
 
 // Returns 0 or the code; `where` (three ints) receives the last find.
 int checkMatrix(int n, const int* ia, const int* ja, bool symmetricStorage, MatrixCheckScope scope,
                 int* where);
+
+// The first equation (one-based) whose row or column of the full matrix holds
+// no entry at all, which makes the matrix singular by its structure alone;
+// 0 when there is none. With symmetric storage row i of the full matrix is
+// the stored row i and the stored column i together. Arrays as checked by
+// kCheckBoundsOnly.
+int firstEmptyEquation(int n, const int* ia, const int* ja, bool symmetricStorage);
 
 } // namespace skyrinse::spds

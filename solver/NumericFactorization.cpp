@@ -32,6 +32,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -126,7 +127,6 @@ public:
 
 private:
     void groupEntries();
-    void buildSourceLists();
     std::int64_t largestScatteredUpdate() const;
     // With `done`, each source is waited for until it is marked finished;
     // false with no failure recorded when the stop flag ended the wait.
@@ -139,10 +139,15 @@ private:
     bool factorBlock(int fst, int hs, int ws, ThreadWork<T>& w);
     // Runs the supernodes order[from..to) on the calling thread. Returns
     // false when it stopped early (failure here, or the flag raised).
-    bool runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports);
-    // The comparison scheme: pnlsch by a shared cursor, every update waited
-    // for (NumericRequest::queueSchedule).
-    void runQueued(int threads, std::vector<ThreadWork<T>>& work);
+    // Runs the supernodes order[from..to) on the calling thread, marking
+    // each finished one in `done` when given. False when it stopped early.
+    bool runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports,
+                 std::atomic<int>* done);
+    // Takes supernodes of order[from..to) by the shared cursor, waiting for
+    // their sources; the top of the tree, or everything in the comparison
+    // scheme (NumericRequest::queueSchedule).
+    void runShared(const int* order, int from, int to, std::atomic<int>& cursor, ThreadWork<T>& w,
+                   bool reports, std::atomic<int>* done);
     bool reportIfGrown();
 
     Handle& h;
@@ -156,17 +161,13 @@ private:
     const OneBased<const int> xsup, xlindx, lindx, xlnz, xunz, snode;
     PivotRule<T> rule;
 
-    // Sources of each target, in ascending order of the source: entries
-    // xsource[t] .. xsource[t+1]-1 of source (the updating supernode) and
-    // sourceRows (its rows from the target's first one to its end). A
-    // target always takes its updates in this order, whatever the thread
-    // that finished each source and when, so the factor does not depend on
-    // the schedule.
-    IntBlock xsource;
-    IntBlock source;
-    IntBlock sourceRows;
+    // A target always takes its updates in the order of these lists
+    // (ascending source), whatever the thread that finished each source and
+    // when, so the factor does not depend on the schedule.
+    SourceLists sources;
     IntBlock xentry; // n+1 starts of the entries of each factor column
     Block<Entry<T>> entries;
+    double largest = 0; // largest magnitude of the matrix as factored
 
     std::atomic<int> stop{kRunning};
     std::atomic<std::int64_t> finishedEntries{0};
@@ -212,51 +213,11 @@ void Worker<T>::groupEntries() {
             const auto [k, l] = place(r, c);
             double v = static_cast<double>(a[p]);
             if (scaled) v *= rowScale[r] * colScale[c];
+            largest = std::max(largest, std::abs(v));
             Entry<T> e{k, l, static_cast<T>(v)};
             if (!lu && k < l) std::swap(e.row, e.col);
             entries[fill[static_cast<std::size_t>(std::min(k, l) - 1)]++] = e;
         }
-}
-
-// The analysis lists, for each source, its targets and rows (slindx,
-// slength by source); here they are turned around, by target. Grouped lists
-// (by domain and target) hold the same pairs the other way round already,
-// but not for every target, so those are walked from lindx instead.
-template <class T>
-void Worker<T>::buildSourceLists() {
-    auto forEachUpdate = [&](auto&& visit) {
-        if (!s.groupedUpdateLists && !s.xslindx.empty()) {
-            const OneBased<const int> xsl(s.xslindx.data());
-            for (int d = 1; d <= nsuper; ++d)
-                for (int e = xsl[d]; e < xsl[d + 1]; ++e)
-                    visit(d, s.slindx[e - 1], s.slength[e - 1]);
-            return;
-        }
-        for (int d = 1; d <= nsuper; ++d) {
-            const int end = xlindx[d + 1];
-            int previous = 0;
-            for (int k = xlindx[d] + (xsup[d + 1] - xsup[d]); k < end; ++k) {
-                const int t = snode[lindx[k]];
-                if (t != previous) visit(d, t, end - k);
-                previous = t;
-            }
-        }
-    };
-    xsource = IntBlock(static_cast<std::int64_t>(nsuper) + 2, kWorkCode, &h.memory);
-    const OneBased<int> xs(xsource.data());
-    forEachUpdate([&](int, int t, int) { ++xs[t + 1]; });
-    xs[1] = 0;
-    for (int t = 1; t <= nsuper; ++t)
-        xs[t + 1] += xs[t];
-    const std::int64_t count = std::max(1, xs[nsuper + 1]);
-    source = IntBlock(count, kWorkCode, &h.memory);
-    sourceRows = IntBlock(count, kWorkCode, &h.memory);
-    std::vector<int> fill(xsource.begin(), xsource.begin() + nsuper);
-    forEachUpdate([&](int d, int t, int r) {
-        const int e = fill[static_cast<std::size_t>(t - 1)]++;
-        source[e] = d;
-        sourceRows[e] = r;
-    });
 }
 
 // The largest r x q of an update that goes through the buffer, so that the
@@ -500,10 +461,14 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
         w.failure = kFailStructure;
         return false;
     }
-    for (int e = xsource[sn - 1]; e < xsource[sn]; ++e) {
+    const int* source = sources.source.data();
+    const int* sourceRows = sources.rows.data();
+    for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
         if (done)
-            while (done[source[e]].load(std::memory_order_acquire) == 0)
+            while (done[source[e]].load(std::memory_order_acquire) == 0) {
                 if (stop.load(std::memory_order_relaxed) != kRunning) return false;
+                std::this_thread::yield();
+            }
         update(source[e], sourceRows[e], sn, w);
     }
     if (!factorBlock(fst, hs, ws, w)) {
@@ -529,7 +494,8 @@ bool Worker<T>::reportIfGrown() {
 }
 
 template <class T>
-bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports) {
+bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports,
+                        std::atomic<int>* done) {
     for (int i = from; i < to; ++i) {
         if (stop.load(std::memory_order_relaxed) != kRunning) return false;
         const int sn = order[i];
@@ -539,8 +505,8 @@ bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bo
             stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
             return false;
         }
-        const int fst = xsup[sn];
-        finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) - xlnz[fst],
+        if (done) done[sn].store(1, std::memory_order_release);
+        finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) - xlnz[xsup[sn]],
                                   std::memory_order_relaxed);
         if (reports && !reportIfGrown()) return false;
     }
@@ -548,44 +514,30 @@ bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bo
 }
 
 template <class T>
-void Worker<T>::runQueued(int threads, std::vector<ThreadWork<T>>& work) {
-    std::vector<std::atomic<int>> done(static_cast<std::size_t>(nsuper) + 1);
-    std::atomic<int> cursor{0};
-#pragma omp parallel num_threads(threads)
-    {
-        const int id = omp_get_thread_num();
-        ThreadWork<T>& w = work[static_cast<std::size_t>(id)];
-        for (;;) {
-            if (stop.load(std::memory_order_relaxed) != kRunning) break;
-            const int i = cursor.fetch_add(1, std::memory_order_relaxed);
-            if (i >= nsuper) break;
-            const int sn = std::abs(s.pnlsch[i]);
-            if (!factorSupernode(sn, w, done.data())) {
-                if (w.failure == 0) break;
-                w.failedAt = std::min(w.failedAt, i);
-                int expected = kRunning;
-                stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
-                break;
-            }
-            done[static_cast<std::size_t>(sn)].store(1, std::memory_order_release);
-            finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) -
-                                          xlnz[xsup[sn]],
-                                      std::memory_order_relaxed);
-            if (id == 0 && !reportIfGrown()) break;
+void Worker<T>::runShared(const int* order, int from, int to, std::atomic<int>& cursor,
+                          ThreadWork<T>& w, bool reports, std::atomic<int>* done) {
+    for (;;) {
+        if (stop.load(std::memory_order_relaxed) != kRunning) return;
+        const int i = from + cursor.fetch_add(1, std::memory_order_relaxed);
+        if (i >= to) return;
+        const int sn = order[i];
+        if (!factorSupernode(sn, w, done)) {
+            if (w.failure == 0) return; // the stop flag ended a wait
+            w.failedAt = std::min(w.failedAt, i);
+            int expected = kRunning;
+            stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
+            return;
         }
+        done[sn].store(1, std::memory_order_release);
+        finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) - xlnz[xsup[sn]],
+                                  std::memory_order_relaxed);
+        if (reports && !reportIfGrown()) return;
     }
 }
 
 template <class T>
 NumericResult Worker<T>::run() {
     NumericResult result;
-    const float eps =
-        pivotEpsilon(rq.mtype, rq.pivotExponent, n, static_cast<const T*>(rq.a), rq.ia);
-    // An exponent of 0 asks for no threshold; a zero pivot then still has to
-    // become something that can be divided by.
-    rule.threshold = static_cast<T>(std::abs(eps));
-    rule.replacement = eps == 0.0f ? static_cast<T>(1e-8) : static_cast<T>(std::abs(eps));
-
     const TreeSchedule plan = scheduleTree(s, std::max(1, rq.threads), lu);
     const int t = rq.queueSchedule ? std::max(1, rq.threads) : plan.threads;
     const std::int64_t tempSize = std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate());
@@ -598,26 +550,42 @@ NumericResult Worker<T>::run() {
         w.dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
     }
     groupEntries();
-    buildSourceLists();
+    rule = pivotRule<T>(rq.pivotExponent, largest);
+    sources = sourceLists(s, &h.memory, kWorkCode);
 
     if (reportProgress(1, 0, kStageText, kStageLength) != 0) {
         result.status = -1;
         return result;
     }
     const int* order = plan.order.data();
-    if (rq.queueSchedule && rq.threads > 1) {
-        runQueued(t, work);
-    } else if (t > 1) {
-        // The subtrees: each thread its own, no update crosses between them,
-        // so nothing is waited for and nothing locked. The dense kernels run
-        // on one thread in here (the runtime services see the region).
+    if (t > 1) {
+        // One region. First the subtrees, each thread its own: no update
+        // crosses between them, so nothing is waited for. Then the top by a
+        // shared cursor in postorder, each source waited for through its
+        // finished mark (an atomic, no lock). The dense kernels run on one
+        // thread in here (the runtime services see the region), which keeps
+        // every product's rounding that of one thread.
+        const bool queued = rq.queueSchedule;
+        const int* shared = queued ? s.pnlsch.data() : order;
+        std::vector<int> pnlschOrder;
+        if (queued) {
+            pnlschOrder.resize(static_cast<std::size_t>(nsuper));
+            for (int i = 0; i < nsuper; ++i)
+                pnlschOrder[static_cast<std::size_t>(i)] = std::abs(s.pnlsch[i]);
+            shared = pnlschOrder.data();
+        }
+        const int sharedFrom = queued ? 0 : plan.start[static_cast<std::size_t>(t)];
+        std::vector<std::atomic<int>> done(static_cast<std::size_t>(nsuper) + 1);
+        std::atomic<int> cursor{0};
         std::atomic<int> working{t};
 #pragma omp parallel num_threads(t)
         {
             const int id = omp_get_thread_num();
             ThreadWork<T>& w = work[static_cast<std::size_t>(id)];
-            runList(order, plan.start[static_cast<std::size_t>(id)],
-                    plan.start[static_cast<std::size_t>(id) + 1], w, id == 0);
+            if (!queued)
+                runList(order, plan.start[static_cast<std::size_t>(id)],
+                        plan.start[static_cast<std::size_t>(id) + 1], w, id == 0, done.data());
+            runShared(shared, sharedFrom, nsuper, cursor, w, id == 0, done.data());
             working.fetch_sub(1, std::memory_order_acq_rel);
             // Thread 1 goes on reporting, and so hears a cancel, while the
             // others finish.
@@ -628,11 +596,9 @@ NumericResult Worker<T>::run() {
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
                 }
         }
+    } else {
+        runList(order, 0, nsuper, work[0], true, nullptr);
     }
-    // The top of the tree (everything with one thread) on the calling
-    // thread, where the dense kernels take all the granted threads.
-    if (stop.load(std::memory_order_relaxed) == kRunning && !(rq.queueSchedule && rq.threads > 1))
-        runList(order, t > 1 ? plan.start[static_cast<std::size_t>(t)] : 0, nsuper, work[0], true);
 
     for (const ThreadWork<T>& w : work) {
         result.perturbed += w.perturbed;
@@ -667,21 +633,15 @@ bool numericSupported(int mtype) {
 }
 
 template <class T>
-float pivotEpsilon(int mtype, int exponent, int n, const T* a, const int* ia) {
-    if (exponent == 0) return 0.0f;
-    float eps = static_cast<float>(std::exp(-2.3025851 * std::abs(exponent)));
-    if (mtype == -4 || mtype == -2 || mtype == 6) {
-        // Only the entries of row 1 after its first take part: the scale of
-        // one row stands for the matrix, as it always has.
-        double m = 0;
-        if (n > 0 && a && ia)
-            for (int k = ia[0] + 1; k <= ia[1] - 1; ++k)
-                m = std::max(m, std::abs(static_cast<double>(a[k - 1])));
-        if (m == 0 || n == 0) m = 1;
-        eps =
-            m < 1 ? static_cast<float>(eps * std::sqrt(m)) : static_cast<float>(eps / std::sqrt(m));
-    }
-    return eps;
+PivotRule<T> pivotRule(int exponent, double largest) {
+    const double scale = largest > 0 && std::isfinite(largest) ? largest : 1.0;
+    const double root = std::sqrt(std::numeric_limits<T>::epsilon() / 2);
+    const double tiny = exponent == 0 ? 0.0 : std::pow(10.0, -std::abs(exponent));
+    PivotRule<T> rule;
+    rule.threshold = static_cast<T>(tiny * scale);
+    rule.replacement = static_cast<T>(std::max(tiny, root) * scale);
+    rule.growth = static_cast<T>(root);
+    return rule;
 }
 
 double factorizationOperations(const SymbolicResult& s, int n, bool lu) {
@@ -720,7 +680,7 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
 
 template NumericResult numericFactorization<float>(Handle&, const NumericRequest&, FactorRow&);
 template NumericResult numericFactorization<double>(Handle&, const NumericRequest&, FactorRow&);
-template float pivotEpsilon<float>(int, int, int, const float*, const int*);
-template float pivotEpsilon<double>(int, int, int, const double*, const int*);
+template PivotRule<float> pivotRule<float>(int, double);
+template PivotRule<double> pivotRule<double>(int, double);
 
 } // namespace skyrinse::spds

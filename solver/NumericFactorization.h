@@ -40,6 +40,7 @@
 #pragma once
 
 #include "Handle.h"
+#include "SupernodalKernels.h"
 
 namespace skyrinse::spds {
 
@@ -71,11 +72,15 @@ struct NumericResult {
 template <class T>
 NumericResult numericFactorization(Handle& h, const NumericRequest& request, FactorRow& row);
 
-// The threshold below which a pivot is replaced: 10^-|exponent| (0 for
-// exponent 0), for mtype -4, -2 and 6 scaled by the square root of the
-// largest magnitude among the entries of row 1 after its first.
+// The rule for pivots that no interchange inside the block can make
+// acceptable (SupernodalKernels.h), for the element type T: multipliers are
+// kept below 1 / sqrt(roundoff of T); a pivot at most 10^-|exponent| times
+// `largest` (the largest magnitude of the matrix as factored, scaled) with
+// something to eliminate below it is replaced too (exponent 0: only exact
+// zeros); replacements are at least max(10^-|exponent|, sqrt(roundoff))
+// times `largest`.
 template <class T>
-float pivotEpsilon(int mtype, int exponent, int n, const T* a, const int* ia);
+PivotRule<T> pivotRule(int exponent, double largest);
 
 // Floating-point operations of the factorization the structure implies, in
 // millions (what iparm[18] reports).

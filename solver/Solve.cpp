@@ -5,13 +5,15 @@
 // reads and writes Y in place; the rows below a block are scattered, so
 // their contribution is formed in a buffer and then added row by row.
 //
-// On several threads the sweeps follow the factorization's tree schedule
-// (TreeSchedule.h): forward, each thread sweeps its subtrees and gathers
-// what they push into rows of the top in a vector of its own; those are
-// added to Y in thread order before the top is swept on the calling thread.
-// Backward, the top goes first, then each thread its subtrees, which only
-// read rows outside them. So no row is written by two threads; the sums into
-// the top rows are grouped by thread, which changes their rounding only.
+// The forward sweep gathers: before its own solve, a block subtracts what
+// each of its sources (the supernodes below it with rows in it) contributes,
+// in ascending order of the source. The backward sweep gathers as well, from
+// the rows below the block. So every entry of Y is computed in one fixed
+// order, and on several threads the sweeps follow the factorization's tree
+// schedule (TreeSchedule.h) with the same bits: forward, each thread sweeps
+// its subtrees, whose sources lie inside them, then the calling thread the
+// top; backward, the top first, then each thread its subtrees, which only
+// read rows outside them. No row is written by two threads.
 #include "Solve.h"
 
 #include "TreeSchedule.h"
@@ -34,6 +36,8 @@ constexpr int kWorkCode = -1300;
 // Blocks smaller than this many entries are solved by loops for one
 // right-hand side; the dense library only pays off above it.
 constexpr std::int64_t kSmallBlock = 4096;
+// Factors with fewer entries are swept on one thread.
+constexpr std::int64_t kParallelEntries = 50000;
 
 enum class Kind { Cholesky, Indefinite, Lu };
 
@@ -55,9 +59,8 @@ struct FactorSolver<T>::Impl {
     Block<T> gatherScale;
     Block<T> scatterScale;
     TreeSchedule plan;
-    std::vector<Block<T>> sinks;   // per thread: what its subtrees push into top rows
+    SourceLists sources;
     std::vector<Block<T>> buffers; // per thread: the rows below one block
-    std::vector<char> topRow;      // by position: the row lies in the top
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
         : h(handle), s(handle.symbolic), n(handle.n), nrhs(rhs) {
@@ -68,21 +71,13 @@ struct FactorSolver<T>::Impl {
         f = layout.view<T>(const_cast<std::byte*>(row.values.data()));
         y = Block<T>(checkedMul(n, nrhs), kWorkCode, &h.memory);
         buffer = Block<T>(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode, &h.memory);
-        plan = scheduleTree(s, nrt_get_max_threads(), kind == Kind::Lu);
-        if (plan.threads > 1) {
-            for (int k = 0; k < plan.threads; ++k) {
-                sinks.emplace_back(checkedMul(n, nrhs), kWorkCode, &h.memory);
-                buffers.emplace_back(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode,
-                                     &h.memory);
-            }
-            topRow.assign(static_cast<std::size_t>(n), 0);
-            const OneBased<const int> xsup(s.xsup.data());
-            for (int i = plan.start[static_cast<std::size_t>(plan.threads)]; i < s.nsuper; ++i) {
-                const int sn = plan.order[static_cast<std::size_t>(i)];
-                for (int c = xsup[sn]; c < xsup[sn + 1]; ++c)
-                    topRow[static_cast<std::size_t>(c - 1)] = 1;
-            }
-        }
+        // A small factor is swept faster than a team of threads wakes up.
+        const int threads = s.lnzSize >= kParallelEntries ? nrt_get_max_threads() : 1;
+        plan = scheduleTree(s, threads, kind == Kind::Lu);
+        sources = sourceLists(s, &h.memory, kWorkCode);
+        for (int k = 1; k < plan.threads; ++k)
+            buffers.emplace_back(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode,
+                                 &h.memory);
         gatherIndex = IntBlock(n, kWorkCode, &h.memory);
         scatterIndex = IntBlock(n, kWorkCode, &h.memory);
         gatherScale = Block<T>(n, kWorkCode, &h.memory);
@@ -171,33 +166,44 @@ struct FactorSolver<T>::Impl {
             blas::trsm('L', uplo, trans, diag, ws, nrhs, T(1), a, hs, yb, n);
     }
 
-    // Y(rows below) -= P Y(block), P the m x ws panel at `p` (leading dim ldp).
-    // With a sink, rows of the top take the contribution there instead.
-    void pushBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* sink, T* buf) {
-        if (m <= 0) return;
-        const T* yb = y.data() + fst - 1;
-        auto target = [&](int row) {
-            return sink && topRow[static_cast<std::size_t>(row)] ? sink : y.data();
-        };
-        if (nrhs == 1) {
-            for (int j = 0; j < ws; ++j) {
-                const T v = yb[j];
-                if (v == T(0)) continue;
-                const T* pj = p + static_cast<std::int64_t>(j) * ldp;
-                for (int i = 0; i < m; ++i) {
-                    const int r = below[i] - 1;
-                    target(r)[r] -= pj[i] * v;
+    // Y(rows of sn) -= what each source of sn contributes: the source's
+    // panel below its block (rows from its first one in sn) times its
+    // solved block, in ascending order of the source.
+    void pullFromSources(int sn, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
+            xlindx(s.xlindx.data());
+        const int ls = xsup[sn + 1] - 1;
+        for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
+            const int d = sources.source[e];
+            const int r = sources.rows[e];
+            const int fd = xsup[d];
+            const int wd = xsup[d + 1] - fd;
+            const int hd = xlnz[fd + 1] - xlnz[fd];
+            const int p0 = hd - r;
+            const int* rows = s.lindx.data() + xlindx[d] - 1 + p0;
+            int q = 0;
+            while (q < r && rows[q] <= ls)
+                ++q;
+            const bool upper = kind == Kind::Lu && transpose;
+            const T* p = upper ? f.unz + xunz[fd] - 1 + (p0 - wd) : f.lnz + xlnz[fd] - 1 + p0;
+            const int ldp = upper ? hd - wd : hd;
+            const T* yd = y.data() + fd - 1;
+            if (nrhs == 1) {
+                for (int j = 0; j < wd; ++j) {
+                    const T v = yd[j];
+                    if (v == T(0)) continue;
+                    const T* pj = p + static_cast<std::int64_t>(j) * ldp;
+                    for (int i = 0; i < q; ++i)
+                        y[rows[i] - 1] -= pj[i] * v;
                 }
+                continue;
             }
-            return;
-        }
-        blas::gemm('N', 'N', m, nrhs, ws, T(1), p, ldp, yb, n, T(0), buf, m);
-        for (int j = 0; j < nrhs; ++j) {
-            const std::int64_t col = static_cast<std::int64_t>(j) * n;
-            const T* bj = buf + static_cast<std::int64_t>(j) * m;
-            for (int i = 0; i < m; ++i) {
-                const int r = below[i] - 1;
-                target(r)[col + r] -= bj[i];
+            blas::gemm('N', 'N', q, nrhs, wd, T(1), p, ldp, yd, n, T(0), buf, q);
+            for (int j = 0; j < nrhs; ++j) {
+                T* yj = y.data() + static_cast<std::int64_t>(j) * n;
+                const T* bj = buf + static_cast<std::int64_t>(j) * q;
+                for (int i = 0; i < q; ++i)
+                    yj[rows[i] - 1] -= bj[i];
             }
         }
     }
@@ -225,57 +231,47 @@ struct FactorSolver<T>::Impl {
         blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buf, m, T(1), yb, n);
     }
 
-    void forwardNode(int sn, T* sink, T* buf) {
-        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
-            xlindx(s.xlindx.data());
+    void forwardNode(int sn, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data());
         const int fst = xsup[sn];
         const int ws = xsup[sn + 1] - fst;
         const int hs = xlnz[fst + 1] - xlnz[fst];
         const T* L = f.lnz + xlnz[fst] - 1;
-        const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
+        pullFromSources(sn, buf);
         if (kind == Kind::Cholesky) {
             blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
-            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
         } else if (kind == Kind::Indefinite) {
             applySwaps(fst, ws, f.rowPivot, true);
             blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
         } else if (!transpose) {
             applySwaps(fst, ws, f.rowPivot, false);
             blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-            pushBelow(L + ws, hs, hs - ws, ws, fst, below, sink, buf);
         } else {
             applySwaps(fst, ws, f.colPivot, false);
             blockSolve(L, hs, ws, fst, 'U', 'T', 'N');
-            pushBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, sink, buf);
         }
+    }
+
+    T* bufferOf(int k) {
+        return k == 0 ? buffer.data() : buffers[static_cast<std::size_t>(k) - 1].data();
     }
 
     void forward() {
         if (plan.threads == 1) {
             for (int sn = 1; sn <= s.nsuper; ++sn)
-                forwardNode(sn, nullptr, buffer.data());
+                forwardNode(sn, buffer.data());
             return;
         }
         const int t = plan.threads;
-        const std::int64_t size = static_cast<std::int64_t>(n) * nrhs;
 #pragma omp parallel num_threads(t)
         {
             const int k = omp_get_thread_num();
-            T* sink = sinks[static_cast<std::size_t>(k)].data();
-            std::fill(sink, sink + size, T(0));
             for (int i = plan.start[static_cast<std::size_t>(k)];
                  i < plan.start[static_cast<std::size_t>(k) + 1]; ++i)
-                forwardNode(plan.order[static_cast<std::size_t>(i)], sink,
-                            buffers[static_cast<std::size_t>(k)].data());
-        }
-        for (int k = 0; k < t; ++k) {
-            const T* sink = sinks[static_cast<std::size_t>(k)].data();
-            for (std::int64_t i = 0; i < size; ++i)
-                y[i] += sink[i];
+                forwardNode(plan.order[static_cast<std::size_t>(i)], bufferOf(k));
         }
         for (int i = plan.start[static_cast<std::size_t>(t)]; i < s.nsuper; ++i)
-            forwardNode(plan.order[static_cast<std::size_t>(i)], nullptr, buffer.data());
+            forwardNode(plan.order[static_cast<std::size_t>(i)], buffer.data());
     }
 
     void diagonal() {
@@ -343,8 +339,7 @@ struct FactorSolver<T>::Impl {
             const int k = omp_get_thread_num();
             for (int i = plan.start[static_cast<std::size_t>(k) + 1] - 1;
                  i >= plan.start[static_cast<std::size_t>(k)]; --i)
-                backwardNode(plan.order[static_cast<std::size_t>(i)],
-                             buffers[static_cast<std::size_t>(k)].data());
+                backwardNode(plan.order[static_cast<std::size_t>(i)], bufferOf(k));
         }
     }
 };

@@ -125,9 +125,25 @@ void swapColumns(T* a, int ld, int m, int p, int q) {
         std::swap(cp[i], cq[i]);
 }
 
+// Applies PivotRule to the pivot `d` whose column holds at most c elsewhere;
+// returns whether it was replaced.
 template <class T>
-T perturbed(T v, PivotRule<T> rule) {
-    return v >= T(0) ? rule.replacement : -rule.replacement;
+bool settlePivot(T& d, T c, const PivotRule<T>& rule) {
+    const T m = std::abs(d);
+    if (m != T(0) && !(m < rule.growth * c) && !(m <= rule.threshold && c > T(0))) return false;
+    const T r = std::max(rule.replacement, rule.growth * c);
+    d = d >= T(0) ? r : -r;
+    return true;
+}
+
+// Largest magnitude of column k of the panel below row `from`.
+template <class T>
+T columnMax(const T* a, int ld, int k, int from) {
+    const T* ck = a + static_cast<std::int64_t>(k) * ld;
+    T c = 0;
+    for (int i = from; i < ld; ++i)
+        c = std::max(c, std::abs(ck[i]));
+    return c;
 }
 
 } // namespace
@@ -185,10 +201,7 @@ BlockCounts ldltPanel(T* a, int ld, int w, bool bunchKaufman, PivotRule<T> rule,
                     imax = i;
                 }
             }
-            if (std::max(absakk, colmax) <= rule.threshold) {
-                at(a, ld, k, k) = perturbed(at(a, ld, k, k), rule);
-                ++counts.perturbed;
-            } else if (absakk < alpha * colmax) {
+            if (absakk < alpha * colmax) {
                 T rowmax = 0;
                 for (int j = k; j < imax; ++j)
                     rowmax = std::max(rowmax, std::abs(at(a, ld, imax, j)));
@@ -215,10 +228,8 @@ BlockCounts ldltPanel(T* a, int ld, int w, bool bunchKaufman, PivotRule<T> rule,
         }
         const int kk = k + step - 1;
         symmetricSwap(a, ld, w, kk, kp);
-        if (!bunchKaufman && std::abs(at(a, ld, k, k)) <= rule.threshold) {
-            at(a, ld, k, k) = perturbed(at(a, ld, k, k), rule);
+        if (step == 1 && settlePivot(at(a, ld, k, k), columnMax(a, ld, k, k + 1), rule))
             ++counts.perturbed;
-        }
         if (step == 1) {
             const T d = at(a, ld, k, k);
             if (d >= T(0))
@@ -336,12 +347,8 @@ BlockCounts luPanel(T* a, int ld, int w, T* upper, int ldu, PivotRule<T> rule, i
         swapColumns(a, ld, ld, k, jp);
         rowPivots[k] = ip;
         colPivots[k] = jp;
-        T p = at(a, ld, k, k);
-        if (std::abs(p) <= rule.threshold) {
-            p = perturbed(p, rule);
-            at(a, ld, k, k) = p;
-            ++counts.perturbed;
-        }
+        if (settlePivot(at(a, ld, k, k), columnMax(a, ld, k, k + 1), rule)) ++counts.perturbed;
+        const T p = at(a, ld, k, k);
         const T r = T(1) / p;
         T* ck = a + static_cast<std::int64_t>(k) * ld;
         for (int i = k + 1; i < w; ++i)

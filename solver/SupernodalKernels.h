@@ -18,19 +18,31 @@
 // factor of the block is a plain triangle of the permuted block and a solve
 // can apply all interchanges of a supernode before it, in order.
 //
-// Tiny or zero pivots: the symmetric indefinite and LU kernels never fail;
-// a pivot at most `threshold` in magnitude becomes +replacement or
-// -replacement (by its sign, 0 counting as positive) and is counted. The
-// Cholesky kernel fails on the first pivot that is not positive and returns
-// its local column. No workspace is borrowed.
+// Pivots that cannot be made acceptable by interchanges inside the block
+// (the rows below it are out of reach: the structure of the factor is fixed
+// by the analysis) are perturbed and counted, never refused: see
+// PivotRule. The solve's checked refinement (IterativeRefinement.h) then
+// either repairs the perturbation or reports the answer as untrusted. The
+// Cholesky kernel fails on the first pivot that is not positive and
+// returns its local column. No workspace is borrowed.
 #pragma once
 
 namespace skyrinse::spds {
 
+// A 1 x 1 pivot d whose column (the rest of it, inside the block and below
+// it) has largest magnitude c is perturbed when
+//   d = 0,  or  |d| < growth c        (its multipliers would exceed 1/growth),
+//   or  |d| <= threshold and c > 0    (tiny by the caller's iparm[9]);
+// it becomes +-max(replacement, growth c), by its sign, 0 counting as
+// positive. A small pivot with nothing to eliminate below it causes no growth
+// and stays as it is: that is the last pivot of a nearly singular matrix.
+// Entries below the block are read as the updates of earlier supernodes left
+// them (the block's own columns reach them only in the panel solve).
 template <class T>
 struct PivotRule {
     T threshold{};
     T replacement{};
+    T growth{};
 };
 
 struct BlockCounts {

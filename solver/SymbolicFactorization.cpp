@@ -53,8 +53,26 @@ struct Supernodes {
     std::int64_t lindxSize = 0;
 };
 
+// Gives the first column of each pair the structure of the second, so that
+// the two form one fundamental supernode. The parent of a pair's first
+// column is the second (their entry is the matched one), and a column's
+// structure below its parent lies inside the parent's: the first column
+// gains only explicit zeros, and no other column changes. Returns the
+// entries added.
+std::int64_t joinPairs(int n, const int* pairStart, OneBased<const int> parent,
+                       OneBased<int> colcnt) {
+    std::int64_t added = 0;
+    if (!pairStart) return 0;
+    for (int j = 1; j < n; ++j)
+        if (pairStart[j - 1] && parent[j] == j + 1 && colcnt[j] != colcnt[j + 1] + 1) {
+            added += colcnt[j + 1] + 1 - colcnt[j];
+            colcnt[j] = colcnt[j + 1] + 1;
+        }
+    return added;
+}
+
 Supernodes findSupernodes(int n, int maxsup, OneBased<const int> parent, OneBased<const int> colcnt,
-                          OneBased<int> snode) {
+                          const int* pairStart, OneBased<int> snode) {
     Supernodes r;
     r.nsuper = 1;
     r.largestFundamental = 1;
@@ -65,7 +83,9 @@ Supernodes findSupernodes(int n, int maxsup, OneBased<const int> parent, OneBase
     for (int j = 2; j <= n; ++j) {
         if (parent[j - 1] == j && colcnt[j - 1] == colcnt[j] + 1) {
             ++run;
-            if (width < maxsup) {
+            // The first of a pair joins only if its partner still fits.
+            const bool pairFirst = pairStart && j < n && pairStart[j - 1] && parent[j] == j + 1;
+            if (width + (pairFirst ? 1 : 0) < maxsup) {
                 ++width;
             } else {
                 ++r.nsuper;
@@ -182,11 +202,13 @@ void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
                 }
             }
         }
-        if (rows.size() < length) {
-            const int v = perm[fst];
+        // The first column's own entries complete a fundamental supernode;
+        // a joined pair also needs those of its second column.
+        for (int c = fst; c <= lst && rows.size() < length; ++c) {
+            const int v = perm[c];
             for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
                 const int r = invp[adjncy[k]];
-                if (r > fst && mark[r] != s) {
+                if (r > lst && mark[r] != s) {
                     mark[r] = s;
                     rows.push_back(r);
                 }
@@ -358,11 +380,13 @@ void layoutValues(int n, SymbolicResult& sym) {
 }
 
 int panelWidth(int mtype, int threads, int n) {
-    const bool unsymmetricPanels = mtype == 1 || mtype == 3 || mtype == 11 || mtype == 13;
-    if (threads <= 1) return 128;
-    if (unsymmetricPanels) return threads <= 4 ? 96 : 72;
-    if (n >= 250001) return threads <= 4 ? 112 : 96;
-    return threads <= 4 ? 80 : 64;
+    // One width for every thread count: the supernodes, hence the pivots
+    // each block can choose from and the factor, must not depend on how many
+    // threads a call was granted.
+    (void)mtype;
+    (void)threads;
+    (void)n;
+    return 128;
 }
 
 void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
@@ -468,9 +492,11 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
     eliminationTree(n, ord, out.parent.data());
     out.colcountSum =
         columnCounts(n, ord, out.parent.data(), in.threads, in.memory, out.colcnt.data());
-    const Supernodes sn =
-        findSupernodes(n, std::max(1, in.maxsup), oneBased<const int>(out.parent.data()),
-                       oneBased<const int>(out.colcnt.data()), oneBased(out.snode.data()));
+    out.colcountSum += joinPairs(n, in.pairStart, oneBased<const int>(out.parent.data()),
+                                 oneBased(out.colcnt.data()));
+    const Supernodes sn = findSupernodes(
+        n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()),
+        oneBased<const int>(out.colcnt.data()), in.pairStart, oneBased(out.snode.data()));
     out.nsuper = sn.nsuper;
     out.largestFundamental = sn.largestFundamental;
     out.largestSupernode = sn.largestSupernode;

@@ -35,6 +35,11 @@ struct SymbolicInput {
     int maxsup = 128;
     int threads = 1;
     bool outOfCore = false;
+    // Optional, n entries by zero-based position: 1 where that position and
+    // the next form a pair of the matching. A pair always ends up in one
+    // supernode: its first column takes the structure of the second (the
+    // extra entries are explicit zeros), and no panel cut falls between them.
+    const int* pairStart = nullptr;
     MemoryCounter* memory = nullptr;
 };
 

@@ -151,11 +151,14 @@ PairOrder symmetricPairOrder(const SparseView<T>& stored, const SparseView<T>& f
     r.pairs = cb.pairs;
     r.perm = IntBlock(n, kWork, counter);
     r.invp = IntBlock(n, kWork, counter);
+    r.pairStart = IntBlock(n, kWork, counter);
     IntBlock prefix(static_cast<std::int64_t>(blocks) + 1, kWork, counter);
     int pos = 0;
     for (int k = 0; k < blocks; ++k) {
         const int b = co.order[k];
         prefix[k] = pos;
+        r.pairStart[pos] = firstOf[b + 1] - firstOf[b] == 2 ? 1 : 0;
+        if (firstOf[b + 1] - firstOf[b] == 2) r.pairStart[pos + 1] = 0;
         for (int q = firstOf[b]; q < firstOf[b + 1]; ++q)
             r.perm[pos++] = cb.list[q] + 1;
     }

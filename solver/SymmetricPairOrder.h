@@ -67,8 +67,11 @@ struct CompressedOrdering {
 using CompressedOrderer = std::function<CompressedOrdering(const CompressedGraph&)>;
 
 struct PairOrder {
-    IntBlock perm;        // perm[k-1] = node eliminated at position k, one-based
-    IntBlock invp;        // invp[perm[k-1]-1] = k
+    IntBlock perm; // perm[k-1] = node eliminated at position k, one-based
+    IntBlock invp; // invp[perm[k-1]-1] = k
+    // pairStart[k] = 1: positions k + 1 and k + 2 (one-based) hold a pair,
+    // which the factorization must find inside one diagonal block.
+    IntBlock pairStart;
     IntBlock domainpairs; // the ordering's ranges in expanded positions
     int ndomains = 1;
     int partitions = 1; // 1 without a list of ranges, else ndomains

@@ -14,11 +14,8 @@ namespace {
 
 // Splits stop after this many: beyond it the top grows without a gain.
 constexpr int kMaxSplits = 512;
-// Panels at least this wide and this much higher than wide keep several
-// threads of the dense kernels busy; the rest run as if on one.
-constexpr int kWidePanel = 32;
-constexpr int kTallPanel = 128;
-constexpr double kDenseEfficiency = 0.7;
+// Below this many operations a factor is not worth waking a second thread.
+constexpr double kParallelWork = 1e6;
 
 struct Tree {
     std::vector<int> firstChild, sibling; // one-based, 0 ends
@@ -126,8 +123,6 @@ TreeSchedule scheduleTree(const SymbolicResult& s, int threads, bool lu) {
     TreeSchedule plan;
     const std::vector<double> work = supernodeWork(s, lu);
     const Tree tree = buildTree(s, work);
-    const OneBased<const int> xsup(s.xsup.data());
-    const OneBased<const int> xlnz(s.xlnz.data());
     for (int sn = 1; sn <= ns; ++sn)
         plan.totalWork += work[static_cast<std::size_t>(sn)];
     {
@@ -145,19 +140,13 @@ TreeSchedule scheduleTree(const SymbolicResult& s, int threads, bool lu) {
         }
     }
     const int t = std::max(1, threads);
-    auto topTime = [&](int sn) {
-        const int fst = xsup[sn];
-        const int ws = xsup[sn + 1] - fst;
-        const int hs = xlnz[fst + 1] - xlnz[fst];
-        const double speed =
-            ws >= kWidePanel && hs - ws >= kTallPanel ? 1.0 + kDenseEfficiency * (t - 1) : 1.0;
-        return work[static_cast<std::size_t>(sn)] / speed;
-    };
-
+    // The top is counted as if on one thread: its supernodes mostly wait for
+    // each other (the separators form chains).
+    auto topTime = [&](int sn) { return work[static_cast<std::size_t>(sn)]; };
     std::vector<int> best;
     double bestCost = 0;
     bool split = false;
-    if (t > 1 && ns > 1) {
+    if (t > 1 && ns > 1 && plan.totalWork >= kParallelWork) {
         // Heaviest subtree first.
         auto lighter = [&](int a, int b) {
             return tree.subtreeWork[static_cast<std::size_t>(a)] <
@@ -233,6 +222,47 @@ TreeSchedule scheduleTree(const SymbolicResult& s, int threads, bool lu) {
             plan.topWork += work[static_cast<std::size_t>(u)];
         }
     return plan;
+}
+
+SourceLists sourceLists(const SymbolicResult& s, MemoryCounter* memory, int failureCode) {
+    const int nsuper = s.nsuper;
+    const OneBased<const int> xsup(s.xsup.data()), xlindx(s.xlindx.data()), lindx(s.lindx.data()),
+        snode(s.snode.data());
+    auto forEachUpdate = [&](auto&& visit) {
+        if (!s.groupedUpdateLists && !s.xslindx.empty()) {
+            const OneBased<const int> xsl(s.xslindx.data());
+            for (int d = 1; d <= nsuper; ++d)
+                for (int e = xsl[d]; e < xsl[d + 1]; ++e)
+                    visit(d, s.slindx[e - 1], s.slength[e - 1]);
+            return;
+        }
+        for (int d = 1; d <= nsuper; ++d) {
+            const int end = xlindx[d + 1];
+            int previous = 0;
+            for (int k = xlindx[d] + (xsup[d + 1] - xsup[d]); k < end; ++k) {
+                const int t = snode[lindx[k]];
+                if (t != previous) visit(d, t, end - k);
+                previous = t;
+            }
+        }
+    };
+    SourceLists l;
+    l.xsource = IntBlock(static_cast<std::int64_t>(nsuper) + 2, failureCode, memory);
+    const OneBased<int> xs(l.xsource.data());
+    forEachUpdate([&](int, int t, int) { ++xs[t + 1]; });
+    xs[1] = 0;
+    for (int t = 1; t <= nsuper; ++t)
+        xs[t + 1] += xs[t];
+    const std::int64_t count = std::max(1, xs[nsuper + 1]);
+    l.source = IntBlock(count, failureCode, memory);
+    l.rows = IntBlock(count, failureCode, memory);
+    std::vector<int> fill(l.xsource.begin(), l.xsource.begin() + nsuper);
+    forEachUpdate([&](int d, int t, int r) {
+        const int e = fill[static_cast<std::size_t>(t - 1)]++;
+        l.source[e] = d;
+        l.rows[e] = r;
+    });
+    return l;
 }
 
 } // namespace skyrinse::spds

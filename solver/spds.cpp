@@ -39,6 +39,15 @@ bool singlePrecisionFor(void* const pt[64], int phase, const int* iparm) {
     return iparm[27] == 1;
 }
 
+// Every row holds exactly its diagonal entry. Other patterns of n entries
+// (a permutation matrix, a matrix with an empty row) go to the driver.
+bool diagonalPattern(int n, const int* ia, const int* ja) {
+    if (!ia || !ja || ia[0] != 1 || ia[n] - 1 != n) return false;
+    for (int i = 1; i <= n; ++i)
+        if (ia[i] - ia[i - 1] != 1 || ja[i - 1] != i) return false;
+    return true;
+}
+
 int entry(const CallArgs& args) {
     const int phase = *args.phase;
     int* iparm = args.iparm;
@@ -52,7 +61,7 @@ int entry(const CallArgs& args) {
     const int threads = grantThreads(n);
     const bool single = singlePrecisionFor(args.pt, phase, iparm);
 
-    if (phase >= 1 && n >= 1 && args.ia && args.ia[n] - 1 == n) {
+    if (phase >= 1 && n >= 1 && diagonalPattern(n, args.ia, args.ja)) {
         iparm[11] = -1;
         const int r =
             single ? diagonalPath(*args.mtype, phase, n, static_cast<const float*>(args.a), args.ia,
@@ -64,9 +73,16 @@ int entry(const CallArgs& args) {
         if (*args.msglvl > 0) diagonalStatistics(phase);
         return r == 0 ? 0 : kDiagonalFailure;
     }
-    // A diagonal matrix marks iparm[11] so that later phases on the same
-    // handle do nothing; releasing a handle still releases it.
-    if (iparm[11] == -1 && !(phase <= 0 && handleOf(args.pt))) return 0;
+    // A diagonal matrix marks iparm[11]; the phases on the same handle
+    // that follow pass the diagonal matrix again and take the path above.
+    // Another matrix after it is not skipped (its x would stay unwritten
+    // with error 0): the mark is cleared and the call runs as any other.
+    if (iparm[11] == -1) {
+        if (phase >= 1)
+            iparm[11] = 0;
+        else if (!handleOf(args.pt))
+            return 0;
+    }
     iparm[2] = threads;
     return single ? runDriver<float>(args, threads) : runDriver<double>(args, threads);
 }
@@ -162,4 +178,14 @@ extern "C" int spds_get_analysis_info(void* const pt[64], spds_analysis_info* in
 
 extern "C" const char* spds_error_text(int error) {
     return skyrinse::spds::errorText(error);
+}
+
+extern "C" int spds_get_solve_info(void* const pt[64], spds_solve_info* info) {
+    if (!pt || !info) return -1;
+    const skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt);
+    if (!h) return -1;
+    info->refinement_steps = h->refinementSteps;
+    info->backward_error = h->backwardError;
+    info->wide_backward_error = h->wideBackwardError;
+    return 0;
 }

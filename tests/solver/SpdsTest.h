@@ -238,6 +238,27 @@ inline double relativeResidual(const System& s, const std::vector<double>& x,
     return worst;
 }
 
+// Normwise backward error |b - A x|_inf / (|A|_inf |x|_inf + |b|_inf), in double.
+inline double backwardError(const System& s, const std::vector<double>& x,
+                            const std::vector<double>& b, bool transpose = false) {
+    const std::vector<double> d = dense(s, transpose);
+    const std::size_t n = static_cast<std::size_t>(s.n);
+    double r = 0, an = 0, xn = 0, bn = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        double v = b[i], row = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            v -= d[k * n + i] * x[k];
+            row += std::abs(d[k * n + i]);
+        }
+        r = std::max(r, std::abs(v));
+        an = std::max(an, row);
+        xn = std::max(xn, std::abs(x[i]));
+        bn = std::max(bn, std::abs(b[i]));
+    }
+    if (!std::isfinite(r) || !std::isfinite(xn)) return std::numeric_limits<double>::infinity();
+    return r == 0 ? 0 : r / (an * xn + bn);
+}
+
 inline double relativeDifference(const std::vector<double>& x, const std::vector<double>& y) {
     double dd = 0, yy = 0;
     for (std::size_t i = 0; i < x.size(); ++i) {

@@ -7,8 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 
 using namespace skyrinse::spds;
 using namespace spdstest;
@@ -162,6 +164,16 @@ const CheckRow kCheckRows[] = {
          s.iparm[5] = 5;
          return 11;
      }},
+    {"maxfct below 1", 2,
+     [](Solver& s, Matrix&) {
+         s.maxfct = 0;
+         return 22;
+     }},
+    {"negative nrhs for a phase that solves", 9,
+     [](Solver& s, Matrix&) {
+         s.nrhs = -4;
+         return 13;
+     }},
     {"no right-hand side for a solve", 9,
      [](Solver& s, Matrix&) {
          s.nrhs = 0;
@@ -211,23 +223,114 @@ TEST(ArgumentCheck, NegativePhaseIsReportedWithoutTheSilentForm) {
 
 // ---- matrix checker through the entry ----------------------------------------
 
-TEST(MatrixChecker, FactorizationChecksTheArraysOfItsOwnCall) {
-    // The factorization places entries by position: its own call's arrays are checked.
+TEST(MatrixChecker, UnsortedAndRepeatedEntriesAreSummedButBoundsAreChecked) {
+    // Rows in reverse order with one entry split in two halves: the same
+    // matrix, hence the same answer, for an analysis and a factorization.
+    const Matrix m = smallStencil();
+    Matrix shuffled = m;
+    for (int i = 0; i < m.n; ++i) {
+        std::reverse(shuffled.ja.begin() + m.ia[i] - 1, shuffled.ja.begin() + m.ia[i + 1] - 1);
+        std::reverse(shuffled.a.begin() + m.ia[i] - 1, shuffled.a.begin() + m.ia[i + 1] - 1);
+    }
+    shuffled.a[0] /= 2;
+    shuffled.ja.insert(shuffled.ja.begin() + 1, shuffled.ja[0]);
+    shuffled.a.insert(shuffled.a.begin() + 1, shuffled.a[0]);
+    for (std::size_t i = 1; i < shuffled.ia.size(); ++i)
+        ++shuffled.ia[i];
+    const std::vector<double> b = randomVector(static_cast<std::size_t>(m.n), 4);
+    std::vector<double> b1 = b, x1(b.size()), b2 = b, x2(b.size());
+    Solver sorted, unsorted;
+    ASSERT_EQ(sorted.call(13, m, &b1, &x1), 0);
+    ASSERT_EQ(unsorted.call(13, shuffled, &b2, &x2), 0);
+    EXPECT_LE(relativeDifference(x2, x1), 1e-13);
+    ASSERT_EQ(unsorted.call(22, m), 0) << "a factorization may take the sorted arrays";
+
+    Matrix outside = m;
+    outside.ja[3] = m.n + 5;
+    unsorted.msglvl = 1;
+    EXPECT_EQ(unsorted.call(22, outside), -1);
+    EXPECT_EQ(unsorted.internalCode(), 22);
+    EXPECT_EQ(unsorted.iparm[30], 4);
+}
+
+// ---- what a user would expect of odd input ---------------------------------------
+
+TEST(OddInput, FactorTableOfNoRowsIsRefusedBeforeAnythingIsMade) {
+    const Matrix m = smallStencil();
+    Solver s;
+    s.maxfct = 0;
+    EXPECT_EQ(s.call(11, m), -7);
+    EXPECT_TRUE(allZero(s.pt)) << "no handle with an empty factor table";
+    s.maxfct = 1;
+    std::vector<double> b(static_cast<std::size_t>(m.n), 1.0), x(b.size());
+    EXPECT_EQ(s.call(13, m, &b, &x), 0);
+}
+
+TEST(OddInput, MissingOrNonFiniteValuesAreArgumentErrors) {
     Matrix m = smallStencil();
     Solver s;
     s.msglvl = 1;
     ASSERT_EQ(s.call(11, m), 0);
-    Matrix unsorted = m;
-    std::swap(unsorted.ja[0], unsorted.ja[1]);
-    for (int phase : {22, 12}) {
-        EXPECT_EQ(s.call(phase, unsorted), -1);
-        EXPECT_EQ(s.internalCode(), 24);
-    }
-    ASSERT_EQ(s.call(11, m), 0);
-    m.ja[3] = m.n + 5;
+    EXPECT_EQ(s.call(22, m.mtype, m.n, nullptr, m.ia.data(), m.ja.data()), -1);
+    EXPECT_EQ(s.internalCode(), 28) << "no a for a factorization";
+    m.a[5] = std::numeric_limits<double>::quiet_NaN();
     EXPECT_EQ(s.call(22, m), -1);
-    EXPECT_EQ(s.internalCode(), 22);
-    EXPECT_EQ(s.iparm[30], 4);
+    EXPECT_EQ(s.internalCode(), 26);
+    m.a[5] = -0.1;
+    ASSERT_EQ(s.call(22, m), 0);
+    std::vector<double> b(static_cast<std::size_t>(m.n), 1.0), x(b.size(), 5.0);
+    b[7] = -std::numeric_limits<double>::infinity();
+    EXPECT_EQ(s.call(33, m, &b, &x), -1);
+    EXPECT_EQ(s.internalCode(), 27);
+    EXPECT_EQ(x, std::vector<double>(b.size(), 5.0)) << "x is not written";
+}
+
+TEST(OddInput, EmptyEquationIsStructurallySingular) {
+    // Row 3 of a general matrix is empty; with symmetric storage an empty
+    // stored row is fine as long as its column holds an entry.
+    for (int mtype : {11, -2}) {
+        SCOPED_TRACE(mtype);
+        Entries e;
+        for (int i = 0; i < 6; ++i)
+            e[{i, i}] = 2.0;
+        e[{0, 3}] = e[{3, 0}] = 1.0;
+        if (mtype == 11) {
+            e.erase({3, 3});
+            e.erase({3, 0});
+        } else {
+            e.erase({3, 3});
+        }
+        const Matrix m = fromEntries("empty row", mtype, 6, e);
+        ASSERT_EQ(m.ia[3], m.ia[4]) << "row 4 is stored empty";
+        Solver s;
+        std::vector<double> b(6, 1.0), x(6);
+        const int error = s.call(13, m, &b, &x);
+        if (mtype == 11) {
+            EXPECT_EQ(error, -6);
+            EXPECT_EQ(s.iparm[29], 4);
+        } else {
+            EXPECT_EQ(error, 0) << "A(4, 1) = A(1, 4) makes the matrix regular";
+            EXPECT_LE(backwardError(m, x, b), 1e-14);
+        }
+    }
+}
+
+TEST(OddInput, PermutationMatrixIsSolvedAfterADiagonalOne) {
+    // n entries, one a row, but not on the diagonal: not the diagonal path.
+    const int n = 5;
+    Entries diag, perm;
+    for (int i = 0; i < n; ++i) {
+        diag[{i, i}] = 2.0;
+        perm[{i, (i + 2) % n}] = 1.0 + i;
+    }
+    const Matrix d = fromEntries("diagonal", 11, n, diag);
+    const Matrix p = fromEntries("permutation", 11, n, perm);
+    Solver s;
+    std::vector<double> b = randomVector(n, 3), x(n);
+    ASSERT_EQ(s.call(13, d, &b, &x), 0);
+    EXPECT_EQ(s.iparm[11], -1);
+    ASSERT_EQ(s.call(13, p, &b, &x), 0) << "the diagonal mark does not swallow the call";
+    EXPECT_LE(backwardError(p, x, b), 1e-15);
 }
 
 // ---- iparm in and out --------------------------------------------------------
@@ -340,10 +443,6 @@ TYPED_TEST(Diagonal, SolvedWithoutAHandle) {
     s.iparm[5] = 0;
     EXPECT_EQ(call(33), -7);
     EXPECT_EQ(x, std::vector<T>(8, T(-99)));
-    // An entry off the diagonal in a one-entry-per-row pattern is refused.
-    a[2] = 1;
-    ja = {1, 3, 3, 4};
-    EXPECT_EQ(call(33), -7);
 }
 
 } // namespace

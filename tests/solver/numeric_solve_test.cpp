@@ -54,9 +54,9 @@ TYPED_TEST(NumericSolve, MatchesDenseSolveForEveryType) {
         std::vector<T> bt = narrow<T>(b), x(bt.size(), T(-99)), b2 = bt, x2(bt.size());
         ASSERT_EQ(once.call(13, &bt, &x), 0);
         EXPECT_EQ(widen(bt), widen(narrow<T>(b))) << "b must not be written";
-        EXPECT_LE(relativeResidual(s, widen(x), b, 1), this->tolerance());
+        EXPECT_LE(backwardError(s, widen(x), widen(narrow<T>(b))), this->tolerance());
         EXPECT_LE(relativeDifference(widen(x), denseSolve(s, b, 1)), 1e4 * this->eps());
-        EXPECT_EQ(once.iparm[6], 2) << "two refinement steps were asked for";
+        EXPECT_LE(once.iparm[6], 2) << "no more steps than asked once the answer is trusted";
         if (s.mtype == 2) {
             EXPECT_EQ(once.iparm[13], 0) << "a definite matrix calls for no perturbed pivot";
         }
@@ -113,7 +113,7 @@ TYPED_TEST(NumericSolve, SolvesWithOneFactor) {
         const std::vector<double> bt1(b.begin(), b.begin() + static_cast<std::ptrdiff_t>(n));
         std::vector<T> bt = narrow<T>(bt1), x(n);
         ASSERT_EQ(run.call(33, &bt, &x), 0);
-        EXPECT_LE(relativeResidual(s, widen(x), bt1, 1, true), this->tolerance());
+        EXPECT_LE(backwardError(s, widen(x), widen(narrow<T>(bt1)), true), this->tolerance());
         EXPECT_GT(relativeResidual(s, widen(x), bt1, 1, false), 1e-3) << "A^T's answer, not A's";
     }
 }

@@ -1,6 +1,6 @@
-// The stopping rules of iterative refinement, observed through iparm[6]
-// (steps done), iparm[19] and the error of the call.
-#include "SpdsTest.h"
+// Checked refinement, observed through iparm[6] (correction steps), the
+// backward errors of spds_get_solve_info and the error of the call.
+#include "AccuracyCorpus.h"
 
 #include <gtest/gtest.h>
 
@@ -8,12 +8,13 @@ using namespace spdstest;
 
 namespace {
 
-// Nearly diagonal with every pivot `pivot`, under the threshold 0.1 of
-// iparm[9] = 1: the factor holds 0.1 instead, i.e. 0.1 / pivot times A.
+// Every pivot `pivot` but the last, which is 1: with iparm[9] = 1 the
+// threshold is 0.1, and the factor holds 0.1 in place of each small pivot,
+// i.e. roughly 0.1 / pivot times A.
 System scaledDiagonal(double pivot, int n = 30) {
     std::map<std::pair<int, int>, double> e;
     for (int i = 0; i < n; ++i) {
-        e[{i, i}] = pivot;
+        e[{i, i}] = i + 1 == n ? 1.0 : pivot;
         if (i + 1 < n) e[{i, i + 1}] = e[{i + 1, i}] = pivot * 1e-3;
     }
     return fromEntries("scaled diagonal", 11, n, e);
@@ -33,83 +34,95 @@ System wellConditioned() {
     return fromEntries("indefinite", -2, 120, symmetricEntries(120, 0.05, rng, 1.0, true));
 }
 
-TEST(Refinement, PerturbedPivotsWithoutStepsAskedGetExactlyTwo) {
-    const System s = scaledDiagonal(0.05);
-    SpdsRun<double> run(s);
-    perturbing(run, 0);
-    std::vector<double> b = randomVector(30, 2), x(30);
-    ASSERT_EQ(run.call(13, &b, &x), 0);
-    EXPECT_GT(run.iparm[13], 0);
-    EXPECT_EQ(run.iparm[6], 2);
-    EXPECT_EQ(run.iparm[19], -34);
+spds_solve_info infoOf(void* const pt[64]) {
+    spds_solve_info info{};
+    EXPECT_EQ(spds_get_solve_info(pt, &info), 0);
+    return info;
 }
 
-TEST(Refinement, NoContractionFailsWithStatus112) {
-    // The factor is 100 A: each step removes only 1% of the error.
+TEST(Refinement, PerturbedPivotsAreRefinedToTheTolerance) {
+    // The factor is 1.25 A: each step leaves a fifth of the error.
+    const System s = scaledDiagonal(0.08);
+    for (int steps : {0, 2}) {
+        SCOPED_TRACE(steps);
+        SpdsRun<double> run(s);
+        perturbing(run, steps);
+        const std::vector<double> b = randomVector(30, 2);
+        std::vector<double> bt = b, x(30);
+        ASSERT_EQ(run.call(13, &bt, &x), 0);
+        EXPECT_GT(run.iparm[13], 0);
+        EXPECT_GT(run.iparm[6], 2) << "more steps than asked, as long as they pay";
+        EXPECT_LE(backwardError(s, x, b), 1e-13);
+        EXPECT_LE(infoOf(run.pt).backward_error, 1e-13);
+    }
+}
+
+TEST(Refinement, NoContractionIsAReportedFailure) {
+    // The factor is 100 A: a step removes only 1% of the error.
     const System s = scaledDiagonal(0.001);
     SpdsRun<double> run(s);
     perturbing(run, 10);
     std::vector<double> b = randomVector(30, 3), x(30);
     EXPECT_EQ(run.call(13, &b, &x), -4);
     EXPECT_EQ(run.iparm[29], -112);
-    EXPECT_EQ(run.iparm[6], 4) << "three stalled steps are tolerated, the fourth ends";
+    EXPECT_EQ(run.iparm[6], 1) << "a step that does not halve the error ends the loop";
+    EXPECT_GT(infoOf(run.pt).backward_error, 1e-3);
 }
 
-TEST(Refinement, StopsAtTheStepsAsked) {
+TEST(Refinement, ConvergedSolvesStopEarly) {
     const System s = wellConditioned();
-    for (int steps : {1, 3}) {
+    for (int steps : {0, 1, 3, 20}) {
         SCOPED_TRACE(steps);
         SpdsRun<double> run(s);
         run.iparm[7] = steps;
-        std::vector<double> b = randomVector(120, 5), x(120);
-        ASSERT_EQ(run.call(13, &b, &x), 0);
-        EXPECT_EQ(run.iparm[6], steps);
+        const std::vector<double> b = randomVector(120, 5);
+        std::vector<double> bt = b, x(120);
+        ASSERT_EQ(run.call(13, &bt, &x), 0);
+        EXPECT_LE(run.iparm[6], std::max(steps, 1));
+        EXPECT_LE(backwardError(s, x, b), 1e-14);
     }
 }
 
-TEST(Refinement, StallsEndTheLoopBeforeALargeLimit) {
-    // Converged after one step: later residuals are rounding noise that
-    // does not shrink, and at most three stalled steps follow.
-    const System s = wellConditioned();
-    SpdsRun<double> run(s);
-    run.iparm[7] = 20;
-    std::vector<double> b = randomVector(120, 6), x(120);
-    ASSERT_EQ(run.call(13, &b, &x), 0);
-    EXPECT_GE(run.iparm[6], 2);
-    EXPECT_LE(run.iparm[6], 8);
-}
-
-TEST(Refinement, ZeroRightHandSideGivesZeroWithoutDividingByZero) {
+TEST(Refinement, ZeroRightHandSideGivesZeroWithoutAStep) {
     const System s = wellConditioned();
     SpdsRun<float> run(s);
     std::vector<float> b(120, 0.0f), x(120, 7.0f);
     ASSERT_EQ(run.call(13, &b, &x), 0);
     for (float v : x)
         ASSERT_EQ(v, 0.0f);
-    EXPECT_EQ(run.iparm[6], 2);
+    EXPECT_EQ(run.iparm[6], 0);
+    EXPECT_EQ(infoOf(run.pt).backward_error, 0.0);
 }
 
-TEST(Refinement, WiderResidualForNegativeSteps) {
-    // Moderately ill-conditioned: a grid Laplacian with a small shift. The
-    // reference solves the matrix the solver sees, its values as floats.
+TEST(Refinement, SingleFactorWithWideIterateReportsBothErrors) {
+    // Moderately ill-conditioned: a grid Laplacian with a small shift, its
+    // values as floats so that the wide iterate solves the same system.
     System s = fromEntries("grid", -2, 900, gridEntries(30, 30, 1e-3));
     for (double& v : s.a)
         v = static_cast<float>(v);
     const std::vector<double> b = widen(narrow<float>(randomVector(900, 7)));
-    auto solveWith = [&](int steps) {
-        SpdsRun<float> run(s);
-        run.iparm[7] = steps;
-        std::vector<float> bt = narrow<float>(b), x(900);
-        EXPECT_EQ(run.call(13, &bt, &x), 0);
-        EXPECT_EQ(run.iparm[6], std::abs(steps));
-        return relativeDifference(widen(x), denseSolve(s, b, 1));
-    };
-    const double plain = solveWith(2);
-    const double wide = solveWith(-2);
-    // The plain residual is only as good as float arithmetic on A x; the
-    // wide one brings x to what a float can hold.
-    EXPECT_LE(wide, 1e-6);
-    EXPECT_LT(wide, plain / 5);
+    SpdsRun<float> run(s);
+    run.iparm[7] = -2;
+    std::vector<float> bt = narrow<float>(b), x(900);
+    ASSERT_EQ(run.call(13, &bt, &x), 0);
+    const spds_solve_info info = infoOf(run.pt);
+    EXPECT_LE(info.wide_backward_error, 1e-14) << "a float factor, double answers";
+    EXPECT_LE(info.backward_error, 1e-6);
+    EXPECT_GE(info.backward_error, info.wide_backward_error);
+    EXPECT_NEAR(backwardError(s, widen(x), b), info.backward_error, 0.1 * info.backward_error);
+}
+
+TEST(Refinement, RightHandSideAndSolutionInOneArray) {
+    const System s = wellConditioned();
+    for (int inB : {0, 1}) {
+        SCOPED_TRACE(inB);
+        SpdsRun<double> run(s);
+        run.iparm[5] = inB;
+        const std::vector<double> b = randomVector(120, 8);
+        std::vector<double> both = b;
+        ASSERT_EQ(run.call(13, &both, &both), 0);
+        EXPECT_LE(backwardError(s, both, b), 1e-14);
+    }
 }
 
 } // namespace

@@ -48,13 +48,24 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
     out = Triplets{};
     out.n = static_cast<int>(rows);
     out.symmetric = symmetry == "symmetric";
-    out.rows.reserve(static_cast<std::size_t>(entries));
-    out.cols.reserve(static_cast<std::size_t>(entries));
-    out.values.reserve(static_cast<std::size_t>(entries));
     const bool pattern = field == "pattern";
     // The entries are read in one piece and parsed in place: a stream
     // extraction per number costs more than the whole analysis.
     const std::string body((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // An entry takes four characters at least ("i j\n"); a size line that
+    // promises more, or more equations than its entries can fill (half a
+    // matrix stores at least half of them), describes no usable system and
+    // would only run memory out.
+    if (static_cast<unsigned long long>(entries) > body.size() / 4 + 1) {
+        message = path + ": the size line announces " + std::to_string(entries) +
+                  " entries, more than the file holds";
+        return false;
+    }
+    if (rows > 2 * entries) {
+        message = path + ": the size line announces " + std::to_string(rows) + " equations for " +
+                  std::to_string(entries) + " entries: the matrix would be singular";
+        return false;
+    }
     const char* p = body.data();
     const char* const end = body.data() + body.size();
     auto skipSpace = [&] {
@@ -70,6 +81,9 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
         p = r.ptr;
         return true;
     };
+    out.rows.reserve(static_cast<std::size_t>(entries));
+    out.cols.reserve(static_cast<std::size_t>(entries));
+    out.values.reserve(static_cast<std::size_t>(entries));
     for (long long k = 0; k < entries; ++k) {
         long long i = 0, j = 0;
         double v = 1.0;

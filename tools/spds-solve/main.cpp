@@ -1,14 +1,17 @@
 // spds-solve: solve a sparse system from a Matrix Market file with SPDS.
 //
 //   spds-solve [--mtype T] [--ordering 0..3] [--threads N] [--single]
-//              [--refine STEPS] [--rhs FILE] FILE.mtx
+//              [--refine STEPS] [--rhs FILE] [--out FILE] [--verbose] FILE.mtx
 //
 // The whole use of the solver in one place: build the one-based CSR arrays,
 // analyse (phase 11), factorize (22), solve with refinement (33), print the
-// residual ||A x - b|| / ||b||, the times, the inertia and the perturbed
+// residual, the backward error, the times, the inertia and the perturbed
 // pivots, and release the handle (phase -1). The right-hand side is read
 // from FILE (numbers separated by white space, lines starting with '%'
 // skipped, a Matrix Market "array" header accepted) or is all ones.
+//
+// Exit status: 0 solved; 1 a file could not be read or written, or memory
+// ran out; 2 bad usage; 3 the solver reported an error.
 #include "MatrixMarket.h"
 
 #include "runtime/nrt.h"
@@ -19,16 +22,53 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
+constexpr int kExitSolved = 0;
+constexpr int kExitFile = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitSolver = 3;
+
+constexpr char kUsage[] =
+    "usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] [--single]\n"
+    "                  [--refine STEPS] [--rhs FILE] [--out FILE] [--verbose] FILE.mtx\n";
+
+constexpr char kHelp[] =
+    "Solves A x = b for the Matrix Market matrix FILE.mtx with SPDS.\n"
+    "\n"
+    "  --mtype T       matrix type: 11 unsymmetric, 1 structurally symmetric,\n"
+    "                  2 symmetric positive definite, -2 symmetric indefinite\n"
+    "                  (default -2 for a symmetric file, 11 otherwise)\n"
+    "  --ordering K    0, 1 minimum degree; 2, 3 nested dissection (default 3)\n"
+    "  --threads N     threads of the solver\n"
+    "  --single        factor in single precision (residuals still in double)\n"
+    "  --refine STEPS  refinement steps asked for (default 2; negative: the\n"
+    "                  iterate is kept in the wider type)\n"
+    "  --rhs FILE      right-hand side (default all ones)\n"
+    "  --out FILE      write x as a Matrix Market array\n"
+    "  --verbose       the solver's statistics and the refinement's figures\n"
+    "  --help          this text\n"
+    "\n"
+    "Exit status: 0 solved; 1 a file could not be read or written, or memory\n"
+    "ran out; 2 bad usage; 3 the solver reported an error.\n";
+
 int usage() {
-    std::fprintf(stderr, "usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] "
-                         "[--single] [--refine STEPS] [--rhs FILE] FILE.mtx\n");
-    return 2;
+    std::fputs(kUsage, stderr);
+    return kExitUsage;
+}
+
+bool writeSolution(const char* path, const std::vector<double>& x) {
+    std::FILE* f = std::fopen(path, "w");
+    if (!f) return false;
+    std::fprintf(f, "%%%%MatrixMarket matrix array real general\n%zu 1\n", x.size());
+    for (double v : x)
+        std::fprintf(f, "%.17g\n", v);
+    return std::fclose(f) == 0;
 }
 
 bool readRhs(const char* path, int n, std::vector<double>& b) {
@@ -73,15 +113,17 @@ struct Outcome {
     const char* stage = "";
     double seconds[3] = {};
     std::vector<double> x;
+    spds_solve_info info{};
 };
 
 // Phases 11, 22, 33 and -1 in the precision T.
 template <class T>
-Outcome solve(const skyrinse::mm::Csr& c, int mtype, int* iparm, const std::vector<double>& b) {
+Outcome solve(const skyrinse::mm::Csr& c, int mtype, int* iparm, const std::vector<double>& b,
+              int msglvl) {
     const std::vector<T> a(c.a.begin(), c.a.end());
     std::vector<T> rhs(b.begin(), b.end()), x(b.size());
     void* pt[64] = {};
-    int maxfct = 1, mnum = 1, nrhs = 1, msglvl = 0, n = c.n;
+    int maxfct = 1, mnum = 1, nrhs = 1, n = c.n;
     Outcome out;
     const int phases[3] = {11, 22, 33};
     const char* names[3] = {"analysis", "factorization", "solve"};
@@ -94,24 +136,30 @@ Outcome solve(const skyrinse::mm::Csr& c, int mtype, int* iparm, const std::vect
         out.stage = names[k];
     }
     out.x.assign(x.begin(), x.end());
+    spds_get_solve_info(pt, &out.info);
     int phase = -1, error = 0;
     spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs, iparm,
          &msglvl, nullptr, nullptr, &error);
     return out;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     int mtype = 0; // 0: 11 for a general file, -2 for a symmetric one
     int ordering = 3;
     int threads = 0;
     int refine = 2;
     bool single = false;
+    bool verbose = false;
     const char* path = nullptr;
     const char* rhsPath = nullptr;
+    const char* outPath = nullptr;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
+            std::fputs(kUsage, stdout);
+            std::fputs(kHelp, stdout);
+            return kExitSolved;
+        }
         if (!std::strcmp(argv[i], "--mtype") && hasValue)
             mtype = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--ordering") && hasValue)
@@ -122,8 +170,12 @@ int main(int argc, char** argv) {
             refine = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--rhs") && hasValue)
             rhsPath = argv[++i];
+        else if (!std::strcmp(argv[i], "--out") && hasValue)
+            outPath = argv[++i];
         else if (!std::strcmp(argv[i], "--single"))
             single = true;
+        else if (!std::strcmp(argv[i], "--verbose"))
+            verbose = true;
         else if (argv[i][0] != '-' && !path)
             path = argv[i];
         else
@@ -137,14 +189,14 @@ int main(int argc, char** argv) {
     const double t0 = nrt_seconds();
     if (!skyrinse::mm::read(path, triplets, message)) {
         std::fprintf(stderr, "spds-solve: %s\n", message.c_str());
-        return 1;
+        return kExitFile;
     }
     if (mtype == 0) mtype = triplets.symmetric ? -2 : 11;
     const skyrinse::mm::Csr csr = skyrinse::mm::toCsr(triplets, mtype);
     std::vector<double> b(static_cast<std::size_t>(csr.n), 1.0);
     if (rhsPath && !readRhs(rhsPath, csr.n, b)) {
         std::fprintf(stderr, "spds-solve: %s: expected %d numbers\n", rhsPath, csr.n);
-        return 1;
+        return kExitFile;
     }
     const double readTime = nrt_seconds() - t0;
 
@@ -152,15 +204,17 @@ int main(int argc, char** argv) {
     int iparm[64] = {};
     iparm[0] = 1;                   // take the values below, not the defaults
     iparm[1] = ordering;            // 0, 1 minimum degree; 2, 3 nested dissection
-    iparm[7] = refine;              // refinement steps at most (negative: wide residual)
-    iparm[9] = symmetric ? 8 : 13;  // pivots below 1e-8 / 1e-13 are perturbed
+    iparm[7] = refine;              // refinement steps asked (negative: wide iterate)
+    iparm[9] = symmetric ? 8 : 13;  // pivots below 1e-8 / 1e-13 (at least the
+                                    // square root of the roundoff) are perturbed
     iparm[10] = mtype == 2 ? 0 : 1; // scaling and matching: large entries near
     iparm[12] = mtype == 2 ? 0 : 1; // the diagonal, where pivoting can reach them
     iparm[17] = -1;                 // report the entries of the factors
     iparm[20] = 1;                  // Bunch-Kaufman pivots (mtype -2)
     iparm[27] = single ? 1 : 0;
-    const Outcome r =
-        single ? solve<float>(csr, mtype, iparm, b) : solve<double>(csr, mtype, iparm, b);
+    const int msglvl = verbose ? 1 : 0;
+    const Outcome r = single ? solve<float>(csr, mtype, iparm, b, msglvl)
+                             : solve<double>(csr, mtype, iparm, b, msglvl);
 
     std::printf("matrix        %s (mtype %d, %s precision)\n", path, mtype,
                 single ? "single" : "double");
@@ -170,7 +224,9 @@ int main(int argc, char** argv) {
     if (r.error != 0) {
         std::printf("error         %d in the %s (%s), iparm[29] %d\n", r.error, r.stage,
                     spds_error_text(r.error), iparm[29]);
-        return 1;
+        if (r.info.backward_error >= 0)
+            std::printf("backward err  %.3e (not trusted)\n", r.info.backward_error);
+        return kExitSolver;
     }
     std::printf("threads       %d\n", iparm[2]);
     std::printf("nnz(L+U)      %d\n", iparm[17]);
@@ -178,11 +234,31 @@ int main(int argc, char** argv) {
     std::printf("perturbed     %d pivots\n", iparm[13]);
     std::printf("refinement    %d steps\n", iparm[6]);
     std::printf("residual      %.3e (||Ax-b|| / ||b||)\n", residual(csr, symmetric, r.x, b));
+    std::printf("backward err  %.3e (|b-Ax| / (|A||x|+|b|), infinity norms)\n",
+                r.info.backward_error);
+    if (verbose && refine < 0)
+        std::printf("wide iterate  %.3e (backward error before rounding to %s)\n",
+                    r.info.wide_backward_error, single ? "float" : "double");
     std::printf("memory        peak %d KB, kept %d KB, factorization %d KB\n", iparm[14], iparm[15],
                 iparm[16]);
     std::printf("time read     %.3f s\n", readTime);
     std::printf("time analysis %.3f s\n", r.seconds[0]);
     std::printf("time factor   %.3f s\n", r.seconds[1]);
     std::printf("time solve    %.3f s\n", r.seconds[2]);
-    return 0;
+    if (outPath && !writeSolution(outPath, r.x)) {
+        std::fprintf(stderr, "spds-solve: cannot write %s\n", outPath);
+        return kExitFile;
+    }
+    return kExitSolved;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "spds-solve: not enough memory for this matrix\n");
+        return kExitFile;
+    }
 }

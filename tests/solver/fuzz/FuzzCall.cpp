@@ -3,6 +3,7 @@
 #include "spds.h"
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 namespace spdsfuzz {
@@ -53,8 +54,12 @@ int runInput(const std::uint8_t* data, std::size_t size) {
         j = (b & 0xf0) == 0xf0 ? b % 5 - 2 + ((b & 1) ? n : 0) : 1 + b % n;
     }
     std::vector<double> a(static_cast<std::size_t>(std::max(1, 2 * nnz)));
-    for (std::size_t k = 0; k < a.size(); ++k)
-        a[k] = static_cast<double>(in.next() % 9) - 2.0;
+    for (std::size_t k = 0; k < a.size(); ++k) {
+        const int v = in.next();
+        a[k] = v == 0xff   ? std::numeric_limits<double>::quiet_NaN()
+               : v == 0xfe ? std::numeric_limits<double>::infinity()
+                           : static_cast<double>(v % 9) - 2.0;
+    }
     int nrhs = 1 + in.next() % 3;
     std::vector<double> b(static_cast<std::size_t>(2 * n * nrhs), 1.0);
     std::vector<double> x(b.size(), 0.0);
@@ -70,16 +75,21 @@ int runInput(const std::uint8_t* data, std::size_t size) {
     iparm[5] = (flags & 32) ? in.next() % 3 : 0;
     iparm[26] = (flags & 64) ? 1 : 0;
     iparm[27] = (flags & 128) ? 1 : 0;
-    int maxfct = 1 + in.next() % 3, mnum = in.next() % 4, msglvl = 0, error = 0;
+    int maxfct = in.next() % 4, mnum = in.next() % 4, msglvl = 0, error = 0;
     int calls = 0;
     while (in.more() && calls < 6) {
         int phase = kPhases[in.next() % (sizeof(kPhases) / sizeof(int))];
         int callN = (in.next() & 0x1f) == 0 ? n - 1 : n;
         if (callN < 1) callN = n; // arrays are sized for n; a smaller n keeps reads in range
         int callType = (in.next() & 0x0f) == 0 ? kMtypes[in.next() % 4] : mtype;
-        int rhs = (in.next() & 0x0f) == 0 ? 0 : nrhs;
+        const int pick = in.next();
+        int rhs = (pick & 0x0f) == 0 ? ((pick & 0x10) ? -nrhs : 0) : nrhs;
+        // Sometimes one array for both, or a right-hand side that is not finite.
+        double* xs = (pick & 0xe0) == 0xe0 ? b.data() : x.data();
+        if ((pick & 0xe0) == 0xc0) b[0] = std::numeric_limits<double>::infinity();
         spds(pt, &maxfct, &mnum, &callType, &phase, &callN, a.data(), ia.data(), ja.data(),
-             perm.data(), &rhs, iparm, &msglvl, b.data(), x.data(), &error);
+             perm.data(), &rhs, iparm, &msglvl, b.data(), xs, &error);
+        b[0] = 1.0;
         ++calls;
     }
     int phase = -1;

@@ -1,12 +1,14 @@
 // skyrinse: removes the haze from photographs through the haze plug-in.
 //
 //   skyrinse [--strength N] [--threads N] [--verbose] FILE...
+//   skyrinse --gui [FILE...]            (the desktop wizard, host/GuiMain.cpp)
 //
 // Each FILE is written as FILE_dehazed.<suffix> beside it, in the same format
 // and depth, with its metadata. A failure is reported with its text and
 // location and the batch goes on; the exit status is 0 only if every file
 // was written.
 #include "host/BatchRunner.h"
+#include "host/GuiMain.h"
 #include "host/PluginHost.h"
 #include "host/SkyrinseApplication.h"
 
@@ -14,6 +16,8 @@
 #include <cstdio>
 
 int main(int argc, char** argv) {
+    // Only the wizard needs a display; the console batch never makes one.
+    if (wantsGui(argc, argv)) return runGui(argc, argv);
     SkyrinseApplication app(argc, argv);
     app.setApplicationVersion(QStringLiteral(SKYRINSE_VERSION));
 
@@ -40,7 +44,11 @@ int main(int argc, char** argv) {
         QStringLiteral("plugin"),
         QCoreApplication::translate("main", "Load the haze plug-in from PATH."),
         QStringLiteral("PATH"));
-    parser.addOptions({strength, threads, verbose, plugin});
+    const QCommandLineOption gui(
+        QStringLiteral("gui"),
+        QCoreApplication::translate("main", "Show the desktop wizard instead, with a live "
+                                            "preview (needs a display)."));
+    parser.addOptions({strength, threads, verbose, plugin, gui});
     parser.addPositionalArgument(QStringLiteral("FILE"),
                                  QCoreApplication::translate("main", "Photographs to dehaze."),
                                  QStringLiteral("FILE..."));

@@ -52,7 +52,8 @@ constexpr int kCodeOutsideStructure = 25;
 // A value of a, or of b, is infinite or not a number.
 constexpr int kCodeNonFiniteMatrix = 26;
 constexpr int kCodeNonFiniteRhs = 27;
-// A factorization, or a matching that weighs the values, without `a`.
+// A factorization, a checked solve or a matching that weighs the values,
+// without `a`.
 constexpr int kCodeNoValues = 28;
 
 // Whether some row holds no entry on the diagonal, or only zeros there.
@@ -641,6 +642,12 @@ int Call<T>::factorAndSolve(int lastDigit) {
         // iparm[19] keeps what the iteration reported.
         if (stagePhase == 33 && h->partialSolve == 0 && iterative && refinementDue && iterate(row))
             return exit();
+        // The check of a full solve multiplies with the call's matrix.
+        if (!a.a && h->splitSolve == 0 && h->partialSolve == 0) {
+            status = kStatusParameters;
+            internal = kCodeNoValues;
+            return exit();
+        }
         if (!allFinite(static_cast<const T*>(a.b), checkedMul(h->n, *a.nrhs))) {
             status = kStatusParameters;
             internal = kCodeNonFiniteRhs;

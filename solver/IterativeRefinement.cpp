@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kWorkCode = -1300;
 constexpr int kStatusNoContraction = -112;
+constexpr double kRoundoffUnits = 8;
 
 template <class T>
 constexpr double unitRoundoff() {
@@ -86,10 +87,11 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
     // Whether the iterate lives in W (steps < 0) or in T, rounded at every step.
     const bool wide = rq.steps < 0;
     const int asked = std::abs(rq.steps);
-    // A wide iterate aims at the precision of its own type, and only a
-    // stall or the cap end it; a T iterate also stops once it did the
-    // steps asked and is within the tolerance.
-    const double target = wide ? unitRoundoff<W>() : unitRoundoff<T>();
+    // Within a few units of roundoff the residual itself is rounding noise:
+    // no step can do better. A wide iterate aims at the roundoff of its own
+    // type, and only that, a stall or the cap end it; a T iterate also stops
+    // once it did the steps asked and is within the tolerance.
+    const double target = kRoundoffUnits * (wide ? unitRoundoff<W>() : unitRoundoff<T>());
     const double tolerance = refinementTolerance<T>();
 
     solver.solve(rhs, sol);

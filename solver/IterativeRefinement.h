@@ -13,8 +13,8 @@
 // (long double for a double factor with steps < 0) whatever the element type,
 // and the normwise backward error
 //     omega = max over the columns of |r|_inf / (|A|_inf |x|_inf + |b|_inf)
-// decides. Correction steps run while omega is above the working precision
-// of the element type and either fewer than |steps| were done or omega is
+// decides. Correction steps run while omega is above 8 units of roundoff of
+// the element type and either fewer than |steps| were done or omega is
 // still above the tolerance the caller is promised (RefinementTolerance);
 // a step that does not halve omega ends the loop, one that makes it worse
 // is undone. At most kMaxRefinementSteps. When omega stays above the

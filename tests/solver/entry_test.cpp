@@ -282,6 +282,9 @@ TEST(OddInput, MissingOrNonFiniteValuesAreArgumentErrors) {
     b[7] = -std::numeric_limits<double>::infinity();
     EXPECT_EQ(s.call(33, m, &b, &x), -1);
     EXPECT_EQ(s.internalCode(), 27);
+    b[7] = 1.0;
+    EXPECT_EQ(s.call(33, m.mtype, m.n, nullptr, m.ia.data(), m.ja.data(), &b, &x), -1);
+    EXPECT_EQ(s.internalCode(), 28) << "the check of the answer needs A";
     EXPECT_EQ(x, std::vector<double>(b.size(), 5.0)) << "x is not written";
 }
 

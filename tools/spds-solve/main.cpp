@@ -51,7 +51,8 @@ constexpr char kHelp[] =
     "                  iterate is kept in the wider type)\n"
     "  --rhs FILE      right-hand side (default all ones)\n"
     "  --out FILE      write x as a Matrix Market array\n"
-    "  --verbose       the solver's statistics and the refinement's figures\n"
+    "  --verbose       the threads granted and why, the solver's statistics and\n"
+    "                  the refinement's figures\n"
     "  --help          this text\n"
     "\n"
     "Exit status: 0 solved; 1 a file could not be read or written, or memory\n"
@@ -229,6 +230,11 @@ int run(int argc, char** argv) {
         return kExitSolver;
     }
     std::printf("threads       %d\n", iparm[2]);
+    if (verbose) {
+        char why[256];
+        const int granted = nrt_explain_threads(0, why, sizeof why);
+        std::printf("granted       %d thread(s): %s\n", granted, why);
+    }
     std::printf("nnz(L+U)      %d\n", iparm[17]);
     std::printf("inertia       %d positive, %d negative\n", iparm[21], iparm[22]);
     std::printf("perturbed     %d pivots\n", iparm[13]);

@@ -47,6 +47,8 @@ constexpr int kFactorCode = -1100;
 constexpr int kWorkCode = -1200;
 constexpr char kStageText[] = "Spds: factorization phase";
 constexpr int kStageLength = 25;
+// Polls of a source's finished mark before a waiting thread sleeps.
+constexpr int kWaitSpins = 2000;
 // Below this many multiply-adds an update product runs as plain loops.
 constexpr std::int64_t kSmallProduct = 2048;
 
@@ -464,11 +466,16 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
     const int* source = sources.source.data();
     const int* sourceRows = sources.rows.data();
     for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
-        if (done)
-            while (done[source[e]].load(std::memory_order_acquire) == 0) {
-                if (stop.load(std::memory_order_relaxed) != kRunning) return false;
+        // A short wait is spun through; a long one (a whole subtree of
+        // another thread) sleeps, so that the waiting thread does not take
+        // a core from the one it waits for on a busy machine.
+        for (int spins = 0; done && done[source[e]].load(std::memory_order_acquire) == 0; ++spins) {
+            if (stop.load(std::memory_order_relaxed) != kRunning) return false;
+            if (spins < kWaitSpins)
                 std::this_thread::yield();
-            }
+            else
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
         update(source[e], sourceRows[e], sn, w);
     }
     if (!factorBlock(fst, hs, ws, w)) {

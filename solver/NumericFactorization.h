@@ -20,8 +20,9 @@
 // of panelWidth^2 scalars for D L^T, and the matrix entries grouped by
 // factor column (12 or 16 bytes an entry).
 //
-// Tiny pivots never fail the symmetric indefinite and LU factorizations:
-// they are replaced by the threshold of iparm[9] and counted. A Cholesky
+// Unacceptable pivots never fail the symmetric indefinite and LU
+// factorizations: they are perturbed by pivotRule and counted, and the
+// checked solve decides whether the answer can be trusted. A Cholesky
 // (mtype 2) pivot that is not positive stops the factorization with the
 // equation where it arose. The progress hook may cancel (status -1). Memory
 // failures throw AllocationFailure for the driver to report. One thread:

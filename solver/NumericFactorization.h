@@ -20,8 +20,9 @@
 // shared, the sources of each supernode (two integers an update) and the
 // matrix entries grouped by factor column (12 or 16 bytes an entry).
 //
-// Tiny pivots never fail the symmetric indefinite and LU factorizations:
-// they are replaced by the threshold of iparm[9] and counted. A Cholesky
+// Unacceptable pivots never fail the symmetric indefinite and LU
+// factorizations: they are perturbed by pivotRule and counted, and the
+// checked solve decides whether the answer can be trusted. A Cholesky
 // (mtype 2) pivot that is not positive stops the factorization with the
 // equation where it arose (with several threads, the first such pivot in
 // the schedule's order among those met before all threads stopped). The

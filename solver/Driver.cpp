@@ -598,6 +598,8 @@ int Call<T>::factorAndSolve(int lastDigit) {
             rq.ja = a.ja;
             rq.bunchKaufman = iparm[20] != 0;
             rq.pivotExponent = iparm[9];
+            rq.threads = m_threads;
+            rq.queueSchedule = h->queueSchedule;
             const double t0 = nrt_seconds();
             const NumericResult r = numericFactorization<T>(*h, rq, row);
             h->timers[kTimeNumeric] = nrt_seconds() - t0;

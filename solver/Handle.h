@@ -163,6 +163,8 @@ struct Handle {
     // the order of matchingPermutation; the factorization and the solve must
     // place rows the same way, or entries land outside the structure.
     bool rowPermuted = false;
+    // Factorizations take the shared-cursor schedule (benchmark comparison).
+    bool queueSchedule = false;
 
     // Drops the analysis and every factor, as a new analysis or phase -1 does.
     void releaseNumericAndAnalysis();

@@ -1,12 +1,12 @@
 // Numeric factorization; the contract is in NumericFactorization.h.
 //
-// Supernodes are taken in the order of pnlsch (leaves first). Each panel is
-// zeroed, receives its matrix entries, then the updates of every supernode
-// that is linked to it, and is factorized by the kernels of
-// SupernodalKernels.h. A finished supernode is linked to the supernode of
-// its first row below the diagonal block; after updating that one it moves
-// on to the supernode of its next unused row, so each source is visited
-// once per target and the lists never need more than one word a supernode.
+// Each supernode's panel is zeroed, receives its matrix entries, then the
+// updates of every supernode below it that has rows in it (its sources, in
+// ascending order), and is factorized by the kernels of SupernodalKernels.h.
+// The supernodes are taken in the order of the tree schedule: whole
+// subtrees per thread, then the top (TreeSchedule.h). Because every source
+// of a supernode lies in its subtree, a subtree needs nothing from another
+// one, and a top supernode finds all its sources finished.
 //
 // An update of source d onto target s takes the rows of d not yet used
 // (r of them, the first q inside s) and is one of four shapes:
@@ -20,17 +20,24 @@
 
 #include "Progress.h"
 #include "SupernodalKernels.h"
+#include "TreeSchedule.h"
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
 #include "internal/OneBased.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <thread>
 #include <utility>
 #include <vector>
+
+#include <omp.h>
 
 namespace skyrinse::spds {
 
@@ -40,6 +47,8 @@ constexpr int kFactorCode = -1100;
 constexpr int kWorkCode = -1200;
 constexpr char kStageText[] = "Spds: factorization phase";
 constexpr int kStageLength = 25;
+// Polls of a source's finished mark before a waiting thread sleeps.
+constexpr int kWaitSpins = 2000;
 // Below this many multiply-adds an update product runs as plain loops.
 constexpr std::int64_t kSmallProduct = 2048;
 
@@ -83,6 +92,31 @@ struct Entry {
     T value;
 };
 
+// What one thread owns while it factors: the maps of its current panel, its
+// buffers and its counters. Nothing here is shared.
+template <class T>
+struct ThreadWork {
+    IntBlock indmap; // global row -> offset from the end of the current panel
+    IntBlock relind; // local rows of one update
+    Block<T> temp;   // scattered update products
+    Block<T> dlt;    // D L^T of the current source
+    int perturbed = 0;
+    int positive = 0;
+    int negative = 0;
+    // The first failure this thread met: the supernode's place in the
+    // schedule and what it means.
+    int failedAt = INT_MAX;
+    int failure = 0; // kFailPivot or kFailStructure
+    int pivotStatus = 0;
+};
+
+constexpr int kFailPivot = 1;
+constexpr int kFailStructure = 2;
+// Values of the shared stop flag.
+constexpr int kRunning = 0;
+constexpr int kStopFailed = 1;
+constexpr int kStopCancelled = 2;
+
 template <class T>
 class Worker {
 public:
@@ -96,12 +130,27 @@ public:
 private:
     void groupEntries();
     std::int64_t largestScatteredUpdate() const;
-    bool scatter(int sn, int fst, int lst, int hs, int ws);
-    int update(int d, int sn);
-    void formDLt(int d, int p0, int q);
-    void addScattered(T* target, int ld, int q, int rowsFrom, int rowsTo, int rowShift,
-                      bool lowerOnly);
-    NumericResult factorBlock(int sn, int fst, int hs, int ws);
+    // With `done`, each source is waited for until it is marked finished;
+    // false with no failure recorded when the stop flag ended the wait.
+    bool factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done = nullptr);
+    bool scatter(int sn, int fst, int lst, int hs, ThreadWork<T>& w);
+    void update(int d, int r, int sn, ThreadWork<T>& w);
+    void formDLt(int d, int p0, int q, T* out);
+    void addScattered(const ThreadWork<T>& w, T* target, int ld, int q, int rowsFrom, int rowsTo,
+                      int rowShift, bool lowerOnly);
+    bool factorBlock(int fst, int hs, int ws, ThreadWork<T>& w);
+    // Runs the supernodes order[from..to) on the calling thread. Returns
+    // false when it stopped early (failure here, or the flag raised).
+    // Runs the supernodes order[from..to) on the calling thread, marking
+    // each finished one in `done` when given. False when it stopped early.
+    bool runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports,
+                 std::atomic<int>* done);
+    // Takes supernodes of order[from..to) by the shared cursor, waiting for
+    // their sources; the top of the tree, or everything in the comparison
+    // scheme (NumericRequest::queueSchedule).
+    void runShared(const int* order, int from, int to, std::atomic<int>& cursor, ThreadWork<T>& w,
+                   bool reports, std::atomic<int>* done);
+    bool reportIfGrown();
 
     Handle& h;
     const NumericRequest& rq;
@@ -114,17 +163,17 @@ private:
     const OneBased<const int> xsup, xlindx, lindx, xlnz, xunz, snode;
     PivotRule<T> rule;
 
-    // Per-thread work: the maps of the current panel and the buffers.
-    IntBlock indmap; // global row -> offset from the end of the current panel
-    IntBlock relind; // local rows of one update
-    IntBlock head;   // pending sources of each supernode
-    IntBlock next;   // next source in a pending list
-    IntBlock length; // rows of each finished supernode not yet used
-    Block<T> temp;   // scattered update products
-    Block<T> dlt;    // D L^T of the current source
+    // A target always takes its updates in the order of these lists
+    // (ascending source), whatever the thread that finished each source and
+    // when, so the factor does not depend on the schedule.
+    SourceLists sources;
     IntBlock xentry; // n+1 starts of the entries of each factor column
     Block<Entry<T>> entries;
     double largest = 0; // largest magnitude of the matrix as factored
+
+    std::atomic<int> stop{kRunning};
+    std::atomic<std::int64_t> finishedEntries{0};
+    int lastPercent = 0;
 };
 
 template <class T>
@@ -196,10 +245,11 @@ std::int64_t Worker<T>::largestScatteredUpdate() const {
 }
 
 template <class T>
-bool Worker<T>::scatter(int sn, int fst, int lst, int hs, int ws) {
+bool Worker<T>::scatter(int sn, int fst, int lst, int hs, ThreadWork<T>& w) {
+    const int ws = lst - fst + 1;
     T* L = f.lnz + xlnz[fst] - 1;
     T* U = lu ? f.unz + xunz[fst] - 1 : nullptr;
-    const OneBased<const int> map(indmap.data());
+    const OneBased<const int> map(w.indmap.data());
     const int* rows = lindx.p + xlindx[sn] - 1;
     // The factorization may be handed other arrays than the analysis saw;
     // an entry whose row the structure of its column does not hold would be
@@ -227,16 +277,15 @@ bool Worker<T>::scatter(int sn, int fst, int lst, int hs, int ws) {
     return true;
 }
 
-// W (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
+// out (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
 // indefinite update.
 template <class T>
-void Worker<T>::formDLt(int d, int p0, int q) {
+void Worker<T>::formDLt(int d, int p0, int q, T* w) {
     const int fd = xsup[d];
     const int wd = xsup[d + 1] - fd;
     const int hd = xlnz[fd + 1] - xlnz[fd];
     const T* L = f.lnz + xlnz[fd] - 1;
     const int* piv = f.rowPivot + fd - 1;
-    T* w = dlt.data();
     for (int t = 0; t < wd;) {
         const T* lt = L + static_cast<std::int64_t>(t) * hd + p0;
         T* wt = w + static_cast<std::int64_t>(t) * q;
@@ -265,31 +314,31 @@ void Worker<T>::formDLt(int d, int p0, int q) {
 // rows of an update lie in the diagonal block of the target, so their local
 // rows are also the columns the product goes to.
 template <class T>
-void Worker<T>::addScattered(T* target, int ld, int q, int rowsFrom, int rowsTo, int rowShift,
-                             bool lowerOnly) {
-    const int* rel = relind.data();
+void Worker<T>::addScattered(const ThreadWork<T>& w, T* target, int ld, int q, int rowsFrom,
+                             int rowsTo, int rowShift, bool lowerOnly) {
+    const int* rel = w.relind.data();
     const int m = rowsTo - rowsFrom;
     for (int j = 0; j < q; ++j) {
         T* cj = target + static_cast<std::int64_t>(rel[j]) * ld - rowShift;
-        const T* tj = temp.data() + static_cast<std::int64_t>(j) * m - rowsFrom;
+        const T* tj = w.temp.data() + static_cast<std::int64_t>(j) * m - rowsFrom;
         for (int t = lowerOnly ? rowsFrom + j : rowsFrom; t < rowsTo; ++t)
             cj[rel[t]] -= tj[t];
     }
 }
 
+// The update of source d, whose last r rows start inside sn, onto sn.
 template <class T>
-int Worker<T>::update(int d, int sn) {
+void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
     const int fd = xsup[d];
     const int wd = xsup[d + 1] - fd;
     const int hd = xlnz[fd + 1] - xlnz[fd];
-    const int r = length[d - 1];
     const int p0 = hd - r;
     const int* rows = lindx.p + (xlindx[d] - 1) + p0;
     const int fs = xsup[sn];
     const int ls = xsup[sn + 1] - 1;
     const int ws = ls - fs + 1;
     const int hs = xlnz[fs + 1] - xlnz[fs];
-    const OneBased<const int> map(indmap.data());
+    const OneBased<const int> map(w.indmap.data());
     int q = 0;
     while (q < r && rows[q] <= ls)
         ++q;
@@ -310,28 +359,29 @@ int Worker<T>::update(int d, int sn) {
                 for (int t = j; t < r; ++t)
                     cs[-map[rows[t]]] -= coef * v[t];
             }
-            return q;
+            return;
         }
         const T* right = Ld + p0;
         int ldr = hd;
         if (!cholesky) {
-            formDLt(d, p0, q);
-            right = dlt.data();
+            formDLt(d, p0, q, w.dlt.data());
+            right = w.dlt.data();
             ldr = q;
         }
         if (i1 - i0 == r - 1) {
             productNT(r, q, wd, Ld + p0, hd, right, ldr,
                       Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs, false);
         } else {
-            productNT(r, q, wd, Ld + p0, hd, right, ldr, temp.data(), r, true);
+            productNT(r, q, wd, Ld + p0, hd, right, ldr, w.temp.data(), r, true);
             for (int t = 0; t < r; ++t)
-                relind[t] = hs - map[rows[t]];
-            addScattered(Ls, hs, q, 0, r, 0, true);
+                w.relind[t] = hs - map[rows[t]];
+            addScattered(w, Ls, hs, q, 0, r, 0, true);
         }
-        return q;
+        return;
     }
 
     // LU: the L part (r x q) and the U part ((r - q) x q) of the target.
+    (void)ws;
     const int hud = hd - wd;
     const T* Ud = f.unz + xunz[fd] - 1 + (p0 - wd);
     const int hus = hs - ws;
@@ -339,13 +389,13 @@ int Worker<T>::update(int d, int sn) {
     const bool contiguous = i1 - i0 == r - 1;
     if (!contiguous)
         for (int t = 0; t < r; ++t)
-            relind[t] = hs - map[rows[t]];
+            w.relind[t] = hs - map[rows[t]];
     if (contiguous) {
         productNT(r, q, wd, Ld + p0, hd, Ud, hud, Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs,
                   false);
     } else {
-        productNT(r, q, wd, Ld + p0, hd, Ud, hud, temp.data(), r, true);
-        addScattered(Ls, hs, q, 0, r, 0, false);
+        productNT(r, q, wd, Ld + p0, hd, Ud, hud, w.temp.data(), r, true);
+        addScattered(w, Ls, hs, q, 0, r, 0, false);
     }
     if (r > q) {
         const int iq = hs - map[rows[q]];
@@ -353,24 +403,21 @@ int Worker<T>::update(int d, int sn) {
             productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd,
                       Us + (iq - ws) + static_cast<std::int64_t>(c0) * hus, hus, false);
         } else {
-            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd, temp.data(), r - q, true);
-            addScattered(Us, hus, q, q, r, ws, false);
+            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd, w.temp.data(), r - q, true);
+            addScattered(w, Us, hus, q, q, r, ws, false);
         }
     }
-    return q;
 }
 
 template <class T>
-NumericResult Worker<T>::factorBlock(int sn, int fst, int hs, int ws) {
-    (void)sn;
-    NumericResult r;
+bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
     T* L = f.lnz + xlnz[fst] - 1;
     BlockCounts c;
     if (cholesky) {
         c = choleskyPanel(L, hs, ws);
         if (c.failedColumn >= 0) {
-            r.status = h.ordering_.perm[fst - 1 + c.failedColumn];
-            return r;
+            w.pivotStatus = h.ordering_.perm[fst - 1 + c.failedColumn];
+            return false;
         }
     } else if (!lu) {
         int* piv = f.rowPivot + fst - 1;
@@ -386,96 +433,201 @@ NumericResult Worker<T>::factorBlock(int sn, int fst, int hs, int ws) {
             cp[k] += fst;
         }
     }
-    r.perturbed = c.perturbed;
-    r.positive = c.positive;
-    r.negative = c.negative;
-    return r;
+    w.perturbed += c.perturbed;
+    w.positive += c.positive;
+    w.negative += c.negative;
+    return true;
+}
+
+// Zero, scatter, take every update in the fixed order of the source list,
+// factor the block and solve the panel. Every source of sn is finished
+// before sn is taken: sources are descendants, and each thread's list and
+// the top list are in postorder, the top after all subtrees.
+template <class T>
+bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done) {
+    const int fst = xsup[sn];
+    const int lst = xsup[sn + 1] - 1;
+    const int ws = lst - fst + 1;
+    const int hs = xlnz[fst + 1] - xlnz[fst];
+    T* L = f.lnz + xlnz[fst] - 1;
+    std::fill(L, L + static_cast<std::int64_t>(hs) * ws, T(0));
+    if (lu) {
+        T* U = f.unz + xunz[fst] - 1;
+        std::fill(U, U + static_cast<std::int64_t>(hs - ws) * ws, T(0));
+    }
+    const OneBased<int> map(w.indmap.data());
+    const int* rows = lindx.p + xlindx[sn] - 1;
+    for (int i = 0; i < hs; ++i)
+        map[rows[i]] = hs - i;
+    if (!scatter(sn, fst, lst, hs, w)) {
+        w.failure = kFailStructure;
+        return false;
+    }
+    const int* source = sources.source.data();
+    const int* sourceRows = sources.rows.data();
+    for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
+        // A short wait is spun through; a long one (a whole subtree of
+        // another thread) sleeps, so that the waiting thread does not take
+        // a core from the one it waits for on a busy machine.
+        for (int spins = 0; done && done[source[e]].load(std::memory_order_acquire) == 0; ++spins) {
+            if (stop.load(std::memory_order_relaxed) != kRunning) return false;
+            if (spins < kWaitSpins)
+                std::this_thread::yield();
+            else
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+        update(source[e], sourceRows[e], sn, w);
+    }
+    if (!factorBlock(fst, hs, ws, w)) {
+        w.failure = kFailPivot;
+        return false;
+    }
+    return true;
+}
+
+// Percent of lnz in finished panels; reports only a grown value. Thread 1
+// alone calls this. False when the hook asks to stop.
+template <class T>
+bool Worker<T>::reportIfGrown() {
+    const std::int64_t total = std::max<std::int64_t>(1, s.lnzSize);
+    const std::int64_t done = finishedEntries.load(std::memory_order_relaxed);
+    const int percent =
+        static_cast<int>(std::min<double>(99.0, 100.0 * static_cast<double>(done - 1) / total));
+    if (percent <= lastPercent) return true;
+    lastPercent = percent;
+    if (reportProgress(1, percent, kStageText, kStageLength) == 0) return true;
+    stop.store(kStopCancelled, std::memory_order_relaxed);
+    return false;
+}
+
+template <class T>
+bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bool reports,
+                        std::atomic<int>* done) {
+    for (int i = from; i < to; ++i) {
+        if (stop.load(std::memory_order_relaxed) != kRunning) return false;
+        const int sn = order[i];
+        if (!factorSupernode(sn, w)) {
+            w.failedAt = std::min(w.failedAt, i);
+            int expected = kRunning;
+            stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
+            return false;
+        }
+        if (done) done[sn].store(1, std::memory_order_release);
+        finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) - xlnz[xsup[sn]],
+                                  std::memory_order_relaxed);
+        if (reports && !reportIfGrown()) return false;
+    }
+    return true;
+}
+
+template <class T>
+void Worker<T>::runShared(const int* order, int from, int to, std::atomic<int>& cursor,
+                          ThreadWork<T>& w, bool reports, std::atomic<int>* done) {
+    for (;;) {
+        if (stop.load(std::memory_order_relaxed) != kRunning) return;
+        const int i = from + cursor.fetch_add(1, std::memory_order_relaxed);
+        if (i >= to) return;
+        const int sn = order[i];
+        if (!factorSupernode(sn, w, done)) {
+            if (w.failure == 0) return; // the stop flag ended a wait
+            w.failedAt = std::min(w.failedAt, i);
+            int expected = kRunning;
+            stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
+            return;
+        }
+        done[sn].store(1, std::memory_order_release);
+        finishedEntries.fetch_add(static_cast<std::int64_t>(xlnz[xsup[sn + 1]]) - xlnz[xsup[sn]],
+                                  std::memory_order_relaxed);
+        if (reports && !reportIfGrown()) return;
+    }
 }
 
 template <class T>
 NumericResult Worker<T>::run() {
     NumericResult result;
-    indmap = IntBlock(n, kWorkCode, &h.memory);
-    relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
-    head = IntBlock(nsuper, kWorkCode, &h.memory);
-    next = IntBlock(nsuper, kWorkCode, &h.memory);
-    length = IntBlock(nsuper, kWorkCode, &h.memory);
-    temp =
-        Block<T>(std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate()), kWorkCode, &h.memory);
+    const TreeSchedule plan = scheduleTree(s, std::max(1, rq.threads), lu);
+    const int t = rq.queueSchedule ? std::max(1, rq.threads) : plan.threads;
+    const std::int64_t tempSize = std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate());
     const std::int64_t panel = std::max(1, s.largestSupernode);
-    dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
+    std::vector<ThreadWork<T>> work(static_cast<std::size_t>(t));
+    for (ThreadWork<T>& w : work) {
+        w.indmap = IntBlock(n, kWorkCode, &h.memory);
+        w.relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
+        w.temp = Block<T>(tempSize, kWorkCode, &h.memory);
+        w.dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
+    }
     groupEntries();
     rule = pivotRule<T>(rq.pivotExponent, largest);
+    sources = sourceLists(s, &h.memory, kWorkCode);
 
-    const OneBased<int> map(indmap.data());
-    const std::int64_t total = std::max<std::int64_t>(1, s.lnzSize);
-    int lastPercent = 0;
     if (reportProgress(1, 0, kStageText, kStageLength) != 0) {
         result.status = -1;
         return result;
     }
-    for (int idx = 0; idx < nsuper; ++idx) {
-        const int sn = std::abs(s.pnlsch[idx]);
-        const int fst = xsup[sn];
-        const int lst = xsup[sn + 1] - 1;
-        const int ws = lst - fst + 1;
-        const int hs = xlnz[fst + 1] - xlnz[fst];
-        T* L = f.lnz + xlnz[fst] - 1;
-        std::fill(L, L + static_cast<std::int64_t>(hs) * ws, T(0));
-        if (lu) {
-            T* U = f.unz + xunz[fst] - 1;
-            std::fill(U, U + static_cast<std::int64_t>(hs - ws) * ws, T(0));
+    const int* order = plan.order.data();
+    if (t > 1) {
+        // One region. First the subtrees, each thread its own: no update
+        // crosses between them, so nothing is waited for. Then the top by a
+        // shared cursor in postorder, each source waited for through its
+        // finished mark (an atomic, no lock). The dense kernels run on one
+        // thread in here (the runtime services see the region), which keeps
+        // every product's rounding that of one thread.
+        const bool queued = rq.queueSchedule;
+        const int* shared = queued ? s.pnlsch.data() : order;
+        std::vector<int> pnlschOrder;
+        if (queued) {
+            pnlschOrder.resize(static_cast<std::size_t>(nsuper));
+            for (int i = 0; i < nsuper; ++i)
+                pnlschOrder[static_cast<std::size_t>(i)] = std::abs(s.pnlsch[i]);
+            shared = pnlschOrder.data();
         }
-        const int* rows = lindx.p + xlindx[sn] - 1;
-        for (int i = 0; i < hs; ++i)
-            map[rows[i]] = hs - i;
-        if (!scatter(sn, fst, lst, hs, ws)) {
+        const int sharedFrom = queued ? 0 : plan.start[static_cast<std::size_t>(t)];
+        std::vector<std::atomic<int>> done(static_cast<std::size_t>(nsuper) + 1);
+        std::atomic<int> cursor{0};
+        std::atomic<int> working{t};
+#pragma omp parallel num_threads(t)
+        {
+            const int id = omp_get_thread_num();
+            ThreadWork<T>& w = work[static_cast<std::size_t>(id)];
+            if (!queued)
+                runList(order, plan.start[static_cast<std::size_t>(id)],
+                        plan.start[static_cast<std::size_t>(id) + 1], w, id == 0, done.data());
+            runShared(shared, sharedFrom, nsuper, cursor, w, id == 0, done.data());
+            working.fetch_sub(1, std::memory_order_acq_rel);
+            // Thread 1 goes on reporting, and so hears a cancel, while the
+            // others finish.
+            if (id == 0)
+                while (working.load(std::memory_order_acquire) > 0 &&
+                       stop.load(std::memory_order_relaxed) == kRunning) {
+                    if (!reportIfGrown()) break;
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                }
+        }
+    } else {
+        runList(order, 0, nsuper, work[0], true, nullptr);
+    }
+
+    for (const ThreadWork<T>& w : work) {
+        result.perturbed += w.perturbed;
+        result.positive += w.positive;
+        result.negative += w.negative;
+    }
+    const int stopped = stop.load(std::memory_order_relaxed);
+    if (stopped == kStopCancelled) {
+        result.status = -1;
+        return result;
+    }
+    if (stopped == kStopFailed) {
+        // The failure met first in the schedule's order, whichever thread
+        // met it.
+        const ThreadWork<T>* first = nullptr;
+        for (const ThreadWork<T>& w : work)
+            if (w.failure != 0 && (!first || w.failedAt < first->failedAt)) first = &w;
+        if (first->failure == kFailStructure)
             result.outsideStructure = true;
-            return result;
-        }
-
-        while (head[sn - 1] != 0) {
-            const int d = head[sn - 1];
-            head[sn - 1] = next[d - 1];
-            const int q = update(d, sn);
-            length[d - 1] -= q;
-            if (length[d - 1] > 0) {
-                const int fd = xsup[d];
-                const int hd = xlnz[fd + 1] - xlnz[fd];
-                const int t = snode[lindx[xlindx[d] + hd - length[d - 1]]];
-                next[d - 1] = head[t - 1];
-                head[t - 1] = d;
-            }
-        }
-
-        const NumericResult b = factorBlock(sn, fst, hs, ws);
-        if (b.status != 0) {
-            result.status = b.status;
-            return result;
-        }
-        result.perturbed += b.perturbed;
-        result.positive += b.positive;
-        result.negative += b.negative;
-
-        if (hs > ws) {
-            length[sn - 1] = hs - ws;
-            const int t = snode[rows[ws]];
-            next[sn - 1] = head[t - 1];
-            head[t - 1] = sn;
-        } else {
-            length[sn - 1] = 0;
-        }
-
-        const std::int64_t done = static_cast<std::int64_t>(xlnz[lst + 1]) - 1;
-        const int percent =
-            static_cast<int>(std::min<double>(99.0, 100.0 * static_cast<double>(done - 1) / total));
-        if (percent > lastPercent) {
-            lastPercent = percent;
-            if (reportProgress(1, percent, kStageText, kStageLength) != 0) {
-                result.status = -1;
-                return result;
-            }
-        }
+        else
+            result.status = first->pivotStatus;
+        return result;
     }
     if (reportProgress(1, 100, kStageText, kStageLength) != 0) result.status = -1;
     return result;

@@ -14,19 +14,30 @@
 //
 // Writes: the factor row's value block (allocated, or replaced when it is
 // too small, under FACT_L&U -1100), the perturbation, inertia and status
-// figures of the result. Borrows for the call (WORK_R0, -1200): indmap and
-// relind of n integers each, three lists of one integer per supernode, the
-// update buffer of max(tmpsiz, largest scattered update) scalars, a block
-// of panelWidth^2 scalars for D L^T, and the matrix entries grouped by
-// factor column (12 or 16 bytes an entry).
+// figures of the result. Borrows for the call (WORK_R0, -1200): per thread
+// indmap and relind of n integers, the update buffer of max(tmpsiz, largest
+// scattered update) scalars and a block of panelWidth^2 scalars for D L^T;
+// shared, the sources of each supernode (two integers an update) and the
+// matrix entries grouped by factor column (12 or 16 bytes an entry).
 //
-// Tiny pivots never fail the symmetric indefinite and LU factorizations:
-// they are replaced by the threshold of iparm[9] and counted. A Cholesky
+// Unacceptable pivots never fail the symmetric indefinite and LU
+// factorizations: they are perturbed by pivotRule and counted, and the
+// checked solve decides whether the answer can be trusted. A Cholesky
 // (mtype 2) pivot that is not positive stops the factorization with the
-// equation where it arose. The progress hook may cancel (status -1). Memory
-// failures throw AllocationFailure for the driver to report. One thread:
-// the per-thread arrays (indmap, relind, the buffers) are members of one
-// worker so that a parallel schedule can give each thread its own.
+// equation where it arose (with several threads, the first such pivot in
+// the schedule's order among those met before all threads stopped). The
+// progress hook may cancel (status -1). Memory failures throw
+// AllocationFailure for the driver to report; all memory is taken before
+// any thread starts.
+//
+// Threads (TreeSchedule.h): the granted threads factor disjoint subtrees in
+// one parallel region, without locks or waiting; the top of the tree follows
+// on the calling thread with the dense kernels on all threads. Each
+// supernode takes its updates in ascending order of the source, so the
+// factor is the same bits for every thread count, except for the rounding of
+// the dense library's multi-threaded products at the top (none when those
+// run on one thread). Only thread 1 calls the progress hook; a cancel stops
+// every thread at its next supernode.
 #pragma once
 
 #include "Handle.h"
@@ -42,6 +53,10 @@ struct NumericRequest {
     const int* ja = nullptr;
     bool bunchKaufman = true; // iparm[20] != 0 (mtype -2 only)
     int pivotExponent = 8;    // iparm[9]
+    int threads = 1;          // granted to this call
+    // Instead of the subtree schedule: pnlsch by a shared cursor on every
+    // thread, each update waited for; kept for the benchmark's comparison.
+    bool queueSchedule = false;
 };
 
 struct NumericResult {

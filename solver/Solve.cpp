@@ -4,8 +4,19 @@
 // n). The rows of a diagonal block are consecutive in Y, so a block solve
 // reads and writes Y in place; the rows below a block are scattered, so
 // their contribution is formed in a buffer and then added row by row.
+//
+// The forward sweep gathers: before its own solve, a block subtracts what
+// each of its sources (the supernodes below it with rows in it) contributes,
+// in ascending order of the source. The backward sweep gathers as well, from
+// the rows below the block. So every entry of Y is computed in one fixed
+// order, and on several threads the sweeps follow the factorization's tree
+// schedule (TreeSchedule.h) with the same bits: forward, each thread sweeps
+// its subtrees, whose sources lie inside them, then the calling thread the
+// top; backward, the top first, then each thread its subtrees, which only
+// read rows outside them. No row is written by two threads.
 #include "Solve.h"
 
+#include "TreeSchedule.h"
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
 #include "internal/OneBased.h"
@@ -13,6 +24,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <utility>
+#include <vector>
+
+#include <omp.h>
 
 namespace skyrinse::spds {
 
@@ -22,6 +36,8 @@ constexpr int kWorkCode = -1300;
 // Blocks smaller than this many entries are solved by loops for one
 // right-hand side; the dense library only pays off above it.
 constexpr std::int64_t kSmallBlock = 4096;
+// Factors with fewer entries are swept on one thread.
+constexpr std::int64_t kParallelEntries = 50000;
 
 enum class Kind { Cholesky, Indefinite, Lu };
 
@@ -42,6 +58,9 @@ struct FactorSolver<T>::Impl {
     IntBlock scatterIndex;
     Block<T> gatherScale;
     Block<T> scatterScale;
+    TreeSchedule plan;
+    SourceLists sources;
+    std::vector<Block<T>> buffers; // per thread: the rows below one block
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
         : h(handle), s(handle.symbolic), n(handle.n), nrhs(rhs) {
@@ -52,6 +71,13 @@ struct FactorSolver<T>::Impl {
         f = layout.view<T>(const_cast<std::byte*>(row.values.data()));
         y = Block<T>(checkedMul(n, nrhs), kWorkCode, &h.memory);
         buffer = Block<T>(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode, &h.memory);
+        // A small factor is swept faster than a team of threads wakes up.
+        const int threads = s.lnzSize >= kParallelEntries ? nrt_get_max_threads() : 1;
+        plan = scheduleTree(s, threads, kind == Kind::Lu);
+        sources = sourceLists(s, &h.memory, kWorkCode);
+        for (int k = 1; k < plan.threads; ++k)
+            buffers.emplace_back(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode,
+                                 &h.memory);
         gatherIndex = IntBlock(n, kWorkCode, &h.memory);
         scatterIndex = IntBlock(n, kWorkCode, &h.memory);
         gatherScale = Block<T>(n, kWorkCode, &h.memory);
@@ -140,31 +166,50 @@ struct FactorSolver<T>::Impl {
             blas::trsm('L', uplo, trans, diag, ws, nrhs, T(1), a, hs, yb, n);
     }
 
-    // Y(rows below) -= P Y(block), P the m x ws panel at `p` (leading dim ldp).
-    void pushBelow(const T* p, int ldp, int m, int ws, int fst, const int* below) {
-        if (m <= 0) return;
-        const T* yb = y.data() + fst - 1;
-        if (nrhs == 1) {
-            for (int j = 0; j < ws; ++j) {
-                const T v = yb[j];
-                if (v == T(0)) continue;
-                const T* pj = p + static_cast<std::int64_t>(j) * ldp;
-                for (int i = 0; i < m; ++i)
-                    y[below[i] - 1] -= pj[i] * v;
+    // Y(rows of sn) -= what each source of sn contributes: the source's
+    // panel below its block (rows from its first one in sn) times its
+    // solved block, in ascending order of the source.
+    void pullFromSources(int sn, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
+            xlindx(s.xlindx.data());
+        const int ls = xsup[sn + 1] - 1;
+        for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
+            const int d = sources.source[e];
+            const int r = sources.rows[e];
+            const int fd = xsup[d];
+            const int wd = xsup[d + 1] - fd;
+            const int hd = xlnz[fd + 1] - xlnz[fd];
+            const int p0 = hd - r;
+            const int* rows = s.lindx.data() + xlindx[d] - 1 + p0;
+            int q = 0;
+            while (q < r && rows[q] <= ls)
+                ++q;
+            const bool upper = kind == Kind::Lu && transpose;
+            const T* p = upper ? f.unz + xunz[fd] - 1 + (p0 - wd) : f.lnz + xlnz[fd] - 1 + p0;
+            const int ldp = upper ? hd - wd : hd;
+            const T* yd = y.data() + fd - 1;
+            if (nrhs == 1) {
+                for (int j = 0; j < wd; ++j) {
+                    const T v = yd[j];
+                    if (v == T(0)) continue;
+                    const T* pj = p + static_cast<std::int64_t>(j) * ldp;
+                    for (int i = 0; i < q; ++i)
+                        y[rows[i] - 1] -= pj[i] * v;
+                }
+                continue;
             }
-            return;
-        }
-        blas::gemm('N', 'N', m, nrhs, ws, T(1), p, ldp, yb, n, T(0), buffer.data(), m);
-        for (int j = 0; j < nrhs; ++j) {
-            T* yj = y.data() + static_cast<std::int64_t>(j) * n;
-            const T* bj = buffer.data() + static_cast<std::int64_t>(j) * m;
-            for (int i = 0; i < m; ++i)
-                yj[below[i] - 1] -= bj[i];
+            blas::gemm('N', 'N', q, nrhs, wd, T(1), p, ldp, yd, n, T(0), buf, q);
+            for (int j = 0; j < nrhs; ++j) {
+                T* yj = y.data() + static_cast<std::int64_t>(j) * n;
+                const T* bj = buf + static_cast<std::int64_t>(j) * q;
+                for (int i = 0; i < q; ++i)
+                    yj[rows[i] - 1] -= bj[i];
+            }
         }
     }
 
     // Y(block) -= P^T Y(rows below).
-    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below) {
+    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* buf) {
         if (m <= 0) return;
         T* yb = y.data() + fst - 1;
         if (nrhs == 1) {
@@ -179,39 +224,54 @@ struct FactorSolver<T>::Impl {
         }
         for (int j = 0; j < nrhs; ++j) {
             const T* yj = y.data() + static_cast<std::int64_t>(j) * n;
-            T* bj = buffer.data() + static_cast<std::int64_t>(j) * m;
+            T* bj = buf + static_cast<std::int64_t>(j) * m;
             for (int i = 0; i < m; ++i)
                 bj[i] = yj[below[i] - 1];
         }
-        blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buffer.data(), m, T(1), yb, n);
+        blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buf, m, T(1), yb, n);
+    }
+
+    void forwardNode(int sn, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data());
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const int hs = xlnz[fst + 1] - xlnz[fst];
+        const T* L = f.lnz + xlnz[fst] - 1;
+        pullFromSources(sn, buf);
+        if (kind == Kind::Cholesky) {
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
+        } else if (kind == Kind::Indefinite) {
+            applySwaps(fst, ws, f.rowPivot, true);
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
+        } else if (!transpose) {
+            applySwaps(fst, ws, f.rowPivot, false);
+            blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
+        } else {
+            applySwaps(fst, ws, f.colPivot, false);
+            blockSolve(L, hs, ws, fst, 'U', 'T', 'N');
+        }
+    }
+
+    T* bufferOf(int k) {
+        return k == 0 ? buffer.data() : buffers[static_cast<std::size_t>(k) - 1].data();
     }
 
     void forward() {
-        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
-            xlindx(s.xlindx.data());
-        for (int sn = 1; sn <= s.nsuper; ++sn) {
-            const int fst = xsup[sn];
-            const int ws = xsup[sn + 1] - fst;
-            const int hs = xlnz[fst + 1] - xlnz[fst];
-            const T* L = f.lnz + xlnz[fst] - 1;
-            const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
-            if (kind == Kind::Cholesky) {
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else if (kind == Kind::Indefinite) {
-                applySwaps(fst, ws, f.rowPivot, true);
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else if (!transpose) {
-                applySwaps(fst, ws, f.rowPivot, false);
-                blockSolve(L, hs, ws, fst, 'L', 'N', 'U');
-                pushBelow(L + ws, hs, hs - ws, ws, fst, below);
-            } else {
-                applySwaps(fst, ws, f.colPivot, false);
-                blockSolve(L, hs, ws, fst, 'U', 'T', 'N');
-                pushBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below);
-            }
+        if (plan.threads == 1) {
+            for (int sn = 1; sn <= s.nsuper; ++sn)
+                forwardNode(sn, buffer.data());
+            return;
         }
+        const int t = plan.threads;
+#pragma omp parallel num_threads(t)
+        {
+            const int k = omp_get_thread_num();
+            for (int i = plan.start[static_cast<std::size_t>(k)];
+                 i < plan.start[static_cast<std::size_t>(k) + 1]; ++i)
+                forwardNode(plan.order[static_cast<std::size_t>(i)], bufferOf(k));
+        }
+        for (int i = plan.start[static_cast<std::size_t>(t)]; i < s.nsuper; ++i)
+            forwardNode(plan.order[static_cast<std::size_t>(i)], buffer.data());
     }
 
     void diagonal() {
@@ -239,31 +299,47 @@ struct FactorSolver<T>::Impl {
         }
     }
 
-    void backward() {
+    void backwardNode(int sn, T* buf) {
         const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
             xlindx(s.xlindx.data());
-        for (int sn = s.nsuper; sn >= 1; --sn) {
-            const int fst = xsup[sn];
-            const int ws = xsup[sn + 1] - fst;
-            const int hs = xlnz[fst + 1] - xlnz[fst];
-            const T* L = f.lnz + xlnz[fst] - 1;
-            const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
-            if (kind == Kind::Cholesky) {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'N');
-            } else if (kind == Kind::Indefinite) {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
-                undoSwaps(fst, ws, f.rowPivot, true);
-            } else if (!transpose) {
-                pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'U', 'N', 'N');
-                undoSwaps(fst, ws, f.colPivot, false);
-            } else {
-                pullBelow(L + ws, hs, hs - ws, ws, fst, below);
-                blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
-                undoSwaps(fst, ws, f.rowPivot, false);
-            }
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const int hs = xlnz[fst + 1] - xlnz[fst];
+        const T* L = f.lnz + xlnz[fst] - 1;
+        const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
+        if (kind == Kind::Cholesky) {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'N');
+        } else if (kind == Kind::Indefinite) {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
+            undoSwaps(fst, ws, f.rowPivot, true);
+        } else if (!transpose) {
+            pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'U', 'N', 'N');
+            undoSwaps(fst, ws, f.colPivot, false);
+        } else {
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
+            blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
+            undoSwaps(fst, ws, f.rowPivot, false);
+        }
+    }
+
+    void backward() {
+        if (plan.threads == 1) {
+            for (int sn = s.nsuper; sn >= 1; --sn)
+                backwardNode(sn, buffer.data());
+            return;
+        }
+        const int t = plan.threads;
+        for (int i = s.nsuper - 1; i >= plan.start[static_cast<std::size_t>(t)]; --i)
+            backwardNode(plan.order[static_cast<std::size_t>(i)], buffer.data());
+#pragma omp parallel num_threads(t)
+        {
+            const int k = omp_get_thread_num();
+            for (int i = plan.start[static_cast<std::size_t>(k) + 1] - 1;
+                 i >= plan.start[static_cast<std::size_t>(k)]; --i)
+                backwardNode(plan.order[static_cast<std::size_t>(i)], bufferOf(k));
         }
     }
 };

@@ -51,6 +51,10 @@ Problem fromUpperRows(std::string name, int n, bool definite,
     return p;
 }
 
+} // namespace
+
+namespace bench {
+
 Problem photoProblem(const std::string& path) {
     ZImage decoded;
     decoded.Load(QString::fromStdString(path));
@@ -100,6 +104,14 @@ Problem laplacian3d(int k) {
             }
     return fromUpperRows("3D Laplacian " + std::to_string(k) + "^3", n, true, rows);
 }
+
+} // namespace bench
+
+namespace {
+
+using bench::laplacian2d;
+using bench::laplacian3d;
+using bench::photoProblem;
 
 // [K B^T; B 0]: K a 2D Laplacian, B one difference of neighbours per
 // constraint, the constraints on distinct pairs so that the system is regular.
@@ -203,11 +215,11 @@ std::vector<double> rightHandSide(int n) {
     return b;
 }
 
-std::string sourceFile(const char* relative) {
+} // namespace
+
+std::string bench::sourceFile(const char* relative) {
     return std::string(SKYRINSE_SOURCE_DIR) + "/" + relative;
 }
-
-} // namespace
 
 int writePhotoSystem(const char* photo, const char* file) {
     const Problem p = photoProblem(photo);
@@ -253,7 +265,7 @@ int fullBenchmark(int argc, char** argv) {
                             "tests/data/metadata/large_outdoor_iptc_xmp_badexif.jpg",
                             "data/meadows-foggy-smokey-sunbeams.jpg"};
     for (const char* photo : photos)
-        problems.push_back(photoProblem(sourceFile(photo)));
+        problems.push_back(photoProblem(bench::sourceFile(photo)));
     if (!quick) {
         problems.push_back(laplacian2d(316, 316));
         problems.push_back(laplacian3d(30));

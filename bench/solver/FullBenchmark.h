@@ -1,6 +1,22 @@
-// The full solver benchmark of bench_solver (see bench_solver.cpp).
+// The full solver benchmark of bench_solver (see bench_solver.cpp), and the
+// systems it is run on.
 #pragma once
+
+#include "Peers.h"
+
+#include <string>
 
 int fullBenchmark(int argc, char** argv);
 // Writes the matting Laplacian of a photograph as a Matrix Market file.
 int writePhotoSystem(const char* photo, const char* file);
+// The thread scaling of the factorization and the solve (ParallelBenchmark.cpp).
+int parallelBenchmark(int argc, char** argv);
+
+namespace bench {
+// The matting system the photo tool solves for a photograph.
+Problem photoProblem(const std::string& path);
+Problem laplacian2d(int w, int h);
+Problem laplacian3d(int k);
+// A path inside the source tree.
+std::string sourceFile(const char* relative);
+} // namespace bench

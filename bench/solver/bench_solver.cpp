@@ -13,6 +13,11 @@
 //        analysis only (phase 11) on a matting-shaped pattern, against
 //        CHOLMOD's analysis of the same pattern
 //   bench_solver --write-mtx FILE [W H]  writes that pattern's system
+//   bench_solver --parallel [--reps R] [--quick]
+//        thread scaling: factorization and solve on 1 and 2 threads of one
+//        analysis (single and double), the factor's rate against the
+//        sgemm/dgemm rate of the same run, whether the factors agree to the
+//        bit, and the tree model's speed-up for 4 to 64 threads
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -174,5 +179,6 @@ int analysisTable(int argc, char** argv) {
 int main(int argc, char** argv) {
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--parallel")) return parallelBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

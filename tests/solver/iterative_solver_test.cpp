@@ -153,8 +153,10 @@ TYPED_TEST(IterativeSolvers, MatrixTooFarIsFactoredAfterAll) {
         const int status = -((-report) % 10);
         EXPECT_TRUE(status == -1 || status == -2 || status == -3) << report;
         EXPECT_GE(-report / 10, 1) << report;
-        // The fallback factored the new matrix and solved it as usual.
-        EXPECT_LE(relativeResidual(c.far, x, b, 1), Config<T>::single ? 1e-4 : 1e-11);
+        // The fallback factored the new matrix and solved it as usual. In
+        // single precision this system's residual floor is about 1e-4; where
+        // it lands depends on the order in which the updates are summed.
+        EXPECT_LE(relativeResidual(c.far, x, b, 1), Config<T>::single ? 3e-4 : 1e-11);
         EXPECT_LE(plainResidual(s, c.far, b), C::single ? 1e-3 : 1e-9)
             << "the new factor is on the handle";
         EXPECT_GT(plainResidual(s, c.a0, b), 1e3 * C::eps());

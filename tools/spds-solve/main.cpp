@@ -34,33 +34,33 @@ constexpr int kExitFile = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitSolver = 3;
 
-constexpr char kUsage[] =
-    "Usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] [--single]\n"
-    "                  [--refine STEPS] [--rhs FILE] [--out FILE] [--verbose] FILE.mtx\n";
-
+// --help prints this on standard output; bad usage on standard error. The
+// manual page is generated from the --help text.
 constexpr char kHelp[] =
-    "Solves A x = b for the Matrix Market matrix FILE.mtx with SPDS.\n"
+    "Usage: spds-solve [OPTION]... FILE.mtx\n"
+    "Solves the Matrix Market system FILE.mtx with SPDS and prints the statistics.\n"
     "\n"
-    "  --mtype T       matrix type: 11 unsymmetric, 1 structurally symmetric,\n"
-    "                  2 symmetric positive definite, -2 symmetric indefinite\n"
-    "                  (default -2 for a symmetric file, 11 otherwise)\n"
-    "  --ordering K    0, 1 minimum degree; 2, 3 nested dissection (default 3)\n"
-    "  --threads N     threads of the solver\n"
-    "  --single        factor in single precision (residuals still in double)\n"
-    "  --refine STEPS  refinement steps asked for (default 2; negative: the\n"
-    "                  iterate is kept in the wider type)\n"
-    "  --rhs FILE      right-hand side (default all ones)\n"
-    "  --out FILE      write x as a Matrix Market array\n"
-    "  --verbose       the threads granted and why, the solver's statistics and\n"
-    "                  the refinement's figures\n"
-    "  --help          this text\n"
+    "  --mtype T        matrix type: 11 unsymmetric, 1 structurally symmetric,\n"
+    "                   2 symmetric positive definite, -2 symmetric indefinite\n"
+    "                   (default -2 for a symmetric file, 11 otherwise)\n"
+    "  --ordering 0..3  fill-reducing ordering, iparm[1] (default 3)\n"
+    "  --threads N      threads asked of the runtime\n"
+    "  --single         factor in single precision (residuals still in double)\n"
+    "  --refine STEPS   refinement steps asked (default 2; negative: the iterate\n"
+    "                   is kept in the wider type)\n"
+    "  --rhs FILE       right-hand side (default all ones)\n"
+    "  --out FILE       write x as a Matrix Market array\n"
+    "  --verbose        also print the threads granted and why, the solver's\n"
+    "                   statistics and the refinement's figures\n"
+    "  --help           print this help\n"
     "\n"
-    "Exit status: 0 solved; 1 a file could not be read or written, or memory\n"
-    "ran out; 2 bad usage; 3 the solver reported an error.\n";
+    "Exit status: 0 solved; 1 a file could not be read or written, or memory ran\n"
+    "out; 2 bad usage; 3 the solver reported an error (an untrusted answer\n"
+    "included).\n";
 
-int usage() {
-    std::fputs(kUsage, stderr);
-    return kExitUsage;
+int usage(std::FILE* stream = stderr) {
+    std::fputs(kHelp, stream);
+    return stream == stdout ? kExitSolved : kExitUsage;
 }
 
 bool writeSolution(const char* path, const std::vector<double>& x) {
@@ -156,11 +156,7 @@ int run(int argc, char** argv) {
     const char* outPath = nullptr;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
-        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
-            std::fputs(kUsage, stdout);
-            std::fputs(kHelp, stdout);
-            return kExitSolved;
-        }
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return usage(stdout);
         if (!std::strcmp(argv[i], "--mtype") && hasValue)
             mtype = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--ordering") && hasValue)

@@ -56,6 +56,12 @@ public:
                   double xFactor = 0.0, double yFactor = 0.0, double xShift = 0.0,
                   double yShift = 0.0) const;
 
+    // ResizeTo (interpolation 0, factors from the sizes) of this image as
+    // CopyTo would convert it to RGBA float, without holding that conversion:
+    // rows are converted as the resampling reads them. Same pixels as the
+    // two steps.
+    void ResizeAsFloatTo(ZImage& target, int newWidth, int newHeight) const;
+
     // Pixel format conversion (ZImage_Copy.cpp).
     void Copy(int srcX, int srcY, int width, int height, ZImage& target, int dstX, int dstY) const;
     void CopyTo(ZImage& target, int colourType, int depth) const;
@@ -79,6 +85,8 @@ public:
     std::unique_ptr<float[]> upsampleDarkChannel(const float* map, const ZImage& working) const;
     void applyHazeRemoval(const float* airDepthMap, std::span<const float, 3> airlight,
                           float strength);
+    void upsampleAndApplyHazeRemoval(const float* map, const ZImage& working,
+                                     std::span<const float, 3> airlight, float strength);
 
     bool IsEmpty() const { return bitmap == nullptr; }
     bool OwnsData() const { return ownsData != 0; }

@@ -24,7 +24,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <numbers>
+#include <omp.h>
+#include <optional>
 #include <vector>
 
 namespace haze {
@@ -49,29 +52,11 @@ std::array<double, 2 * rangeHalfWidth + 1> makeRangeTable() {
     return table;
 }
 
-const double* rangeTableCentre() {
-    static const std::array<double, 2 * rangeHalfWidth + 1> table = makeRangeTable();
-    return table.data() + rangeHalfWidth;
-}
-
 constexpr int spatialKernel[5][5] = {{2, 7, 12, 7, 2},
                                      {7, 31, 52, 31, 7},
                                      {12, 52, 127, 52, 12},
                                      {7, 31, 52, 31, 7},
                                      {2, 7, 12, 7, 2}};
-
-// The 3 x 3 centre of K, the only part the upsampling reaches, as [1 + dx][1 + dy].
-struct SpatialCentre {
-    double w[3][3];
-};
-
-SpatialCentre spatialCentre() {
-    SpatialCentre k{};
-    for (int dx = -1; dx <= 1; ++dx)
-        for (int dy = -1; dy <= 1; ++dy)
-            k.w[dx + 1][dy + 1] = spatialWeight(dx, dy);
-    return k;
-}
 
 // The filtered pixel's dark value: its smallest colour channel.
 inline float darkValue(const float* f) {
@@ -82,35 +67,12 @@ inline const float* floatRow(const ZImage& image, int y) {
     return reinterpret_cast<const float*>(image.PixelAt(0, y));
 }
 
-// The opaque working pixels round (xs, ys), clipped to the working image.
-struct Neighbourhood {
-    int count = 0;
-    float colour[9][3];
-    double spatial[9];
-    float value[9];
-
-    void gather(const ZImage& working, const float* map, const SpatialCentre& k, int xs, int ys,
-                int dy0, int dy1) {
-        const int sw = working.Width();
-        const int dx0 = std::max(-1, -xs);
-        const int dx1 = std::min(2, sw - xs);
-        count = 0;
-        for (int dy = dy0; dy < dy1; ++dy) {
-            const float* row = floatRow(working, ys + dy);
-            const float* m = map + static_cast<std::size_t>(ys + dy) * sw;
-            for (int dx = dx0; dx < dx1; ++dx) {
-                const float* q = row + 4 * (xs + dx);
-                if (q[3] == 0.0f) continue;
-                std::copy(q, q + 3, colour[count]);
-                spatial[count] = k.w[1 + dx][1 + dy];
-                value[count] = m[xs + dx];
-                ++count;
-            }
-        }
-    }
-};
-
 } // namespace
+
+const double* rangeTableCentre() {
+    static const std::array<double, 2 * rangeHalfWidth + 1> table = makeRangeTable();
+    return table.data() + rangeHalfWidth;
+}
 
 double rangeWeight(int index) {
     index = std::clamp(index, -rangeHalfWidth, rangeHalfWidth);
@@ -211,65 +173,31 @@ std::unique_ptr<float[]> ZImage::estimateDarkChannel(std::span<float, 3> airligh
     return map;
 }
 
-std::unique_ptr<float[]> ZImage::upsampleDarkChannel(const float* map,
-                                                     const ZImage& working) const {
-    Z_CHECK(BitmapType() == RGBA, Z_INVALID_BITMAP);
-    Z_CHECK(BitsPerComponent() == 32, Z_INVALID_BITMAP);
-    Z_CHECK(working.BitmapType() == RGBA, Z_INVALID_BITMAP);
+namespace {
+
+void checkUpsamplingInputs(const ZImage& full, const ZImage& working, const float* map) {
+    Z_CHECK(full.BitmapType() == ZImage::RGBA, Z_INVALID_BITMAP);
+    Z_CHECK(full.BitsPerComponent() == 32, Z_INVALID_BITMAP);
+    Z_CHECK(working.BitmapType() == ZImage::RGBA, Z_INVALID_BITMAP);
     Z_CHECK(working.BitsPerComponent() == 32, Z_INVALID_BITMAP);
     Z_CHECK(map, Z_INVALID_PARAMETER);
+    Z_CHECK(working.Width() > 0 && working.Height() > 0, Z_INVALID_BITMAP);
+}
+
+} // namespace
+
+std::unique_ptr<float[]> ZImage::upsampleDarkChannel(const float* map,
+                                                     const ZImage& working) const {
+    checkUpsamplingInputs(*this, working, map);
     const int w = Width();
     const int h = Height();
-    const int sw = working.Width();
-    const int sh = working.Height();
-    Z_CHECK(sw > 0 && sh > 0, Z_INVALID_BITMAP);
     const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
-
-    const float fx = static_cast<float>(sw) / static_cast<float>(w);
-    const float fy = static_cast<float>(sh) / static_cast<float>(h);
-    const double* const G = haze::rangeTableCentre();
-    const haze::SpatialCentre K = haze::spatialCentre();
-
+    const haze::RowUpsampler upsampler(working, map, w, h);
     auto result = std::make_unique_for_overwrite<float[]>(static_cast<std::size_t>(w) * h);
     float* const out = result.get();
 #pragma omp parallel for schedule(static) num_threads(threads)
-    for (int y = 0; y < h; ++y) {
-        const float* p = haze::floatRow(*this, y);
-        float* o = out + static_cast<std::size_t>(y) * w;
-        // The minimum only guards against float rounding for pictures
-        // millions of pixels wide; below that, y * fy < sh always.
-        const int ys = std::min(static_cast<int>(static_cast<float>(y) * fy), sh - 1);
-        const int dy0 = std::max(-1, -ys);
-        const int dy1 = std::min(2, sh - ys);
-        // Runs of full pixels share one working neighbourhood; its opaque
-        // members are gathered once per run, in the order dy outer, dx inner,
-        // which is also the order of the sums.
-        haze::Neighbourhood near;
-        int nearXs = -1;
-        for (int x = 0; x < w; ++x, p += 4) {
-            if (p[3] == 0.0f) {
-                o[x] = 0.0f;
-                continue;
-            }
-            const int xs = std::min(static_cast<int>(static_cast<float>(x) * fx), sw - 1);
-            if (xs != nearXs) {
-                near.gather(working, map, K, xs, ys, dy0, dy1);
-                nearXs = xs;
-            }
-            float weightSum = 0.0f;
-            float valueSum = 0.0f;
-            for (int i = 0; i < near.count; ++i) {
-                const float* q = near.colour[i];
-                const int i0 = haze::rangeIndex(p[0] - q[0]);
-                const int i1 = haze::rangeIndex(p[1] - q[1]);
-                const int i2 = haze::rangeIndex(p[2] - q[2]);
-                const float wt = static_cast<float>(G[i0] * near.spatial[i] * G[i1] * G[i2]);
-                weightSum += wt;
-                valueSum += wt * near.value[i];
-            }
-            o[x] = weightSum == 0.0f ? 0.0f : valueSum / weightSum;
-        }
-    }
+    for (int y = 0; y < h; ++y)
+        upsampler.depthRow(haze::floatRow(*this, y), y, out + static_cast<std::size_t>(y) * w);
     return result;
 }
 
@@ -287,24 +215,27 @@ void ZImage::applyHazeRemoval(const float* airDepthMap, std::span<const float, 3
     for (int y = 0; y < h; ++y) {
         float* p = reinterpret_cast<float*>(PixelAt(0, y));
         const float* m = airDepthMap + static_cast<std::size_t>(y) * w;
-        for (int x = 0; x < w; ++x, p += 4) {
-            if (p[3] == 0.0f) continue;
-            float t = static_cast<float>(1.0 - m[x] * strength);
-            // A floor on the transmission keeps dense haze from blowing up
-            // noise; there is no ceiling, so a negative map brightens.
-            if (t < 0.1) t = 0.1f;
-            for (int c = 0; c < 3; ++c) {
-                float j = (p[c] - a[c]) / t + a[c];
-                // Values above 1.0 stay for the conversion to the output format.
-                if (j < 0.0f) j = 0.0f;
-                p[c] = j;
-            }
-        }
+        for (int x = 0; x < w; ++x, p += 4)
+            haze::applyPixel(p, m[x], a, strength);
     }
 }
 
-void runHazeRemoval(ZImage& image, HazeSettings& settings) {
+void ZImage::upsampleAndApplyHazeRemoval(const float* map, const ZImage& working,
+                                         std::span<const float, 3> airlight, float strength) {
+    checkUpsamplingInputs(*this, working, map);
+    const int w = Width();
+    const int h = Height();
+    const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
+    const haze::RowUpsampler upsampler(working, map, w, h);
+    const float a[3] = {airlight[0], airlight[1], airlight[2]};
+#pragma omp parallel for schedule(static) num_threads(threads)
+    for (int y = 0; y < h; ++y)
+        upsampler.dehazeRow(reinterpret_cast<float*>(PixelAt(0, y)), y, a, strength);
+}
+
+void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap) {
     if (settings.strength == 0) return;
+    const float s = static_cast<float>(settings.strength / 100.0);
     if (!settings.airDepthMap) {
         const HazeWorkingSize size = hazeWorkingSize(image.Width(), image.Height());
         ZImage working;
@@ -314,8 +245,75 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings) {
         // picture before the map is carried to full size.
         working.refineDarkChannel(
             std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
+        if (depthMap == DepthMap::Discard) {
+            // Nobody asks for the map again: it is made row by row and used
+            // at once, never written at full size.
+            image.upsampleAndApplyHazeRemoval(map.get(), working, settings.airlight, s);
+            return;
+        }
         settings.airDepthMap = image.upsampleDarkChannel(map.get(), working);
     }
-    const float s = static_cast<float>(settings.strength / 100.0);
     image.applyHazeRemoval(settings.airDepthMap.get(), settings.airlight, s);
+}
+
+void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
+                        int colourType, int depth) {
+    const int w = source.Width();
+    const int h = source.Height();
+    Z_CHECK(w > 0 && h > 0, Z_INVALID_BITMAP);
+    Z_CHECK(ZImage::ComponentsOfType(source.BitmapType()) > 0, Z_INVALID_BITMAP);
+    const float s = static_cast<float>(settings.strength / 100.0);
+
+    // The map at working size, as runHazeRemoval makes it; the working copy
+    // is resampled from rows converted on the way.
+    ZImage working;
+    std::unique_ptr<float[]> map;
+    std::optional<haze::RowUpsampler> upsampler;
+    if (settings.strength != 0 && !settings.airDepthMap) {
+        const HazeWorkingSize size = hazeWorkingSize(w, h);
+        source.ResizeAsFloatTo(working, size.width, size.height);
+        map = working.estimateDarkChannel(settings.airlight);
+        working.refineDarkChannel(
+            std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
+        upsampler.emplace(working, map.get(), w, h);
+    }
+    target.Create(w, h, colourType, depth, false);
+
+    // Bands of rows go from the source's format to RGBA float, lose their
+    // haze and go on to the target's format while they are in the cache.
+    // Each thread owns a contiguous run of bands and its own band buffer.
+    constexpr int bandRows = 8;
+    const int bands = (h + bandRows - 1) / bandRows;
+    const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
+    const float a[3] = {settings.airlight[0], settings.airlight[1], settings.airlight[2]};
+    const float* cached = settings.airDepthMap.get();
+    std::vector<ZImage> buffers(static_cast<std::size_t>(threads));
+    for (ZImage& buffer : buffers)
+        buffer.Create(w, bandRows, ZImage::RGBA, 32, false);
+    std::exception_ptr failure;
+#pragma omp parallel for schedule(static) num_threads(threads)
+    for (int band = 0; band < bands; ++band) {
+        try {
+            ZImage& buffer = buffers[static_cast<std::size_t>(omp_get_thread_num())];
+            const int y0 = band * bandRows;
+            const int rows = std::min(bandRows, h - y0);
+            source.Copy(0, y0, w, rows, buffer, 0, 0);
+            if (settings.strength != 0)
+                for (int r = 0; r < rows; ++r) {
+                    float* p = reinterpret_cast<float*>(buffer.PixelAt(0, r));
+                    if (upsampler) {
+                        upsampler->dehazeRow(p, y0 + r, a, s);
+                    } else {
+                        const float* m = cached + static_cast<std::size_t>(y0 + r) * w;
+                        for (int x = 0; x < w; ++x)
+                            haze::applyPixel(p + 4 * x, m[x], a, s);
+                    }
+                }
+            buffer.Copy(0, 0, w, rows, target, 0, y0);
+        } catch (...) {
+#pragma omp critical(hazeBandFailure)
+            if (!failure) failure = std::current_exception();
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
 }

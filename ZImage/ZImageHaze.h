@@ -21,6 +21,9 @@
 //   ZImage::refineDarkChannel(D)               working image, D refined in place
 //   ZImage::upsampleDarkChannel(D, working)    full image    -> full-size map
 //   ZImage::applyHazeRemoval(map, A, s)        full image, changed in place
+//   ZImage::upsampleAndApplyHazeRemoval(D, working, A, s)
+//                                              the last two in one pass, row
+//                                              by row, without the full map
 //
 // Maps are row-major float arrays of width x height without padding, owned by
 // the std::unique_ptr that hands them out.
@@ -66,9 +69,27 @@ HazeWorkingSize hazeWorkingSize(int width, int height);
 // but an RGBA float image.
 void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix);
 
+// Whether a run keeps the full-size map for a later change of strength.
+enum class DepthMap {
+    Keep,    // in settings.airDepthMap: the preview, whose strength changes
+    Discard, // made row by row and used at once: a run that writes its file
+};
+
 // Removes the haze from `image` in place with settings.strength. With strength
 // 0 nothing happens at all. Otherwise the veil map is computed when
-// settings.airDepthMap is null (writing it and settings.airlight) and reused
-// when it is not. On an exception the image is unchanged and airDepthMap
-// stays null; nothing leaks.
-void runHazeRemoval(ZImage& image, HazeSettings& settings);
+// settings.airDepthMap is null (writing settings.airlight, and the map unless
+// it is discarded) and reused when it is not. On an exception the image is
+// unchanged and airDepthMap stays null; nothing leaks.
+void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap = DepthMap::Keep);
+
+// The run of a photograph held in any format, into `target` of the given
+// colour type and depth: the pixels of source.CopyTo(RGBA float), then
+// runHazeRemoval with the map discarded, then CopyTo(target), bit for bit,
+// without ever holding the float picture or the full-size map. The working
+// copy is resampled from rows converted on the way, and bands of a few rows
+// are converted, freed of haze and converted again while in the cache. A
+// cached airDepthMap is used as runHazeRemoval would use it. On an exception
+// airDepthMap stays as it was and nothing leaks; the target may be partly
+// written.
+void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
+                        int colourType, int depth);

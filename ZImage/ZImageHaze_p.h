@@ -6,8 +6,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <map>
+#include <vector>
+
+class ZImage;
 
 namespace haze {
 
@@ -39,6 +43,8 @@ inline int regionThreads(std::size_t pixels) {
 // 571, for dx, dy in -2 to 2.
 double rangeWeight(int index);
 double spatialWeight(int dx, int dy);
+// The range table, addressed by an index from -2000 to 2000.
+const double* rangeTableCentre();
 
 // Range table index of a colour difference: truncated towards zero after
 // scaling by 1000, clamped to the table since HDR pixels exceed 1.0 (a NaN
@@ -49,6 +55,49 @@ inline int rangeIndex(float difference) {
     const float v = 1000.0f * difference;
     return static_cast<int>(std::max(-2000.0f, std::min(2000.0f, v)));
 }
+
+// The joint bilateral upsampling of a working image's map to a full image of
+// fullWidth x fullHeight, one full row at a time: rows are independent, so a
+// caller may write the map (depthRow) or fuse it with the haze model
+// (dehazeRow) and never hold the full-size map. Both give, bit for bit, the
+// values of the formulas: an AVX2 path where the processor has it, the plain
+// loop otherwise. Read-only once built; threads share one.
+class RowUpsampler {
+public:
+    // The widest path the processor has (AVX-512, AVX2, or the portable
+    // loop); the tests force each of the others to hold it to the formulas.
+    enum class Path { Fastest, Avx2, Plain };
+    RowUpsampler(const ZImage& working, const float* map, int fullWidth, int fullHeight,
+                 Path path = Path::Fastest);
+    // The map of full row y, whose RGBA float pixels are given.
+    void depthRow(const float* pixels, int y, float* depth) const;
+    // Row y's pixels with the haze removed at `strength`, from the map value
+    // that depthRow would give; transparent pixels stay as they are.
+    void dehazeRow(float* pixels, int y, const float airlight[3], float strength) const;
+
+private:
+    int workingRow(int y) const;
+    float pixel(const float* p, int x, int ys) const;
+    // From pixel x0 of the row (p points at it) to its end.
+    template <bool Apply>
+    void rowVector(float* p, int y, float* depth, const float a[3], float strength,
+                   int x0 = 0) const;
+    template <bool Apply>
+    void rowVector16(float* p, int y, float* depth, const float a[3], float strength) const;
+
+    int w, h, sw, sh;
+    std::size_t stride; // of one padded working row in `planes`
+    float fx, fy;
+    const double* G;
+    double K[3][3];  // [1 + dx][1 + dy]
+    int vectorWidth; // 16 (AVX-512), 8 (AVX2) or 0
+    // Red, green, blue, map value and opacity mask (all bits set or none),
+    // each sh padded rows of `stride`; padding is transparent.
+    std::vector<float> planes;
+};
+
+// The haze model on one RGBA float pixel with its map value.
+void applyPixel(float* p, float depth, const float airlight[3], float strength);
 
 // The airlight candidates: pixel addresses ordered by dark value. Of equal
 // dark values the one inserted last comes first, so the smallest entry that

@@ -5,6 +5,8 @@
 #include "primitives/Resample.h"
 
 #include <cstdint>
+#include <exception>
+#include <mutex>
 
 namespace {
 
@@ -65,4 +67,40 @@ void ZImage::ResizeTo(ZImage& target, int newWidth, int newHeight, int interpola
     default:
         break;
     }
+}
+
+void ZImage::ResizeAsFloatTo(ZImage& target, int newWidth, int newHeight) const {
+    Z_CHECK(bitmap, Z_INVALID_BITMAP);
+    const int w = bitmap->width;
+    const int h = bitmap->height;
+    if (newWidth == w && newHeight == h) {
+        CopyTo(target, RGBA, 32);
+        return;
+    }
+    Z_CHECK(ComponentsOfType(bitmap->type) > 0, Z_INVALID_BITMAP);
+    target.Create(newWidth, newHeight, RGBA, 32, true, nullptr, 0);
+    // The factors, shifts and mode of ResizeTo with interpolation 0.
+    const double xFactor = static_cast<double>(newWidth) / w;
+    const double yFactor = static_cast<double>(newHeight) / h;
+    const prim::Resampling mode = (xFactor <= 1.0 && yFactor <= 1.0) ? prim::Resampling::Supersample
+                                                                     : prim::Resampling::Bilinear;
+    // A conversion that fails (no memory for its scratch rows) stops nothing
+    // inside the parallel region; the first failure is thrown after it.
+    std::exception_ptr failure;
+    std::mutex failureLock;
+    const prim::FloatRowSource rows = [&](int first, int count, float* out, std::ptrdiff_t stride) {
+        try {
+            ZImage band(w, count, RGBA, 32, false, out, static_cast<int>(stride));
+            Copy(0, first, w, count, band, 0, 0);
+            return true;
+        } catch (...) {
+            const std::lock_guard<std::mutex> lock(failureLock);
+            if (!failure) failure = std::current_exception();
+            return false;
+        }
+    };
+    IflBitmap& dst = *target.bitmap;
+    const prim::PixelPlane plane{dst.data, dst.bytesPerLine, dst.width, dst.height};
+    prim::resampleConverted(rows, w, h, plane, 4, xFactor, yFactor, 0.0, 0.0, mode, threadCount);
+    if (failure) std::rethrow_exception(failure);
 }

@@ -198,16 +198,16 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     outputPath = outputPathFor(sourcePath, forcesTiff);
     const QString format = QFileInfo(outputPath).suffix();
 
-    ZImage working;
+    // The source's pixels go to the output's format band by band through
+    // the float form that the haze removal works in; neither that form nor
+    // the full-size map is ever held whole, and the source is given back as
+    // soon as the output is complete.
+    ZImage output;
     {
         const AcquiredImage source(image);
-        source.pixels().CopyTo(working, ZImage::RGBA, 32);
-        runHazeRemoval(working, settings);
+        runHazeRemovalInto(source.pixels(), *settings, output, targetType(image->channelCount()),
+                           targetDepth(image->bitDepth()));
     }
-
-    ZImage output;
-    working.CopyTo(output, targetType(image->channelCount()), targetDepth(image->bitDepth()));
-    working.Free();
     QStringList notes;
     output.Save(outputPath, format, -1, sourcePath, &notes);
     // The picture is written; what of the source's metadata could not go

@@ -81,32 +81,33 @@ T store(double v) {
     }
 }
 
-} // namespace
-
-template <typename T>
-void resample(const PixelPlane& source, const PixelPlane& target, int channels, double xFactor,
-              double yFactor, double xShift, double yShift, Resampling mode, int threads) {
-    if (source.width <= 0 || source.height <= 0 || target.width <= 0 || target.height <= 0 ||
-        !(xFactor > 0.0) || !(yFactor > 0.0))
-        return;
+// The target rows from the source rows that a reader gives: every thread
+// makes its own with makeReader(), and reader(first, count) gives the
+// addresses of rows first to first + count - 1, or null if it cannot.
+template <typename T, typename MakeReader>
+void resampleRows(int sourceWidth, int sourceHeight, const PixelPlane& target, int channels,
+                  double xFactor, double yFactor, double xShift, double yShift, Resampling mode,
+                  int threads, MakeReader&& makeReader) {
     const bool area = mode == Resampling::Supersample;
-    const Taps xt = area ? areaTaps(source.width, target.width, xFactor, xShift)
-                         : bilinearTaps(source.width, target.width, xFactor, xShift);
-    const Taps yt = area ? areaTaps(source.height, target.height, yFactor, yShift)
-                         : bilinearTaps(source.height, target.height, yFactor, yShift);
-    const std::size_t rowValues = static_cast<std::size_t>(source.width) * channels;
+    const Taps xt = area ? areaTaps(sourceWidth, target.width, xFactor, xShift)
+                         : bilinearTaps(sourceWidth, target.width, xFactor, xShift);
+    const Taps yt = area ? areaTaps(sourceHeight, target.height, yFactor, yShift)
+                         : bilinearTaps(sourceHeight, target.height, yFactor, yShift);
+    const std::size_t rowValues = static_cast<std::size_t>(sourceWidth) * channels;
 
 #pragma omp parallel num_threads(std::max(1, threads))
     {
         std::vector<double> column(rowValues); // vertical blend of the source rows
+        auto reader = makeReader();
 #pragma omp for schedule(static)
         for (int y = 0; y < target.height; ++y) {
             if (yt.count[y] == 0) continue;
+            const T* const* rows = reader(yt.first[y], yt.count[y]);
+            if (!rows) continue;
             std::fill(column.begin(), column.end(), 0.0);
             for (int k = 0; k < yt.count[y]; ++k) {
                 const double w = yt.weight[yt.offset[y] + k];
-                const T* row =
-                    reinterpret_cast<const T*>(source.data + (yt.first[y] + k) * source.stride);
+                const T* row = rows[k];
                 for (std::size_t i = 0; i < rowValues; ++i)
                     column[i] += w * static_cast<double>(row[i]);
             }
@@ -127,6 +128,53 @@ void resample(const PixelPlane& source, const PixelPlane& target, int channels, 
             }
         }
     }
+}
+
+bool validSizes(int sourceWidth, int sourceHeight, const PixelPlane& target, double xFactor,
+                double yFactor) {
+    return sourceWidth > 0 && sourceHeight > 0 && target.width > 0 && target.height > 0 &&
+           xFactor > 0.0 && yFactor > 0.0;
+}
+
+} // namespace
+
+template <typename T>
+void resample(const PixelPlane& source, const PixelPlane& target, int channels, double xFactor,
+              double yFactor, double xShift, double yShift, Resampling mode, int threads) {
+    if (!validSizes(source.width, source.height, target, xFactor, yFactor)) return;
+    // Rows are read in place.
+    resampleRows<T>(
+        source.width, source.height, target, channels, xFactor, yFactor, xShift, yShift, mode,
+        threads, [&source] {
+            return [&source, rows = std::vector<const T*>()](int first, int count) mutable {
+                rows.resize(static_cast<std::size_t>(count));
+                for (int k = 0; k < count; ++k)
+                    rows[k] = reinterpret_cast<const T*>(source.data + (first + k) * source.stride);
+                return rows.data();
+            };
+        });
+}
+
+void resampleConverted(const FloatRowSource& source, int sourceWidth, int sourceHeight,
+                       const PixelPlane& target, int channels, double xFactor, double yFactor,
+                       double xShift, double yShift, Resampling mode, int threads) {
+    if (!validSizes(sourceWidth, sourceHeight, target, xFactor, yFactor)) return;
+    const std::size_t pitch = static_cast<std::size_t>(sourceWidth) * channels;
+    resampleRows<float>(sourceWidth, sourceHeight, target, channels, xFactor, yFactor, xShift,
+                        yShift, mode, threads, [&source, pitch] {
+                            return [&source, pitch, buffer = std::vector<float>(),
+                                    rows = std::vector<const float*>()](
+                                       int first, int count) mutable -> const float* const* {
+                                buffer.resize(pitch * static_cast<std::size_t>(count));
+                                rows.resize(static_cast<std::size_t>(count));
+                                if (!source(first, count, buffer.data(),
+                                            static_cast<std::ptrdiff_t>(pitch * sizeof(float))))
+                                    return nullptr;
+                                for (int k = 0; k < count; ++k)
+                                    rows[k] = buffer.data() + pitch * static_cast<std::size_t>(k);
+                                return rows.data();
+                            };
+                        });
 }
 
 template void resample<std::uint8_t>(const PixelPlane&, const PixelPlane&, int, double, double,

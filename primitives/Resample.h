@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace prim {
 
@@ -28,5 +29,20 @@ struct PixelPlane {
 template <typename T>
 void resample(const PixelPlane& source, const PixelPlane& target, int channels, double xFactor,
               double yFactor, double xShift, double yShift, Resampling mode, int threads = 1);
+
+// Float rows of a source that is not held as floats: writes rows first to
+// first + count - 1, `channels` floats a pixel, into `rows` (`stride` bytes
+// apart); false if it could not (the target row is then left as it was).
+// Called from every thread at once, for overlapping ranges.
+using FloatRowSource =
+    std::function<bool(int first, int count, float* rows, std::ptrdiff_t stride)>;
+
+// resample<float> of the rows that `source` gives, with the same results as
+// on the whole float image: each target row converts the rows it reads (a
+// row shared by two target rows is converted twice), and no more than that
+// is ever held.
+void resampleConverted(const FloatRowSource& source, int sourceWidth, int sourceHeight,
+                       const PixelPlane& target, int channels, double xFactor, double yFactor,
+                       double xShift, double yShift, Resampling mode, int threads = 1);
 
 } // namespace prim

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <random>
 #include <vector>
 
@@ -178,6 +179,65 @@ TEST(RunHazeRemoval, FailureLeavesImageAndCacheAsTheyWere) {
     EXPECT_THROW(runHazeRemoval(image, settings), ZException);
     EXPECT_EQ(nullptr, settings.airDepthMap);
     EXPECT_EQ(0.25f, hazetest::pixel(image, 1, 1)[0]);
+}
+
+// The bytes of an image of any format, row by row without padding.
+std::vector<std::uint8_t> bytesOf(const ZImage& image) {
+    std::vector<std::uint8_t> out;
+    const std::size_t row = static_cast<std::size_t>(image.Width()) * image.BytesPerPixel();
+    for (int y = 0; y < image.Height(); ++y)
+        out.insert(out.end(), image.PixelAt(0, y), image.PixelAt(0, y) + row);
+    return out;
+}
+
+// The run that writes a file converts, removes the haze and converts back
+// band by band; it must give the bytes of the three whole-image steps.
+TEST(RunHazeRemovalInto, SameBytesAsConvertingRemovingAndConvertingBack) {
+    struct Case {
+        int width, height, fromType, fromBits, toType, toBits, strength, threads;
+        bool cachedMap;
+    };
+    const Case cases[] = {
+        {1000, 600, ZImage::RGB, 8, ZImage::RGB, 8, 60, 2, false},    // a photograph, shrunk
+        {150, 90, ZImage::Gray, 16, ZImage::RGBA, 32, 100, 1, false}, // enlarged working copy
+        {70, 40, ZImage::RGBA, 16, ZImage::RGB, 8, 0, 2, false},      // strength 0: only converted
+        {70, 40, ZImage::RGB, 32, ZImage::Gray, 16, 45, 1, true},     // the cached map
+    };
+    unsigned seed = 95;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.width << " x " << c.height << ", " << c.fromType << "/"
+                                        << c.fromBits << " to " << c.toType << "/" << c.toBits);
+        hazetest::ThreadCountScope scope(c.threads);
+        ZImage source;
+        hazetest::randomImage(c.width, c.height, seed++).CopyTo(source, c.fromType, c.fromBits);
+        HazeSettings mine, theirs;
+        mine.strength = theirs.strength = c.strength;
+        if (c.cachedMap) {
+            const std::size_t n = static_cast<std::size_t>(c.width) * c.height;
+            mine.airlight = theirs.airlight = {0.9f, 0.8f, 0.85f};
+            mine.airDepthMap = std::make_unique<float[]>(n);
+            theirs.airDepthMap = std::make_unique<float[]>(n);
+            for (std::size_t i = 0; i < n; ++i)
+                mine.airDepthMap[i] = theirs.airDepthMap[i] = static_cast<float>(i % 97) / 90.0f;
+        }
+
+        ZImage image, expected, output;
+        source.CopyTo(image, ZImage::RGBA, 32);
+        runHazeRemoval(image, theirs, DepthMap::Discard);
+        image.CopyTo(expected, c.toType, c.toBits);
+        runHazeRemovalInto(source, mine, output, c.toType, c.toBits);
+        EXPECT_EQ(theirs.airlight, mine.airlight);
+        EXPECT_EQ(c.cachedMap, mine.airDepthMap != nullptr);
+        EXPECT_EQ(bytesOf(expected), bytesOf(output));
+
+        // The working copy resampled from converted rows.
+        const HazeWorkingSize size = hazeWorkingSize(c.width, c.height);
+        ZImage direct, converted;
+        source.CopyTo(image, ZImage::RGBA, 32);
+        image.ResizeTo(direct, size.width, size.height);
+        source.ResizeAsFloatTo(converted, size.width, size.height);
+        EXPECT_EQ(hazetest::pixels(direct), hazetest::pixels(converted));
+    }
 }
 
 TEST(RunHazeRemoval, ResultDoesNotDependOnThreadCount) {

@@ -1,5 +1,7 @@
 // upsampleDarkChannel against a brute-force joint bilateral filter: the weight
-// tables, the clipped neighbourhood, the clamped range index, transparency.
+// tables, the clipped neighbourhood, the clamped range index, transparency;
+// the vector and plain paths, and the pass fused with the haze model, give
+// the same bits as the formulas.
 #include "ZImage/ZImageHaze.h"
 #include "ZImage/ZImageHaze_p.h"
 
@@ -7,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -103,16 +106,55 @@ TEST(HazeTables, RangeIndexTruncatesTowardZeroAndClampsToTheTable) {
     EXPECT_EQ(2000, haze::rangeIndex(std::numeric_limits<float>::quiet_NaN()));
 }
 
-TEST(UpsampleDarkChannel, MatchesModelWhenShrinkingAndEnlarging) {
-    const int sizes[][4] = {{37, 29, 11, 8}, {9, 7, 20, 15}, {50, 3, 17, 1}, {5, 5, 5, 5}};
+// Some pixels of either image transparent, so that lanes of one block see
+// different neighbourhoods.
+void punchHoles(ZImage& image, unsigned seed) {
+    std::mt19937 rng(seed);
+    for (int y = 0; y < image.Height(); ++y)
+        for (int x = 0; x < image.Width(); ++x)
+            if (rng() % 7 == 0) hazetest::pixel(image, x, y)[3] = 0.0f;
+}
+
+TEST(UpsampleDarkChannel, EveryPathMatchesTheModelWhenShrinkingAndEnlarging) {
+    // Full and working sizes: shrinking as photographs do (a block of eight
+    // pixels reaching one to eight working columns), enlarging, widths that
+    // are no multiple of eight, a single working row.
+    const int sizes[][4] = {{37, 29, 11, 8},  {9, 7, 20, 15},   {50, 3, 17, 1},   {5, 5, 5, 5},
+                            {203, 61, 13, 4}, {64, 16, 64, 16}, {131, 40, 40, 12}};
+    const std::array<float, 3> airlight{0.8f, 0.85f, 0.9f};
     unsigned seed = 40;
     for (const auto& s : sizes) {
-        const ZImage full = hazetest::randomImage(s[0], s[1], seed++);
+        SCOPED_TRACE(testing::Message()
+                     << s[0] << " x " << s[1] << " from " << s[2] << " x " << s[3]);
+        ZImage full = hazetest::randomImage(s[0], s[1], seed++);
         // Colours close to the full image's, so that weights are far from zero.
-        const ZImage working = hazetest::randomImage(s[2], s[3], seed++, 0.3f, 0.5f);
+        ZImage working = hazetest::randomImage(s[2], s[3], seed++, 0.3f, 0.5f);
+        if (s[0] > 100) {
+            punchHoles(full, seed++);
+            punchHoles(working, seed++);
+        }
         const auto map = randomMap(static_cast<std::size_t>(s[2]) * s[3], seed++);
-        EXPECT_EQ(modelUpsample(full, working, map), upsample(full, working, map))
-            << s[0] << " x " << s[1] << " from " << s[2] << " x " << s[3];
+        const std::vector<float> expected = modelUpsample(full, working, map);
+        EXPECT_EQ(expected, upsample(full, working, map));
+
+        // Each narrower path on its own (the widest one is taken above).
+        for (const auto path : {haze::RowUpsampler::Path::Avx2, haze::RowUpsampler::Path::Plain}) {
+            const haze::RowUpsampler narrower(working, map.data(), s[0], s[1], path);
+            std::vector<float> rows(expected.size());
+            for (int y = 0; y < s[1]; ++y)
+                narrower.depthRow(hazetest::pixel(full, 0, y), y,
+                                  rows.data() + std::size_t{1} * y * s[0]);
+            EXPECT_EQ(expected, rows);
+        }
+
+        // Fused with the haze model: the same pixels as the two passes.
+        ZImage twoPasses, fused;
+        twoPasses.CopyFrom(full);
+        fused.CopyFrom(full);
+        twoPasses.applyHazeRemoval(expected.data(), airlight, 0.7f);
+        fused.upsampleAndApplyHazeRemoval(map.data(), working, airlight, 0.7f);
+        const auto a = hazetest::pixels(twoPasses), b = hazetest::pixels(fused);
+        EXPECT_TRUE(hazetest::sameBits(a.data(), b.data(), a.size()));
     }
 }
 

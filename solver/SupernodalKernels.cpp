@@ -125,25 +125,35 @@ void swapColumns(T* a, int ld, int m, int p, int q) {
         std::swap(cp[i], cq[i]);
 }
 
-// Applies PivotRule to the pivot `d` whose column holds at most c elsewhere;
-// returns whether it was replaced.
+// Applies PivotRule to the pivot `d`, the rest of whose column is the
+// `count` entries at `rest`; returns whether it was replaced. The usual
+// pivot is far above the threshold and nothing in its column reaches
+// |d| / growth: that is settled by counting the entries beyond that bound,
+// a loop that vectorises, and only a pivot in doubt has its column's
+// largest magnitude taken.
 template <class T>
-bool settlePivot(T& d, T c, const PivotRule<T>& rule) {
+bool settlePivot(T& d, const T* rest, int count, const PivotRule<T>& rule) {
     const T m = std::abs(d);
+    if (m > rule.threshold && m != T(0) && rule.growth > T(0)) {
+        const T bound = m / rule.growth;
+        int beyond = 0;
+        for (int i = 0; i < count; ++i)
+            beyond += std::abs(rest[i]) > bound ? 1 : 0;
+        if (beyond == 0) return false;
+    }
+    T c = 0;
+    for (int i = 0; i < count; ++i)
+        c = std::max(c, std::abs(rest[i]));
     if (m != T(0) && !(m < rule.growth * c) && !(m <= rule.threshold && c > T(0))) return false;
     const T r = std::max(rule.replacement, rule.growth * c);
     d = d >= T(0) ? r : -r;
     return true;
 }
 
-// Largest magnitude of column k of the panel below row `from`.
+// Column k of the panel below its diagonal entry.
 template <class T>
-T columnMax(const T* a, int ld, int k, int from) {
-    const T* ck = a + static_cast<std::int64_t>(k) * ld;
-    T c = 0;
-    for (int i = from; i < ld; ++i)
-        c = std::max(c, std::abs(ck[i]));
-    return c;
+const T* belowPivot(const T* a, int ld, int k) {
+    return a + static_cast<std::int64_t>(k) * ld + k + 1;
 }
 
 } // namespace
@@ -228,7 +238,7 @@ BlockCounts ldltPanel(T* a, int ld, int w, bool bunchKaufman, PivotRule<T> rule,
         }
         const int kk = k + step - 1;
         symmetricSwap(a, ld, w, kk, kp);
-        if (step == 1 && settlePivot(at(a, ld, k, k), columnMax(a, ld, k, k + 1), rule))
+        if (step == 1 && settlePivot(at(a, ld, k, k), belowPivot(a, ld, k), ld - k - 1, rule))
             ++counts.perturbed;
         if (step == 1) {
             const T d = at(a, ld, k, k);
@@ -347,7 +357,8 @@ BlockCounts luPanel(T* a, int ld, int w, T* upper, int ldu, PivotRule<T> rule, i
         swapColumns(a, ld, ld, k, jp);
         rowPivots[k] = ip;
         colPivots[k] = jp;
-        if (settlePivot(at(a, ld, k, k), columnMax(a, ld, k, k + 1), rule)) ++counts.perturbed;
+        if (settlePivot(at(a, ld, k, k), belowPivot(a, ld, k), ld - k - 1, rule))
+            ++counts.perturbed;
         const T p = at(a, ld, k, k);
         const T r = T(1) / p;
         T* ck = a + static_cast<std::int64_t>(k) * ld;

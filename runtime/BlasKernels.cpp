@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <complex>
 #include <cstdio>
 #include <mutex>
 #include <type_traits>
@@ -156,17 +157,68 @@ struct Blas<double> {
     static constexpr char prefix = 'd';
 };
 
+// The complex entries take the scalars by address and the arrays untyped;
+// these adapters give them the signatures of the real ones, so that one
+// template serves all four element types.
+template <typename C, auto Gemm, auto Trsm, auto Swap, auto Gemv, auto Trsv>
+struct ComplexBlas {
+    static void gemmEntry(CBLAS_ORDER o, CBLAS_TRANSPOSE ta, CBLAS_TRANSPOSE tb, blasint m,
+                          blasint n, blasint k, C alpha, const C* a, blasint lda, const C* b,
+                          blasint ldb, C beta, C* c, blasint ldc) {
+        Gemm(o, ta, tb, m, n, k, &alpha, a, lda, b, ldb, &beta, c, ldc);
+    }
+    static void trsmEntry(CBLAS_ORDER o, CBLAS_SIDE s, CBLAS_UPLO u, CBLAS_TRANSPOSE t,
+                          CBLAS_DIAG d, blasint m, blasint n, C alpha, const C* a, blasint lda,
+                          C* b, blasint ldb) {
+        Trsm(o, s, u, t, d, m, n, &alpha, a, lda, b, ldb);
+    }
+    static void swapEntry(blasint n, C* x, blasint incx, C* y, blasint incy) {
+        Swap(n, x, incx, y, incy);
+    }
+    static void gemvEntry(CBLAS_ORDER o, CBLAS_TRANSPOSE t, blasint m, blasint n, C alpha,
+                          const C* a, blasint lda, const C* x, blasint incx, C beta, C* y,
+                          blasint incy) {
+        Gemv(o, t, m, n, &alpha, a, lda, x, incx, &beta, y, incy);
+    }
+    static void trsvEntry(CBLAS_ORDER o, CBLAS_UPLO u, CBLAS_TRANSPOSE t, CBLAS_DIAG d, blasint n,
+                          const C* a, blasint lda, C* x, blasint incx) {
+        Trsv(o, u, t, d, n, a, lda, x, incx);
+    }
+    static constexpr auto gemm = &gemmEntry;
+    static constexpr auto trsm = &trsmEntry;
+    static constexpr auto swap = &swapEntry;
+    static constexpr auto gemv = &gemvEntry;
+    static constexpr auto trsv = &trsvEntry;
+};
+
+template <>
+struct Blas<std::complex<float>> : ComplexBlas<std::complex<float>, &cblas_cgemm, &cblas_ctrsm,
+                                               &cblas_cswap, &cblas_cgemv, &cblas_ctrsv> {
+    static constexpr char prefix = 'c';
+};
+
+template <>
+struct Blas<std::complex<double>> : ComplexBlas<std::complex<double>, &cblas_zgemm, &cblas_ztrsm,
+                                                &cblas_zswap, &cblas_zgemv, &cblas_ztrsv> {
+    static constexpr char prefix = 'z';
+};
+
 template <typename T>
 struct Slots {
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::gemm)>> gemm{Blas<T>::gemm};
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::trsm)>> trsm{Blas<T>::trsm};
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::swap)>> swap{Blas<T>::swap};
+    static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::gemv)>> gemv{Blas<T>::gemv};
+    static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::trsv)>> trsv{Blas<T>::trsv};
+};
+
+// The kernels only the real types have.
+template <typename T>
+struct RealSlots {
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::iamax)>> iamax{Blas<T>::iamax};
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::scal)>> scal{Blas<T>::scal};
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::ger)>> ger{Blas<T>::ger};
     static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::syr)>> syr{Blas<T>::syr};
-    static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::gemv)>> gemv{Blas<T>::gemv};
-    static inline KernelSlot<std::remove_const_t<decltype(Blas<T>::trsv)>> trsv{Blas<T>::trsv};
 };
 
 template <typename T>
@@ -264,13 +316,13 @@ void swap(int n, T* x, int incx, T* y, int incy) {
 template <typename T>
 int iamax(int n, const T* x, int incx) {
     if (n < 1 || incx < 1) return 0;
-    return static_cast<int>(Slots<T>::iamax.get()(n, x, incx)) + 1;
+    return static_cast<int>(RealSlots<T>::iamax.get()(n, x, incx)) + 1;
 }
 
 template <typename T>
 void scal(int n, T alpha, T* x, int incx) {
     if (n < 1 || incx < 1) return;
-    Slots<T>::scal.get()(n, alpha, x, incx);
+    RealSlots<T>::scal.get()(n, alpha, x, incx);
 }
 
 template <typename T>
@@ -284,7 +336,7 @@ void ger(int m, int n, T alpha, const T* x, int incx, const T* y, int incy, T* a
     if (lda < std::max(1, m)) return void(reportBadParameter(9, name));
     if (m == 0 || n == 0) return;
     prepareBlasThreads();
-    Slots<T>::ger.get()(CblasColMajor, m, n, alpha, x, incx, y, incy, a, lda);
+    RealSlots<T>::ger.get()(CblasColMajor, m, n, alpha, x, incx, y, incy, a, lda);
 }
 
 template <typename T>
@@ -298,7 +350,7 @@ void syr(char uplo, int n, T alpha, const T* x, int incx, T* a, int lda) {
     if (lda < std::max(1, n)) return void(reportBadParameter(7, name));
     if (n == 0) return;
     prepareBlasThreads();
-    Slots<T>::syr.get()(CblasColMajor, u, n, alpha, x, incx, a, lda);
+    RealSlots<T>::syr.get()(CblasColMajor, u, n, alpha, x, incx, a, lda);
 }
 
 template <typename T>
@@ -421,6 +473,58 @@ void nrt_strsv(char uplo, char trans, char diag, int n, const float* a, int lda,
 void nrt_dtrsv(char uplo, char trans, char diag, int n, const double* a, int lda, double* x,
                int incx) {
     trsv(uplo, trans, diag, n, a, lda, x, incx);
+}
+void nrt_cgemm(char transa, char transb, int m, int n, int k, const void* alpha, const void* a,
+               int lda, const void* b, int ldb, const void* beta, void* c, int ldc) {
+    using C = std::complex<float>;
+    gemm(transa, transb, m, n, k, *static_cast<const C*>(alpha), static_cast<const C*>(a), lda,
+         static_cast<const C*>(b), ldb, *static_cast<const C*>(beta), static_cast<C*>(c), ldc);
+}
+void nrt_zgemm(char transa, char transb, int m, int n, int k, const void* alpha, const void* a,
+               int lda, const void* b, int ldb, const void* beta, void* c, int ldc) {
+    using C = std::complex<double>;
+    gemm(transa, transb, m, n, k, *static_cast<const C*>(alpha), static_cast<const C*>(a), lda,
+         static_cast<const C*>(b), ldb, *static_cast<const C*>(beta), static_cast<C*>(c), ldc);
+}
+void nrt_ctrsm(char side, char uplo, char transa, char diag, int m, int n, const void* alpha,
+               const void* a, int lda, void* b, int ldb) {
+    using C = std::complex<float>;
+    trsm(side, uplo, transa, diag, m, n, *static_cast<const C*>(alpha), static_cast<const C*>(a),
+         lda, static_cast<C*>(b), ldb);
+}
+void nrt_ztrsm(char side, char uplo, char transa, char diag, int m, int n, const void* alpha,
+               const void* a, int lda, void* b, int ldb) {
+    using C = std::complex<double>;
+    trsm(side, uplo, transa, diag, m, n, *static_cast<const C*>(alpha), static_cast<const C*>(a),
+         lda, static_cast<C*>(b), ldb);
+}
+void nrt_cswap(int n, void* x, int incx, void* y, int incy) {
+    using C = std::complex<float>;
+    swap(n, static_cast<C*>(x), incx, static_cast<C*>(y), incy);
+}
+void nrt_zswap(int n, void* x, int incx, void* y, int incy) {
+    using C = std::complex<double>;
+    swap(n, static_cast<C*>(x), incx, static_cast<C*>(y), incy);
+}
+void nrt_cgemv(char trans, int m, int n, const void* alpha, const void* a, int lda, const void* x,
+               int incx, const void* beta, void* y, int incy) {
+    using C = std::complex<float>;
+    gemv(trans, m, n, *static_cast<const C*>(alpha), static_cast<const C*>(a), lda,
+         static_cast<const C*>(x), incx, *static_cast<const C*>(beta), static_cast<C*>(y), incy);
+}
+void nrt_zgemv(char trans, int m, int n, const void* alpha, const void* a, int lda, const void* x,
+               int incx, const void* beta, void* y, int incy) {
+    using C = std::complex<double>;
+    gemv(trans, m, n, *static_cast<const C*>(alpha), static_cast<const C*>(a), lda,
+         static_cast<const C*>(x), incx, *static_cast<const C*>(beta), static_cast<C*>(y), incy);
+}
+void nrt_ctrsv(char uplo, char trans, char diag, int n, const void* a, int lda, void* x, int incx) {
+    using C = std::complex<float>;
+    trsv(uplo, trans, diag, n, static_cast<const C*>(a), lda, static_cast<C*>(x), incx);
+}
+void nrt_ztrsv(char uplo, char trans, char diag, int n, const void* a, int lda, void* x, int incx) {
+    using C = std::complex<double>;
+    trsv(uplo, trans, diag, n, static_cast<const C*>(a), lda, static_cast<C*>(x), incx);
 }
 int nrt_blas_bound_type(void) {
     return boundType.load(std::memory_order_relaxed);

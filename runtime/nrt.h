@@ -138,6 +138,25 @@ void nrt_strsv(char uplo, char trans, char diag, int n, const float* a, int lda,
 void nrt_dtrsv(char uplo, char trans, char diag, int n, const double* a, int lda, double* x,
                int incx);
 
+/* The complex kernels: arrays of interleaved (real, imaginary) pairs of the
+ * precision the prefix names (c single, z double), scalars by address. */
+void nrt_cgemm(char transa, char transb, int m, int n, int k, const void* alpha, const void* a,
+               int lda, const void* b, int ldb, const void* beta, void* c, int ldc);
+void nrt_zgemm(char transa, char transb, int m, int n, int k, const void* alpha, const void* a,
+               int lda, const void* b, int ldb, const void* beta, void* c, int ldc);
+void nrt_ctrsm(char side, char uplo, char transa, char diag, int m, int n, const void* alpha,
+               const void* a, int lda, void* b, int ldb);
+void nrt_ztrsm(char side, char uplo, char transa, char diag, int m, int n, const void* alpha,
+               const void* a, int lda, void* b, int ldb);
+void nrt_cswap(int n, void* x, int incx, void* y, int incy);
+void nrt_zswap(int n, void* x, int incx, void* y, int incy);
+void nrt_cgemv(char trans, int m, int n, const void* alpha, const void* a, int lda, const void* x,
+               int incx, const void* beta, void* y, int incy);
+void nrt_zgemv(char trans, int m, int n, const void* alpha, const void* a, int lda, const void* x,
+               int incx, const void* beta, void* y, int incy);
+void nrt_ctrsv(char uplo, char trans, char diag, int n, const void* a, int lda, void* x, int incx);
+void nrt_ztrsv(char uplo, char trans, char diag, int n, const void* a, int lda, void* x, int incx);
+
 /* Processor type the kernel slots were bound for, or -1 before the first
  * kernel call. */
 int nrt_blas_bound_type(void);

@@ -2,6 +2,7 @@
 
 #include <complex>
 #include <cstdint>
+#include <type_traits>
 
 namespace skyrinse::spds {
 
@@ -14,7 +15,7 @@ bool isZero(const V& v) {
 
 template <class V>
 int solveRows(int phase, int n, const V* diag, const int* ia, int nrhs, const int* iparm, V* b,
-              V* x) {
+              V* x, bool conjugated = false) {
     for (int i = 1; i <= n; ++i)
         if (isZero(diag[ia[i - 1] - 1])) return -i;
     const bool solve = phase == 33 || phase % 10 == 3;
@@ -26,7 +27,12 @@ int solveRows(int phase, int n, const V* diag, const int* ia, int nrhs, const in
 #pragma omp parallel for schedule(static) if (total > 65536)
     for (std::int64_t e = 0; e < total; ++e) {
         const std::int64_t i = e % rows;
-        out[e] = b[e] / diag[ia[i] - 1];
+        const V d = diag[ia[i] - 1];
+        if constexpr (std::is_same_v<V, std::complex<float>> ||
+                      std::is_same_v<V, std::complex<double>>)
+            out[e] = b[e] / (conjugated ? std::conj(d) : d);
+        else
+            out[e] = b[e] / d;
     }
     return 0;
 }
@@ -35,7 +41,7 @@ int solveRows(int phase, int n, const V* diag, const int* ia, int nrhs, const in
 
 template <class T>
 int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const int* ja, int nrhs,
-                 int* iparm, T* b, T* x) {
+                 int* iparm, T* b, T* x, bool conjugated) {
     if (!a || !ja) return 1;
     for (int i = 1; i <= n; ++i)
         if (ia[i] - ia[i - 1] != 1) return i;
@@ -48,7 +54,7 @@ int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const i
     if (complexValues) {
         using C = std::complex<T>;
         return solveRows(phase, n, reinterpret_cast<const C*>(a), ia, nrhs, iparm,
-                         reinterpret_cast<C*>(b), reinterpret_cast<C*>(x));
+                         reinterpret_cast<C*>(b), reinterpret_cast<C*>(x), conjugated);
     }
     int positive = 0, others = 0;
     for (int i = 0; i < n; ++i)
@@ -62,8 +68,8 @@ int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const i
 }
 
 template int diagonalPath<float>(int, int, int, const float*, const int*, const int*, int, int*,
-                                 float*, float*);
+                                 float*, float*, bool);
 template int diagonalPath<double>(int, int, int, const double*, const int*, const int*, int, int*,
-                                  double*, double*);
+                                  double*, double*, bool);
 
 } // namespace skyrinse::spds

@@ -5,7 +5,9 @@
 // one entry; rows are tested in order. Complex types (|mtype| > 2 once 10 is
 // taken off the types above 10) read pairs of values. With a solve phase
 // (33, or a last digit 3) and iparm[5] = 1 the result overwrites b, otherwise
-// it goes to x. On failure nothing is written to b or x.
+// it goes to x. A complex system asked for conjugated (A^H of types 3, 6, 13;
+// A^T of 4, -4: `conjugated`) divides by the conjugates. On failure nothing
+// is written to b or x.
 #pragma once
 
 namespace skyrinse::spds {
@@ -15,6 +17,6 @@ namespace skyrinse::spds {
 // entries) and iparm[22] (the others) for real types.
 template <class T>
 int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const int* ja, int nrhs,
-                 int* iparm, T* b, T* x);
+                 int* iparm, T* b, T* x, bool conjugated = false);
 
 } // namespace skyrinse::spds

@@ -17,6 +17,7 @@
 #include "Ordering.h"
 #include "Reports.h"
 #include "SymbolicFactorization.h"
+#include "internal/Scalar.h"
 
 #include "runtime/nrt.h"
 
@@ -72,8 +73,20 @@ bool zeroOnDiagonal(int n, const int* ia, const int* ja, const void* values) {
 template <class T>
 bool allFinite(const T* v, std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i)
-        if (!std::isfinite(v[i])) return false;
+        if (!isFiniteValue(v[i])) return false;
     return true;
+}
+
+template <class T>
+void conjugateAll(T* v, std::int64_t count) {
+    if constexpr (isComplexV<T>)
+        for (std::int64_t i = 0; i < count; ++i)
+            v[i] = std::conj(v[i]);
+}
+
+template <class T>
+constexpr bool singleOf() {
+    return std::is_same_v<RealOf<T>, float>;
 }
 
 bool acceptedMatrixType(int mtype) {
@@ -147,9 +160,18 @@ private:
         rq.ia = a.ia;
         rq.ja = a.ja;
         rq.symmetricStorage = h->symmetricStorage;
+        rq.hermitian = h->mtype == 4 || h->mtype == -4;
         rq.transpose = a.iparm[0] != 1 && a.iparm[11] > 0 && !h->symmetricStorage;
         rq.solutionInB = a.iparm[5] == 1;
         return rq;
+    }
+    // Whether the solve asked for is of the conjugated matrix (iparm[11]:
+    // 1 the conjugate transposed, 2 the transposed).
+    bool conjugatedSolve() const {
+        if (a.iparm[0] == 1 || a.iparm[11] <= 0) return false;
+        const int mtype = h->mtype;
+        if (mtype == 4 || mtype == -4) return a.iparm[11] == 2;
+        return a.iparm[11] == 1;
     }
     int exit();
     ReportCall reportCall() const;
@@ -224,7 +246,7 @@ void Call<T>::resetForAnalysis() {
     h->threads = m_threads;
     h->splitSolve = iparm[25];
     // The copy that runs the analysis owns the handle from now on.
-    h->singlePrecision = sizeof(T) == sizeof(float);
+    h->singlePrecision = singleOf<T>();
     for (FactorRow& row : h->factors) {
         row.values.reset();
         row.state = kNotComputed;
@@ -277,17 +299,18 @@ void Call<T>::analyse() {
     // order, with pivots only inside the diagonal blocks; a zero on the
     // diagonal then leaves a block without any usable pivot, and chains of
     // perturbed pivots give garbage. Such a matrix is matched (not scaled)
-    // whatever iparm[12] says; mtype 1 is matched as the general matrix it
-    // then becomes.
-    const bool lu = mtype == 1 || mtype > 10;
+    // whatever iparm[12] says; mtype 1 (3) is matched as the general matrix
+    // 11 (13) it then becomes.
+    const bool structural = mtype == 1 || mtype == 3;
+    const bool lu = structural || mtype > 10;
     if (lu && h->matching == 0 && a.a && zeroOnDiagonal<T>(n, a.ia, a.ja, a.a)) h->matching = 1;
     MatchingRequest mrq;
-    mrq.mtype = mtype == 1 && h->matching > 0 ? 11 : mtype;
+    mrq.mtype = structural && h->matching > 0 ? mtype + 10 : mtype;
     mrq.n = n;
     mrq.maxfct = h->maxfct;
     mrq.matching = h->matching;
     mrq.scaling = h->scaling;
-    mrq.single = sizeof(T) == sizeof(float);
+    mrq.single = singleOf<T>();
     mrq.a = a.a;
     mrq.ia = a.ia;
     mrq.ja = a.ja;
@@ -305,7 +328,7 @@ void Call<T>::analyse() {
     // Only the types above 10 order through the matching's rows; for the
     // others the block may still hold the permutation of an earlier analysis.
     const int* rowPermutation =
-        (mtype > 10 || (mtype == 1 && h->matching > 0)) && !h->matchingPermutation.empty()
+        (mtype > 10 || (structural && h->matching > 0)) && !h->matchingPermutation.empty()
             ? h->matchingPermutation.data()
             : nullptr;
     h->rowPermuted = rowPermutation != nullptr;
@@ -374,7 +397,7 @@ void Call<T>::finishAnalysisFigures(bool factorsWanted, bool operationsWanted) {
     // index maps per thread, the pending lists.
     const std::int64_t t = std::max(1, m_threads);
     const std::int64_t values =
-        factorEntries * static_cast<std::int64_t>(sizeof(T)) * h->scalarWords;
+        factorEntries * static_cast<std::int64_t>(sizeof(RealOf<T>)) * h->scalarWords;
     const std::int64_t buffers = t * s.tmpsiz * static_cast<std::int64_t>(sizeof(T));
     const std::int64_t maps = (2 * t * h->n + h->n + s.nsuper) * 4;
     h->numericKb = MemoryCounter::kilobytes(values) + MemoryCounter::kilobytes(buffers) +
@@ -421,7 +444,7 @@ int Call<T>::run() {
             return exit();
         }
         created = true;
-        h->singlePrecision = sizeof(T) == sizeof(float);
+        h->singlePrecision = singleOf<T>();
         h->oocMode = oocDefault;
         h->msglvl = *a.msglvl != 0 ? 1 : 0;
         if (phase <= 0) {
@@ -591,7 +614,8 @@ int Call<T>::factorAndSolve(int lastDigit) {
                 return exit();
             }
             NumericRequest rq;
-            rq.mtype = h->mtype;
+            rq.mtype = factorKind(h->mtype);
+            rq.hermitian = h->mtype == 4 || h->mtype == -4;
             rq.n = h->n;
             rq.a = a.a;
             rq.ia = a.ia;
@@ -658,9 +682,30 @@ int Call<T>::factorAndSolve(int lastDigit) {
         rq.steps = iparm[7];
         rq.partial = h->partialSolve;
         rq.checked = h->splitSolve == 0;
+        // A conjugated system (A^H x = b of a general or complex symmetric
+        // matrix, A^T x = b of a Hermitian one) is op(A) y = conj(b) with
+        // x = conj(y), op the transposition the factor itself offers (A^T
+        // for 3 and 13, none for the symmetric storage): b is conjugated for
+        // the solve and back after it, also when the solve throws.
+        const bool conjugated = isComplexV<T> && conjugatedSolve();
+        T* b = static_cast<T*>(a.b);
+        T* x = static_cast<T*>(a.x);
+        const std::int64_t count = checkedMul(h->n, *a.nrhs);
+        struct Conjugation {
+            T* b;
+            T* x;
+            std::int64_t count;
+            bool on;
+            ~Conjugation() {
+                if (!on) return;
+                conjugateAll(b, count);
+                if (x != b) conjugateAll(x, count);
+            }
+        };
+        if (conjugated) conjugateAll(b, count);
+        const Conjugation undo{b, x, count, conjugated};
         const double t0 = nrt_seconds();
-        const RefinementResult r =
-            solveAndRefine<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
+        const RefinementResult r = solveAndRefine<T>(*h, row, rq, b, x);
         h->timers[kTimeSolve] = nrt_seconds() - t0;
         h->refinementSteps = r.steps;
         h->backwardError = r.backwardError;
@@ -686,17 +731,25 @@ int Call<T>::factorAndSolve(int lastDigit) {
 template <class T>
 bool Call<T>::iterate(const FactorRow& row) {
     int* iparm = a.iparm;
-    IterativeRequest rq;
-    static_cast<SystemRequest&>(rq) = systemRequest();
-    rq.control = iparm[3];
-    rq.factorSeconds = h->timers[kTimeNumeric];
-    rq.outOfCore = h->oocMode > 0;
-    const double t0 = nrt_seconds();
-    const IterativeResult r =
-        iterativeSolve<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
-    h->timers[kTimeIterative] = nrt_seconds() - t0;
-    iparm[19] = r.report();
-    return r.status == 0;
+    // The iterations are written for real arithmetic; a complex system takes
+    // the factorization and the checked refinement instead.
+    if constexpr (isComplexV<T>) {
+        (void)row;
+        (void)iparm;
+        return false;
+    } else {
+        IterativeRequest rq;
+        static_cast<SystemRequest&>(rq) = systemRequest();
+        rq.control = iparm[3];
+        rq.factorSeconds = h->timers[kTimeNumeric];
+        rq.outOfCore = h->oocMode > 0;
+        const double t0 = nrt_seconds();
+        const IterativeResult r =
+            iterativeSolve<T>(*h, row, rq, static_cast<T*>(a.b), static_cast<T*>(a.x));
+        h->timers[kTimeIterative] = nrt_seconds() - t0;
+        iparm[19] = r.report();
+        return r.status == 0;
+    }
 }
 
 template <class T>
@@ -755,5 +808,7 @@ int runDriver(const CallArgs& args, int threads) {
 
 template int runDriver<float>(const CallArgs&, int);
 template int runDriver<double>(const CallArgs&, int);
+template int runDriver<std::complex<float>>(const CallArgs&, int);
+template int runDriver<std::complex<double>>(const CallArgs&, int);
 
 } // namespace skyrinse::spds

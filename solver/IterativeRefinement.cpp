@@ -2,6 +2,7 @@
 #include "IterativeRefinement.h"
 
 #include "Solve.h"
+#include "internal/Scalar.h"
 
 #include <algorithm>
 #include <cmath>
@@ -21,7 +22,7 @@ constexpr double kRoundoffUnits = 8;
 
 template <class T>
 constexpr double unitRoundoff() {
-    return std::numeric_limits<T>::epsilon() / 2;
+    return std::numeric_limits<RealOf<T>>::epsilon() / 2;
 }
 
 template <class T, class W>
@@ -54,7 +55,8 @@ private:
 
 template <class T, class W>
 double Refinement<T, W>::backwardError(const T* rhs, const W* x, W* res) {
-    multiplyStored<W, T>(n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, nrhs, x, res);
+    multiplyStored<W, T>(n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, nrhs, x, res,
+                         rq.hermitian);
     double worst = 0;
     for (int j = 0; j < nrhs; ++j) {
         const std::int64_t off = static_cast<std::int64_t>(j) * n;
@@ -63,12 +65,12 @@ double Refinement<T, W>::backwardError(const T* rhs, const W* x, W* res) {
         for (int i = 0; i < n; ++i) {
             const W v = static_cast<W>(rhs[off + i]) - res[off + i];
             res[off + i] = v;
-            const double rv = std::abs(static_cast<double>(v));
-            const double xv = std::abs(static_cast<double>(x[off + i]));
+            const double rv = static_cast<double>(magnitude(v));
+            const double xv = static_cast<double>(magnitude(x[off + i]));
             finite = finite && std::isfinite(rv) && std::isfinite(xv);
             rmax = std::max(rmax, rv);
             xmax = std::max(xmax, xv);
-            bmax = std::max(bmax, std::abs(static_cast<double>(rhs[off + i])));
+            bmax = std::max(bmax, static_cast<double>(magnitude(rhs[off + i])));
         }
         if (!finite) return std::numeric_limits<double>::infinity();
         const double scale = normA * xmax + bmax;
@@ -92,7 +94,7 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
     // type, and only that, a stall or the cap end it; a T iterate also stops
     // once it did the steps asked and is within the tolerance.
     const double target = kRoundoffUnits * (wide ? unitRoundoff<W>() : unitRoundoff<T>());
-    const double tolerance = refinementTolerance<T>();
+    const double tolerance = refinementTolerance<RealOf<T>>();
 
     solver.solve(rhs, sol);
     for (std::int64_t i = 0; i < count; ++i)
@@ -139,7 +141,7 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
 
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
-                    bool transpose, int nrhs, const W* x, W* y) {
+                    bool transpose, int nrhs, const W* x, W* y, bool hermitian) {
     for (int j = 0; j < nrhs; ++j) {
         const W* xj = x + static_cast<std::int64_t>(j) * n;
         W* yj = y + static_cast<std::int64_t>(j) * n;
@@ -161,7 +163,7 @@ void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmet
                 const W av = static_cast<W>(a[p]);
                 if (symmetricStorage) {
                     v += av * xj[c];
-                    if (c != i) yj[c] += av * xi;
+                    if (c != i) yj[c] += (hermitian ? conjugate(av) : av) * xi;
                 } else {
                     yj[c] += av * xi;
                 }
@@ -178,7 +180,7 @@ double infinityNorm(int n, const T* a, const int* ia, const int* ja, bool symmet
     for (int i = 0; i < n; ++i)
         for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p) {
             const int c = ja[p] - 1;
-            const double v = std::abs(static_cast<double>(a[p]));
+            const double v = static_cast<double>(magnitude(a[p]));
             sums[static_cast<std::size_t>(transpose ? c : i)] += v;
             if (symmetricStorage && c != i) sums[static_cast<std::size_t>(c)] += v;
         }
@@ -210,9 +212,12 @@ RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const Refinemen
         solver.solve(rhs, sol, rq.partial);
         return {};
     }
-    if constexpr (std::is_same_v<T, double>)
-        if (rq.steps < 0) return Refinement<T, long double>(solver, rq, &h.memory).run(rhs, sol);
-    return Refinement<T, double>(solver, rq, &h.memory).run(rhs, sol);
+    // The residual is formed in the wider type: double, or long double for
+    // a double iterate asked to stay wide (steps < 0).
+    if constexpr (std::is_same_v<RealOf<T>, double>)
+        if (rq.steps < 0)
+            return Refinement<T, WidenedTo<T, long double>>(solver, rq, &h.memory).run(rhs, sol);
+    return Refinement<T, WidenedTo<T, double>>(solver, rq, &h.memory).run(rhs, sol);
 }
 
 template RefinementResult solveAndRefine<float>(Handle&, const FactorRow&, const RefinementRequest&,
@@ -220,14 +225,31 @@ template RefinementResult solveAndRefine<float>(Handle&, const FactorRow&, const
 template RefinementResult solveAndRefine<double>(Handle&, const FactorRow&,
                                                  const RefinementRequest&, double*, double*);
 template void multiplyStored<float, float>(int, const float*, const int*, const int*, bool, bool,
-                                           int, const float*, float*);
+                                           int, const float*, float*, bool);
 template void multiplyStored<double, float>(int, const float*, const int*, const int*, bool, bool,
-                                            int, const double*, double*);
+                                            int, const double*, double*, bool);
 template void multiplyStored<double, double>(int, const double*, const int*, const int*, bool, bool,
-                                             int, const double*, double*);
+                                             int, const double*, double*, bool);
 template void multiplyStored<long double, double>(int, const double*, const int*, const int*, bool,
-                                                  bool, int, const long double*, long double*);
+                                                  bool, int, const long double*, long double*,
+                                                  bool);
 template double infinityNorm<float>(int, const float*, const int*, const int*, bool, bool);
 template double infinityNorm<double>(int, const double*, const int*, const int*, bool, bool);
+
+using ComplexF = std::complex<float>;
+using ComplexD = std::complex<double>;
+using ComplexL = std::complex<long double>;
+template RefinementResult solveAndRefine<ComplexF>(Handle&, const FactorRow&,
+                                                   const RefinementRequest&, ComplexF*, ComplexF*);
+template RefinementResult solveAndRefine<ComplexD>(Handle&, const FactorRow&,
+                                                   const RefinementRequest&, ComplexD*, ComplexD*);
+template void multiplyStored<ComplexD, ComplexF>(int, const ComplexF*, const int*, const int*, bool,
+                                                 bool, int, const ComplexD*, ComplexD*, bool);
+template void multiplyStored<ComplexD, ComplexD>(int, const ComplexD*, const int*, const int*, bool,
+                                                 bool, int, const ComplexD*, ComplexD*, bool);
+template void multiplyStored<ComplexL, ComplexD>(int, const ComplexD*, const int*, const int*, bool,
+                                                 bool, int, const ComplexL*, ComplexL*, bool);
+template double infinityNorm<ComplexF>(int, const ComplexF*, const int*, const int*, bool, bool);
+template double infinityNorm<ComplexD>(int, const ComplexD*, const int*, const int*, bool, bool);
 
 } // namespace skyrinse::spds

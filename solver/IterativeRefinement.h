@@ -61,10 +61,11 @@ template <class T>
 RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const RefinementRequest& request,
                                 T* b, T* x);
 
-// y = A x (or A^T x) of the caller's stored matrix, accumulated in W.
+// y = A x (or A^T x) of the caller's stored matrix, accumulated in W; with
+// `hermitian` a stored triangle stands for its conjugate mirror.
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
-                    bool transpose, int nrhs, const W* x, W* y);
+                    bool transpose, int nrhs, const W* x, W* y, bool hermitian = false);
 
 // Largest row sum of |A| (of A^T when transposed) of the stored matrix.
 template <class T>

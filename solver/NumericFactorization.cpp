@@ -24,6 +24,7 @@
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
 #include "internal/OneBased.h"
+#include "internal/Scalar.h"
 
 #include <algorithm>
 #include <atomic>
@@ -56,21 +57,23 @@ bool isLu(int mtype) {
     return mtype == 1 || mtype == 11 || mtype == -11;
 }
 
-// C (m x n) -= A (m x k) B^T (n x k), or C = A B^T when `assign`.
+// C (m x n) -= A (m x k) B^T (n x k), or C = A B^T when `assign`; B^H in
+// place of B^T with `conj`.
 template <class T>
 void productNT(int m, int n, int k, const T* a, int lda, const T* b, int ldb, T* c, int ldc,
-               bool assign) {
+               bool assign, bool conj = false) {
     if (m <= 0 || n <= 0) return;
     if (static_cast<std::int64_t>(m) * n * k >= kSmallProduct) {
-        blas::gemm('N', 'T', m, n, k, assign ? T(1) : T(-1), a, lda, b, ldb, assign ? T(0) : T(1),
-                   c, ldc);
+        blas::gemm('N', conj ? 'C' : 'T', m, n, k, assign ? T(1) : T(-1), a, lda, b, ldb,
+                   assign ? T(0) : T(1), c, ldc);
         return;
     }
     for (int j = 0; j < n; ++j) {
         T* cj = c + static_cast<std::int64_t>(j) * ldc;
         if (assign) std::fill(cj, cj + m, T(0));
         for (int t = 0; t < k; ++t) {
-            const T f = b[j + static_cast<std::int64_t>(t) * ldb];
+            T f = b[j + static_cast<std::int64_t>(t) * ldb];
+            if (conj) f = conjugate(f);
             if (f == T(0)) continue;
             const T* at = a + static_cast<std::int64_t>(t) * lda;
             if (assign)
@@ -122,8 +125,9 @@ class Worker {
 public:
     Worker(Handle& h, const NumericRequest& rq, FactorView<T> f)
         : h(h), rq(rq), s(h.symbolic), n(rq.n), nsuper(s.nsuper), lu(isLu(rq.mtype)),
-          cholesky(rq.mtype == 2), f(f), xsup(s.xsup.data()), xlindx(s.xlindx.data()),
-          lindx(s.lindx.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()), snode(s.snode.data()) {}
+          cholesky(rq.mtype == 2), hermitian(rq.hermitian), f(f), xsup(s.xsup.data()),
+          xlindx(s.xlindx.data()), lindx(s.lindx.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
+          snode(s.snode.data()) {}
 
     NumericResult run();
 
@@ -159,6 +163,7 @@ private:
     const int nsuper;
     const bool lu;
     const bool cholesky;
+    const bool hermitian; // L D L^H: the updates take conjugates
     FactorView<T> f;
     const OneBased<const int> xsup, xlindx, lindx, xlnz, xunz, snode;
     PivotRule<T> rule;
@@ -213,11 +218,16 @@ void Worker<T>::groupEntries() {
         for (int p = ia[r] - 1; p < ia[r + 1] - 1; ++p) {
             const int c = ja[p] - 1;
             const auto [k, l] = place(r, c);
-            double v = static_cast<double>(a[p]);
+            WidenedTo<T, double> v = static_cast<WidenedTo<T, double>>(a[p]);
             if (scaled) v *= rowScale[r] * colScale[c];
-            largest = std::max(largest, std::abs(v));
+            largest = std::max(largest, static_cast<double>(magnitude(v)));
             Entry<T> e{k, l, static_cast<T>(v)};
-            if (!lu && k < l) std::swap(e.row, e.col);
+            // An entry of the upper triangle stands for its mirror image,
+            // which is its conjugate in a Hermitian matrix.
+            if (!lu && k < l) {
+                std::swap(e.row, e.col);
+                if (hermitian) e.value = conjugate(e.value);
+            }
             entries[fill[static_cast<std::size_t>(std::min(k, l) - 1)]++] = e;
         }
 }
@@ -300,9 +310,11 @@ void Worker<T>::formDLt(int d, int p0, int q, T* w) {
             const T d22 = L[static_cast<std::int64_t>(t + 1) * hd + t + 1];
             const T* lt1 = lt + hd;
             T* wt1 = wt + q;
+            // D is [d11 d12; d21 d22] with d12 = d21, or its conjugate.
+            const T d12 = hermitian ? conjugate(d21) : d21;
             for (int j = 0; j < q; ++j) {
                 wt[j] = lt[j] * d11 + lt1[j] * d21;
-                wt1[j] = lt[j] * d21 + lt1[j] * d22;
+                wt1[j] = lt[j] * d12 + lt1[j] * d22;
             }
             t += 2;
         }
@@ -353,7 +365,7 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
             const T* v = Ld + p0;
             const T dv = cholesky ? T(1) : Ld[0];
             for (int j = 0; j < q; ++j) {
-                const T coef = v[j] * dv;
+                const T coef = (hermitian ? conjugate(v[j]) : v[j]) * dv;
                 if (coef == T(0)) continue;
                 T* cs = Ls + static_cast<std::int64_t>(rows[j] - fs) * hs + hs;
                 for (int t = j; t < r; ++t)
@@ -370,9 +382,9 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
         }
         if (i1 - i0 == r - 1) {
             productNT(r, q, wd, Ld + p0, hd, right, ldr,
-                      Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs, false);
+                      Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs, false, hermitian);
         } else {
-            productNT(r, q, wd, Ld + p0, hd, right, ldr, w.temp.data(), r, true);
+            productNT(r, q, wd, Ld + p0, hd, right, ldr, w.temp.data(), r, true, hermitian);
             for (int t = 0; t < r; ++t)
                 w.relind[t] = hs - map[rows[t]];
             addScattered(w, Ls, hs, q, 0, r, 0, true);
@@ -421,7 +433,7 @@ bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
         }
     } else if (!lu) {
         int* piv = f.rowPivot + fst - 1;
-        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv);
+        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv, hermitian);
         for (int k = 0; k < ws; ++k)
             piv[k] = piv[k] >= 0 ? fst + piv[k] : -(fst + (-piv[k] - 1));
     } else {
@@ -636,18 +648,20 @@ NumericResult Worker<T>::run() {
 } // namespace
 
 bool numericSupported(int mtype) {
-    return mtype == 1 || mtype == 2 || mtype == -2 || mtype == 11 || mtype == -11;
+    return mtype == 1 || mtype == 2 || mtype == -2 || mtype == 11 || mtype == -11 || mtype == 3 ||
+           mtype == 4 || mtype == -4 || mtype == 6 || mtype == 13;
 }
 
 template <class T>
 PivotRule<T> pivotRule(int exponent, double largest) {
     const double scale = largest > 0 && std::isfinite(largest) ? largest : 1.0;
-    const double root = std::sqrt(std::numeric_limits<T>::epsilon() / 2);
+    using R = RealOf<T>;
+    const double root = std::sqrt(std::numeric_limits<R>::epsilon() / 2);
     const double tiny = exponent == 0 ? 0.0 : std::pow(10.0, -std::abs(exponent));
     PivotRule<T> rule;
-    rule.threshold = static_cast<T>(tiny * scale);
-    rule.replacement = static_cast<T>(std::max(tiny, root) * scale);
-    rule.growth = static_cast<T>(root);
+    rule.threshold = static_cast<R>(tiny * scale);
+    rule.replacement = static_cast<R>(std::max(tiny, root) * scale);
+    rule.growth = static_cast<R>(root);
     return rule;
 }
 
@@ -689,5 +703,9 @@ template NumericResult numericFactorization<float>(Handle&, const NumericRequest
 template NumericResult numericFactorization<double>(Handle&, const NumericRequest&, FactorRow&);
 template PivotRule<float> pivotRule<float>(int, double);
 template PivotRule<double> pivotRule<double>(int, double);
+template NumericResult numericFactorization<std::complex<float>>(Handle&, const NumericRequest&,
+                                                                 FactorRow&);
+template NumericResult numericFactorization<std::complex<double>>(Handle&, const NumericRequest&,
+                                                                  FactorRow&);
 
 } // namespace skyrinse::spds

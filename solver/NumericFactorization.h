@@ -46,7 +46,9 @@
 namespace skyrinse::spds {
 
 struct NumericRequest {
+    // The real type whose algorithm runs (factorKind of a complex type).
     int mtype = -2;
+    bool hermitian = false; // L L^H or L D L^H of a Hermitian matrix
     int n = 0;
     const void* a = nullptr;
     const int* ia = nullptr;
@@ -87,7 +89,7 @@ PivotRule<T> pivotRule(int exponent, double largest);
 // millions (what iparm[18] reports).
 double factorizationOperations(const SymbolicResult& s, int n, bool lu);
 
-// Whether the numeric stages handle this matrix type (the real ones).
+// Whether the numeric stages handle this matrix type.
 bool numericSupported(int mtype);
 
 } // namespace skyrinse::spds

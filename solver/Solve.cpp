@@ -20,6 +20,7 @@
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
 #include "internal/OneBased.h"
+#include "internal/Scalar.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -51,6 +52,8 @@ struct FactorSolver<T>::Impl {
     int nrhs;
     Kind kind;
     bool transpose;
+    bool hermitian = false; // the backward sweep takes L^H
+    char backTrans = 'T';
     FactorView<T> f;
     Block<T> y;
     Block<T> buffer;
@@ -64,8 +67,10 @@ struct FactorSolver<T>::Impl {
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
         : h(handle), s(handle.symbolic), n(handle.n), nrhs(rhs) {
-        const int mtype = h.mtype;
+        const int mtype = factorKind(h.mtype);
         kind = mtype == 2 ? Kind::Cholesky : (mtype == -2 ? Kind::Indefinite : Kind::Lu);
+        hermitian = h.mtype == 4 || h.mtype == -4;
+        backTrans = hermitian ? 'C' : 'T';
         transpose = transposed && kind == Kind::Lu;
         const FactorLayout layout(s.lnzSize, kind == Kind::Lu ? s.unzSize : 1, n, sizeof(T));
         f = layout.view<T>(const_cast<std::byte*>(row.values.data()));
@@ -138,8 +143,9 @@ struct FactorSolver<T>::Impl {
     void blockSolve(const T* a, int hs, int ws, int fst, char uplo, char trans, char diag) {
         T* yb = y.data() + fst - 1;
         if (nrhs == 1 && static_cast<std::int64_t>(ws) * ws < kSmallBlock) {
-            const bool lower = (uplo == 'L') != (trans == 'T');
+            const bool lower = (uplo == 'L') == (trans == 'N');
             auto A = [&](int i, int j) {
+                if (trans == 'C') return conjugate(a[j + static_cast<std::int64_t>(i) * hs]);
                 return trans == 'T' ? a[j + static_cast<std::int64_t>(i) * hs]
                                     : a[i + static_cast<std::int64_t>(j) * hs];
             };
@@ -208,8 +214,9 @@ struct FactorSolver<T>::Impl {
         }
     }
 
-    // Y(block) -= P^T Y(rows below).
-    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* buf) {
+    // Y(block) -= P^T Y(rows below), or P^H with trans 'C'.
+    void pullBelow(const T* p, int ldp, int m, int ws, int fst, const int* below, T* buf,
+                   char trans = 'T') {
         if (m <= 0) return;
         T* yb = y.data() + fst - 1;
         if (nrhs == 1) {
@@ -217,7 +224,7 @@ struct FactorSolver<T>::Impl {
                 const T* pj = p + static_cast<std::int64_t>(j) * ldp;
                 T v = 0;
                 for (int i = 0; i < m; ++i)
-                    v += pj[i] * y[below[i] - 1];
+                    v += (trans == 'C' ? conjugate(pj[i]) : pj[i]) * y[below[i] - 1];
                 yb[j] -= v;
             }
             return;
@@ -228,7 +235,7 @@ struct FactorSolver<T>::Impl {
             for (int i = 0; i < m; ++i)
                 bj[i] = yj[below[i] - 1];
         }
-        blas::gemm('T', 'N', ws, nrhs, m, T(-1), p, ldp, buf, m, T(1), yb, n);
+        blas::gemm(trans, 'N', ws, nrhs, m, T(-1), p, ldp, buf, m, T(1), yb, n);
     }
 
     void forwardNode(int sn, T* buf) {
@@ -289,9 +296,10 @@ struct FactorSolver<T>::Impl {
                 } else {
                     const T* col1 = f.lnz + xlnz[c + 1] - 1;
                     const T d11 = col[off], d21 = col1[off], d22 = col1[off + 1];
-                    const T det = d11 * d22 - d21 * d21;
+                    const T d12 = hermitian ? conjugate(d21) : d21;
+                    const T det = d11 * d22 - d21 * d12;
                     const T u = yj[c - 1], v = yj[c];
-                    yj[c - 1] = (u * d22 - v * d21) / det;
+                    yj[c - 1] = (u * d22 - v * d12) / det;
                     yj[c] = (v * d11 - u * d21) / det;
                     c += 2;
                 }
@@ -308,11 +316,11 @@ struct FactorSolver<T>::Impl {
         const T* L = f.lnz + xlnz[fst] - 1;
         const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
         if (kind == Kind::Cholesky) {
-            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
-            blockSolve(L, hs, ws, fst, 'L', 'T', 'N');
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf, backTrans);
+            blockSolve(L, hs, ws, fst, 'L', backTrans, 'N');
         } else if (kind == Kind::Indefinite) {
-            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf);
-            blockSolve(L, hs, ws, fst, 'L', 'T', 'U');
+            pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf, backTrans);
+            blockSolve(L, hs, ws, fst, 'L', backTrans, 'U');
             undoSwaps(fst, ws, f.rowPivot, true);
         } else if (!transpose) {
             pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, buf);
@@ -381,5 +389,7 @@ void FactorSolver<T>::solve(const T* b, T* x, int partial) {
 
 template class FactorSolver<float>;
 template class FactorSolver<double>;
+template class FactorSolver<std::complex<float>>;
+template class FactorSolver<std::complex<double>>;
 
 } // namespace skyrinse::spds

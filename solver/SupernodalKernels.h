@@ -27,6 +27,8 @@
 // returns its local column. No workspace is borrowed.
 #pragma once
 
+#include "internal/Scalar.h"
+
 namespace skyrinse::spds {
 
 // A 1 x 1 pivot d whose column (the rest of it, inside the block and below
@@ -34,15 +36,15 @@ namespace skyrinse::spds {
 //   d = 0,  or  |d| < growth c        (its multipliers would exceed 1/growth),
 //   or  |d| <= threshold and c > 0    (tiny by the caller's iparm[9]);
 // it becomes +-max(replacement, growth c), by its sign, 0 counting as
-// positive. A small pivot with nothing to eliminate below it causes no growth
-// and stays as it is: that is the last pivot of a nearly singular matrix.
-// Entries below the block are read as the updates of earlier supernodes left
-// them (the block's own columns reach them only in the panel solve).
+// positive (a complex pivot keeps its phase). A small pivot with nothing to eliminate below it
+// causes no growth and stays as it is: that is the last pivot of a nearly singular matrix. Entries
+// below the block are read as the updates of earlier supernodes left them (the block's own columns
+// reach them only in the panel solve).
 template <class T>
 struct PivotRule {
-    T threshold{};
-    T replacement{};
-    T growth{};
+    RealOf<T> threshold{};
+    RealOf<T> replacement{};
+    RealOf<T> growth{};
 };
 
 struct BlockCounts {
@@ -52,7 +54,8 @@ struct BlockCounts {
     int failedColumn = -1; // Cholesky: local column of a pivot that is not positive
 };
 
-// Cholesky of the whole panel: the block becomes L_B, the rows below L_B^-T.
+// Cholesky of the whole panel: the block becomes L_B, the rows below L_B^-H
+// (L_B^-T for real types).
 template <class T>
 BlockCounts choleskyPanel(T* panel, int ld, int w);
 
@@ -61,8 +64,11 @@ BlockCounts choleskyPanel(T* panel, int ld, int w);
 // below become (rows P) L_B^-T D^-1. D stands on the block's diagonal, the
 // off-diagonal entry of a 2 x 2 pivot right of its first column (in the
 // upper triangle), and L below a 2 x 2 pivot is 0.
+// With `hermitian`, L D L^H: the diagonal of D is real, a 2 x 2 pivot is
+// Hermitian (its stored entry is the lower one), and the inertia is counted.
 template <class T>
-BlockCounts ldltPanel(T* panel, int ld, int w, bool bunchKaufman, PivotRule<T> rule, int* pivots);
+BlockCounts ldltPanel(T* panel, int ld, int w, bool bunchKaufman, PivotRule<T> rule, int* pivots,
+                      bool hermitian = false);
 
 // LU of the block with complete pivoting inside it; row interchanges go to
 // rowPivots and to the columns of `upper`, column interchanges to colPivots

@@ -15,6 +15,7 @@ struct SystemRequest {
     const int* ia = nullptr;
     const int* ja = nullptr;
     bool symmetricStorage = false;
+    bool hermitian = false; // the stored triangle's mirror is its conjugate
     bool transpose = false;
     bool solutionInB = false;
 };

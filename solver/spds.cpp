@@ -11,10 +11,12 @@
 #include "Driver.h"
 #include "Handle.h"
 #include "Reports.h"
+#include "internal/Scalar.h"
 
 #include "runtime/nrt.h"
 
 #include <algorithm>
+#include <complex>
 
 namespace skyrinse::spds {
 namespace {
@@ -37,6 +39,16 @@ bool singlePrecisionFor(void* const pt[64], int phase, const int* iparm) {
     const Handle* h = handleOf(pt);
     if (d != 1 && h) return h->singlePrecision;
     return iparm[27] == 1;
+}
+
+// Complex values follow the type the handle was analysed with; an analysis
+// takes the call's type.
+bool complexValuesFor(void* const pt[64], int phase, int mtype) {
+    int d = phase / 10;
+    if (d > 9) d /= 10;
+    const Handle* h = handleOf(pt);
+    if (d != 1 && h && h->mtype != 0) return complexMatrixType(h->mtype);
+    return complexMatrixType(mtype);
 }
 
 // Every row holds exactly its diagonal entry. Other patterns of n entries
@@ -62,14 +74,18 @@ int entry(const CallArgs& args) {
     const bool single = singlePrecisionFor(args.pt, phase, iparm);
 
     if (phase >= 1 && n >= 1 && diagonalPattern(n, args.ia, args.ja)) {
+        const int m = *args.mtype;
+        const int asked = iparm[0] != 1 ? iparm[11] : 0;
+        const bool conjugated =
+            complexMatrixType(m) && (m == 4 || m == -4 ? asked == 2 : asked == 1);
         iparm[11] = -1;
         const int r =
             single ? diagonalPath(*args.mtype, phase, n, static_cast<const float*>(args.a), args.ia,
                                   args.ja, *args.nrhs, iparm, static_cast<float*>(args.b),
-                                  static_cast<float*>(args.x))
+                                  static_cast<float*>(args.x), conjugated)
                    : diagonalPath(*args.mtype, phase, n, static_cast<const double*>(args.a),
                                   args.ia, args.ja, *args.nrhs, iparm, static_cast<double*>(args.b),
-                                  static_cast<double*>(args.x));
+                                  static_cast<double*>(args.x), conjugated);
         if (*args.msglvl > 0) diagonalStatistics(phase);
         return r == 0 ? 0 : kDiagonalFailure;
     }
@@ -84,6 +100,9 @@ int entry(const CallArgs& args) {
             return 0;
     }
     iparm[2] = threads;
+    if (complexValuesFor(args.pt, phase, *args.mtype))
+        return single ? runDriver<std::complex<float>>(args, threads)
+                      : runDriver<std::complex<double>>(args, threads);
     return single ? runDriver<float>(args, threads) : runDriver<double>(args, threads);
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <complex>
 #include <random>
 #include <vector>
 
@@ -209,6 +210,78 @@ TYPED_TEST(DenseKernels, LongSwapIsSplitCorrectlyForEveryStride) {
             ASSERT_EQ(y[at(incy, k)], x0[at(incx, k)]) << incx << ',' << incy << " k=" << k;
         }
     }
+}
+
+// The complex front ends: products with every option (the conjugate ones
+// included) and the conjugate-transposed triangular solves the Hermitian
+// factorization takes, against loops.
+template <typename C>
+class ComplexKernels : public ::testing::Test {};
+using ComplexPrecisions = ::testing::Types<std::complex<float>, std::complex<double>>;
+TYPED_TEST_SUITE(ComplexKernels, ComplexPrecisions);
+
+template <typename C>
+std::vector<C> randomComplex(std::size_t n, unsigned seed) {
+    const auto re = randomVector<double>(n, seed), im = randomVector<double>(n, seed + 100);
+    std::vector<C> v(n);
+    for (std::size_t i = 0; i < n; ++i)
+        v[i] = C(static_cast<typename C::value_type>(re[i]),
+                 static_cast<typename C::value_type>(im[i]));
+    return v;
+}
+
+template <typename C>
+C complexOpAt(const std::vector<C>& a, int ld, char trans, int i, int j) {
+    if (trans == 'N') return a[i + static_cast<std::size_t>(j) * ld];
+    const C v = a[j + static_cast<std::size_t>(i) * ld];
+    return trans == 'C' ? std::conj(v) : v;
+}
+
+TYPED_TEST(ComplexKernels, GemmAndTrsmMatchLoopsForEveryOption) {
+    using C = TypeParam;
+    const double tol = std::is_same_v<C, std::complex<float>> ? 1e-4 : 1e-12;
+    const int m = 5, n = 4, k = 3;
+    const C alpha(1.5, -0.5), beta(-0.5, 0.25);
+    for (char ta : {'N', 'T', 'C'})
+        for (char tb : {'N', 'T', 'C'}) {
+            const int lda = ta == 'N' ? m : k, ldb = tb == 'N' ? k : n;
+            const auto a = randomComplex<C>(static_cast<std::size_t>(lda) * (ta == 'N' ? k : m), 1);
+            const auto b = randomComplex<C>(static_cast<std::size_t>(ldb) * (tb == 'N' ? n : k), 2);
+            auto c = randomComplex<C>(static_cast<std::size_t>(m) * n, 3);
+            const auto c0 = c;
+            if constexpr (std::is_same_v<C, std::complex<float>>)
+                nrt_cgemm(ta, tb, m, n, k, &alpha, a.data(), lda, b.data(), ldb, &beta, c.data(),
+                          m);
+            else
+                nrt_zgemm(ta, tb, m, n, k, &alpha, a.data(), lda, b.data(), ldb, &beta, c.data(),
+                          m);
+            for (int j = 0; j < n; ++j)
+                for (int i = 0; i < m; ++i) {
+                    C sum = 0;
+                    for (int p = 0; p < k; ++p)
+                        sum += complexOpAt(a, lda, ta, i, p) * complexOpAt(b, ldb, tb, p, j);
+                    EXPECT_LE(std::abs(c[i + j * m] - (alpha * sum + beta * c0[i + j * m])), tol)
+                        << ta << tb;
+                }
+        }
+    // X L^H = B on the right, as the Cholesky panel solves it.
+    auto tri = randomComplex<C>(m * m, 4);
+    for (int i = 0; i < m; ++i)
+        tri[i + i * m] = C(3 + i, 1);
+    auto x = randomComplex<C>(n * m, 5);
+    const auto x0 = x;
+    const C one(1);
+    if constexpr (std::is_same_v<C, std::complex<float>>)
+        nrt_ctrsm('R', 'L', 'C', 'N', n, m, &one, tri.data(), m, x.data(), n);
+    else
+        nrt_ztrsm('R', 'L', 'C', 'N', n, m, &one, tri.data(), m, x.data(), n);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < m; ++j) {
+            C sum = 0; // (X L^H)(i, j) = sum over p <= j of X(i, p) conj(L(j, p))
+            for (int p = 0; p <= j; ++p)
+                sum += x[i + p * n] * std::conj(tri[j + p * m]);
+            EXPECT_LE(std::abs(sum - x0[i + j * n]), 10 * tol);
+        }
 }
 
 TEST(DenseKernelParameters, BadArgumentsAreReportedAndChangeNothing) {

@@ -1,5 +1,6 @@
 // Matrix Market reading of spds-solve: the CSR handed to spds for each
-// matrix type, and one damaged file per row refused with a message.
+// matrix type (real and complex), and one damaged file per row refused with a
+// message.
 #include "MatrixMarket.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,29 @@ TEST(MatrixMarket, WrittenFileReadsBack) {
     EXPECT_EQ(back.values, t.values);
 }
 
+const char* kHermitian = "%%MatrixMarket matrix coordinate complex hermitian\n"
+                         "2 2 3\n"
+                         "1 1 4 0\n"
+                         "2 1 1 2\n"
+                         "2 2 5 0\n";
+
+// The lower entry (2,1) = 1+2i stands for (1,2) = 1-2i: the upper triangle of
+// the Hermitian types holds the conjugate, the full pattern both.
+TEST(MatrixMarket, HermitianFileConjugatesTheMirroredEntries) {
+    using Z = std::complex<double>;
+    skyrinse::mm::Triplets t;
+    std::string message;
+    ASSERT_TRUE(skyrinse::mm::read(writeFile("herm", kHermitian), t, message)) << message;
+    EXPECT_TRUE(t.complex && t.hermitian && t.symmetric);
+    const skyrinse::mm::Csr upper = skyrinse::mm::toCsr(t, -4);
+    EXPECT_EQ(upper.ja, (std::vector<int>{1, 2, 2}));
+    EXPECT_EQ(upper.z, (std::vector<Z>{{4, 0}, {1, -2}, {5, 0}}));
+    EXPECT_TRUE(upper.a.empty());
+    const skyrinse::mm::Csr full = skyrinse::mm::toCsr(t, 13);
+    EXPECT_EQ(full.ja, (std::vector<int>{1, 2, 1, 2}));
+    EXPECT_EQ(full.z, (std::vector<Z>{{4, 0}, {1, -2}, {1, 2}, {5, 0}}));
+}
+
 struct BrokenFile {
     const char* what;
     const char* text;
@@ -61,7 +85,8 @@ struct BrokenFile {
 
 const BrokenFile kBroken[] = {
     {"no banner", "3 3 1\n1 1 1\n"},
-    {"complex field", "%%MatrixMarket matrix coordinate complex general\n1 1 1\n1 1 1 0\n"},
+    {"imaginary part missing", "%%MatrixMarket matrix coordinate complex general\n1 1 1\n1 1 1\n"},
+    {"hermitian real", "%%MatrixMarket matrix coordinate real hermitian\n1 1 1\n1 1 1\n"},
     {"skew symmetry", "%%MatrixMarket matrix coordinate real skew-symmetric\n2 2 1\n2 1 1\n"},
     {"not square", "%%MatrixMarket matrix coordinate real general\n2 3 1\n1 1 1\n"},
     {"entry outside", "%%MatrixMarket matrix coordinate real general\n2 2 1\n3 1 1\n"},

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <map>
 #include <sstream>
+#include <type_traits>
 
 namespace skyrinse::mm {
 
@@ -29,12 +30,15 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
         message = path + ": not a Matrix Market coordinate matrix";
         return false;
     }
-    if (field != "real" && field != "integer" && field != "pattern") {
-        message = path + ": field '" + field + "' is not supported (real, integer, pattern)";
+    if (field != "real" && field != "integer" && field != "pattern" && field != "complex") {
+        message =
+            path + ": field '" + field + "' is not supported (real, integer, pattern, complex)";
         return false;
     }
-    if (symmetry != "general" && symmetry != "symmetric") {
-        message = path + ": symmetry '" + symmetry + "' is not supported (general, symmetric)";
+    const bool complex = field == "complex";
+    if (symmetry != "general" && symmetry != "symmetric" && !(complex && symmetry == "hermitian")) {
+        message = path + ": symmetry '" + symmetry + "' is not supported (general, symmetric" +
+                  (complex ? ", hermitian)" : ")");
         return false;
     }
     while (std::getline(in, line))
@@ -47,7 +51,9 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
     }
     out = Triplets{};
     out.n = static_cast<int>(rows);
-    out.symmetric = symmetry == "symmetric";
+    out.symmetric = symmetry != "general";
+    out.complex = complex;
+    out.hermitian = symmetry == "hermitian";
     const bool pattern = field == "pattern";
     // The entries are read in one piece and parsed in place: a stream
     // extraction per number costs more than the whole analysis.
@@ -84,10 +90,11 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
     out.rows.reserve(static_cast<std::size_t>(entries));
     out.cols.reserve(static_cast<std::size_t>(entries));
     out.values.reserve(static_cast<std::size_t>(entries));
+    if (complex) out.imag.reserve(static_cast<std::size_t>(entries));
     for (long long k = 0; k < entries; ++k) {
         long long i = 0, j = 0;
-        double v = 1.0;
-        if (!number(i) || !number(j) || (!pattern && !number(v))) {
+        double v = 1.0, w = 0.0;
+        if (!number(i) || !number(j) || (!pattern && !number(v)) || (complex && !number(w))) {
             message = path + ": entry " + std::to_string(k + 1) + " is missing or malformed";
             return false;
         }
@@ -98,6 +105,7 @@ bool read(const std::string& path, Triplets& out, std::string& message) {
         out.rows.push_back(static_cast<int>(i));
         out.cols.push_back(static_cast<int>(j));
         out.values.push_back(v);
+        if (complex) out.imag.push_back(w);
     }
     return true;
 }
@@ -118,47 +126,73 @@ bool write(const std::string& path, const Triplets& t, std::string& message) {
     return ok;
 }
 
-Csr toCsr(const Triplets& t, int mtype) {
+namespace {
+
+// The rows of the CSR in values of type V (double, or complex for a complex
+// file); conj mirrors an entry of a Hermitian file.
+template <class V>
+void fill(const Triplets& t, int mtype, std::vector<int>& ia, std::vector<int>& ja,
+          std::vector<V>& a) {
     const bool upper = (mtype < 0 ? -mtype : mtype) % 2 == 0;
     const int n = t.n;
-    std::vector<std::vector<std::pair<int, double>>> rows(static_cast<std::size_t>(n));
-    auto add = [&](int i, int j, double v) {
-        rows[static_cast<std::size_t>(i - 1)].push_back({j, v});
+    std::vector<std::vector<std::pair<int, V>>> rows(static_cast<std::size_t>(n));
+    auto add = [&](int i, int j, V v) { rows[static_cast<std::size_t>(i - 1)].push_back({j, v}); };
+    auto mirror = [&](V v) {
+        if constexpr (std::is_same_v<V, double>)
+            return v;
+        else
+            return t.hermitian ? std::conj(v) : v;
     };
     for (std::size_t k = 0; k < t.values.size(); ++k) {
         int i = t.rows[k], j = t.cols[k];
-        const double v = t.values[k];
+        V v;
+        if constexpr (std::is_same_v<V, double>)
+            v = t.values[k];
+        else
+            v = V(t.values[k], t.imag[k]);
         if (upper) {
-            if (i > j) std::swap(i, j);
+            if (i > j) {
+                std::swap(i, j);
+                v = mirror(v);
+            }
             add(i, j, v);
         } else {
             add(i, j, v);
-            if (t.symmetric && i != j) add(j, i, v);
+            if (t.symmetric && i != j) add(j, i, mirror(v));
         }
     }
-    Csr c;
-    c.n = n;
-    c.ia.reserve(static_cast<std::size_t>(n) + 1);
-    c.ia.push_back(1);
+    ia.reserve(static_cast<std::size_t>(n) + 1);
+    ia.push_back(1);
     for (int i = 1; i <= n; ++i) {
         auto& r = rows[static_cast<std::size_t>(i - 1)];
         // Symmetric factorizations pivot on the diagonal: it must be stored.
-        if (upper) r.push_back({i, 0.0});
+        if (upper) r.push_back({i, V(0)});
         std::sort(r.begin(), r.end(),
                   [](const auto& x, const auto& y) { return x.first < y.first; });
         for (std::size_t k = 0; k < r.size(); ++k) {
-            if (!c.ja.empty() && static_cast<int>(c.ja.size()) >= c.ia.back() &&
-                c.ja.back() == r[k].first) {
-                c.a.back() += r[k].second;
+            if (!ja.empty() && static_cast<int>(ja.size()) >= ia.back() &&
+                ja.back() == r[k].first) {
+                a.back() += r[k].second;
                 continue;
             }
-            c.ja.push_back(r[k].first);
-            c.a.push_back(r[k].second);
+            ja.push_back(r[k].first);
+            a.push_back(r[k].second);
         }
-        c.ia.push_back(static_cast<int>(c.ja.size()) + 1);
+        ia.push_back(static_cast<int>(ja.size()) + 1);
         r.clear();
         r.shrink_to_fit();
     }
+}
+
+} // namespace
+
+Csr toCsr(const Triplets& t, int mtype) {
+    Csr c;
+    c.n = t.n;
+    if (t.complex)
+        fill(t, mtype, c.ia, c.ja, c.z);
+    else
+        fill(t, mtype, c.ia, c.ja, c.a);
     return c;
 }
 

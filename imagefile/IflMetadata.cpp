@@ -169,12 +169,12 @@ Exiv2Warnings::~Exiv2Warnings() {
     warningSink = previous;
 }
 
-void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetadata& out,
-                  std::vector<std::string>& warnings) {
+void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO::ImageSpec& spec,
+                  IflMetadata& out, std::vector<std::string>& warnings) {
     Exiv2Warnings capture(warnings);
     Exiv2::Image::AutoPtr image;
     try {
-        image = Exiv2::ImageFactory::open(path, false);
+        image = open();
     } catch (const Exiv2::AnyError&) {
         // Not a format Exiv2 reads: the decoder's attributes are all there is.
         metadataFromAttributes(spec, out, warnings);

@@ -224,6 +224,7 @@ IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParam
                 return fail(info, IFL_ERROR_FILE_OPEN, std::strerror(errno));
             if (S_ISDIR(st.st_mode)) return fail(info, IFL_ERROR_FILE_OPEN, "it is a folder");
             if (!S_ISREG(st.st_mode)) return fail(info, IFL_ERROR_FILE_OPEN, "not a regular file");
+            if (st.st_size == 0) return fail(info, IFL_ERROR_UNKNOWN_FORMAT, "the file is empty");
             std::vector<std::uint8_t> head(std::min<std::uint64_t>(st.st_size, 1 << 20));
             const ssize_t got = ::pread(fd.get(), head.data(), head.size(), 0);
             std::string detail;

@@ -167,6 +167,15 @@ int ZHazeOne2One::targetDepth(int bitDepth) {
     return 32;
 }
 
+qint64 ZHazeOne2One::runBytesPerPixel(int channelCount, int bitDepth) {
+    // The working copy W (RGBA float, 16 bytes), the depth map (4 bytes), the
+    // source as the host holds it and the output O in its target format.
+    const int sourceBytes = std::max(1, channelCount) * ((std::max(1, bitDepth) + 7) / 8);
+    const int outputBytes =
+        ZImage::ComponentsOfType(targetType(channelCount)) * targetDepth(bitDepth) / 8;
+    return 16 + 4 + sourceBytes + outputBytes;
+}
+
 void ZHazeOne2One::runHazeRemoval(ZImage& image, HazeSettings* settings) const {
     ::runHazeRemoval(image, *settings);
 }
@@ -181,6 +190,17 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     const bool forcesTiff = image->forcesTiff();
     outputPath = outputPathFor(sourcePath, forcesTiff);
     const QString format = QFileInfo(outputPath).suffix();
+
+    // What would make the run end without a file is found before the work:
+    // an unknown format, a folder that cannot be written, too little memory.
+    // A source whose header cannot be read has no size; acquiring it below
+    // says why.
+    const qint64 pixels = qint64{image->width()} * image->height();
+    if (pixels > 0) {
+        CheckBeforeSave(outputPath, format, Z_LOCATION);
+        CheckForMemory(pixels * runBytesPerPixel(image->channelCount(), image->bitDepth()),
+                       sourcePath, Z_LOCATION);
+    }
 
     ZImage working;
     {

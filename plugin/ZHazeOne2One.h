@@ -55,6 +55,8 @@ public:
     // Colour type and depth of the output for the source's channels and bits.
     static int targetType(int channelCount);
     static int targetDepth(int bitDepth);
+    // Bytes per pixel that a run holds at its peak, for the memory check.
+    static qint64 runBytesPerPixel(int channelCount, int bitDepth);
 
     const QMap<ZIHostImage*, HazeSettings*>& settingsMap() const { return m_settingsMap; }
 

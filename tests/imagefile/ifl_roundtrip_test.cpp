@@ -236,7 +236,9 @@ TEST(IflFormats, ADepthTheFormatCannotHoldIsABadBitmapAndWritesNothing) {
         FAIL() << "a float picture was written as PNG";
     } catch (const ZException& e) {
         EXPECT_EQ(QString::fromStdString(e.what()),
-                  QStringLiteral("Error IFL : \"IFL_ERROR_BAD_BITMAP\"\nFile : \"%1\"").arg(path));
+                  QStringLiteral("Error IFL : \"IFL_ERROR_BAD_BITMAP\"\nFile : \"%1\"\nReason : "
+                                 "png files do not hold 32-bit components")
+                      .arg(path));
     }
     EXPECT_TRUE(entries(folder.path()).isEmpty());
 }

@@ -123,10 +123,29 @@ void unassociate(IflBitmap& b) {
     }
 }
 
+// Bytes that OpenEXR reads for a value of a type of fixed size, or -1 when it
+// reads the declared size (strings, vectors, types it does not know).
+int exrFixedSize(const std::string& type) {
+    static const std::pair<const char*, int> sizes[] = {
+        {"box2i", 16},      {"box2f", 16},   {"chromaticities", 32},
+        {"compression", 1}, {"double", 8},   {"envmap", 1},
+        {"float", 4},       {"int", 4},      {"keycode", 28},
+        {"lineOrder", 1},   {"m33f", 36},    {"m33d", 72},
+        {"m44f", 64},       {"m44d", 128},   {"rational", 8},
+        {"tiledesc", 9},    {"timecode", 8}, {"v2i", 8},
+        {"v2f", 8},         {"v2d", 16},     {"v3i", 12},
+        {"v3f", 12},        {"v3d", 24},     {"deepImageState", 1}};
+    for (const auto& [name, size] : sizes)
+        if (type == name) return size;
+    return -1;
+}
+
 // OpenEXR takes an attribute's declared size on trust and allocates it before
 // reading: a 1 KiB file that declares a 2 GiB attribute costs 2 GiB and
-// seconds. The headers are walked first, and a size past the end of the file
-// is refused. `head` holds the first bytes of a file of `fileSize` bytes.
+// seconds. The headers are walked first, the way OpenEXR reads them (a
+// channel list up to its empty name, a preview by its own size, fixed types
+// by their size, the rest by the declared one), and a size past the end of
+// the file is refused. `head` holds the first bytes of a file of `fileSize`.
 bool exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_t fileSize,
                    std::string& detail) {
     if (available < 8 || head[0] != 0x76 || head[1] != 0x2f || head[2] != 0x31 || head[3] != 0x01)
@@ -141,23 +160,48 @@ bool exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_
         ++at;
         return true;
     };
+    auto readInt = [&](std::int64_t& out) {
+        if (at + 4 > available) return false;
+        out = static_cast<std::int32_t>(std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
+                                        std::uint32_t{head[at + 2]} << 16 |
+                                        std::uint32_t{head[at + 3]} << 24);
+        at += 4;
+        return true;
+    };
+    auto tooLarge = [&](const std::string& name, std::int64_t size) {
+        detail = "the EXR attribute \"" + name + "\" declares " + std::to_string(size) +
+                 " bytes, more than the file holds";
+        return false;
+    };
     for (int header = 0; header < 64; ++header) {
         std::string name, type;
-        for (int attribute = 0;; ++attribute) {
+        for (;;) {
             if (!readName(name)) return true; // past what was read: OpenEXR decides
             if (name.empty()) break;
-            if (!readName(type) || at + 4 > available) return true;
-            const std::int32_t size = static_cast<std::int32_t>(
-                std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
-                std::uint32_t{head[at + 2]} << 16 | std::uint32_t{head[at + 3]} << 24);
-            at += 4;
-            if (size < 0 ||
-                std::uint64_t(size) > fileSize - std::min<std::uint64_t>(at, fileSize)) {
-                detail = "the EXR attribute \"" + name + "\" declares " + std::to_string(size) +
-                         " bytes, more than the file holds";
-                return false;
+            std::int64_t size = 0;
+            if (!readName(type) || !readInt(size)) return true;
+            const std::uint64_t left = fileSize - std::min<std::uint64_t>(at, fileSize);
+            if (size < 0 || std::uint64_t(size) > left) return tooLarge(name, size);
+            if (type == "chlist") {
+                std::string channel;
+                for (;;) {
+                    if (!readName(channel)) return true;
+                    if (channel.empty()) break;
+                    at += 16;
+                }
+            } else if (type == "preview") {
+                std::int64_t width = 0, height = 0;
+                if (!readInt(width) || !readInt(height)) return true;
+                const std::uint64_t bytes =
+                    4 * std::uint64_t(std::uint32_t(width)) * std::uint64_t(std::uint32_t(height));
+                if (bytes > fileSize - std::min<std::uint64_t>(at, fileSize))
+                    return tooLarge(name, static_cast<std::int64_t>(bytes));
+                at += static_cast<std::size_t>(bytes);
+            } else if (const int fixed = exrFixedSize(type); fixed >= 0) {
+                at += static_cast<std::size_t>(fixed);
+            } else {
+                at += static_cast<std::size_t>(size);
             }
-            at += static_cast<std::size_t>(size);
         }
         if (!multipart) return true;
         if (at < available && head[at] == 0) return true; // the empty header ends the list

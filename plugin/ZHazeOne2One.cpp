@@ -155,6 +155,12 @@ QString ZHazeOne2One::outputPathFor(const QString& sourcePath, bool forcesTiff) 
            QLatin1Char('.') + suffix;
 }
 
+QString ZHazeOne2One::outputPath(const QString& sourcePath) {
+    ZIApplication* host = ZIApplication::instance();
+    ZIHostImage* image = host ? host->image(sourcePath) : nullptr;
+    return outputPathFor(sourcePath, image && image->forcesTiff());
+}
+
 int ZHazeOne2One::targetType(int channelCount) {
     if (channelCount == 1) return ZImage::Gray;
     if (channelCount == 3) return ZImage::RGB;

@@ -45,6 +45,7 @@ public:
                       QString& outputPath) override;
     void configureImages(const QStringList& paths) override;
     QDomElement settingsElement(const QString& path) override;
+    QString outputPath(const QString& sourcePath) override;
 
     // The whole haze algorithm on a float RGBA image, in place.
     void runHazeRemoval(ZImage& image, HazeSettings* settings) const;

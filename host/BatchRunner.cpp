@@ -7,6 +7,7 @@
 #include "imagefile/Ifl.h"
 #include "plugin/ZIPluginLibrary.h"
 #include "plugin/ZIPluginOne2One.h"
+#include "runtime/nrt.h"
 
 #include <QDir>
 #include <QDomDocument>
@@ -217,6 +218,12 @@ int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& file
         report(QCoreApplication::translate("main", "strength %1%, %2 thread(s)")
                    .arg(strength)
                    .arg(app.threadFactorA() * app.threadFactorB()));
+        char why[256];
+        const int granted =
+            nrt_explain_threads(app.threadFactorA() * app.threadFactorB(), why, sizeof why);
+        report(QCoreApplication::translate("main", "solver granted %1 thread(s): %2")
+                   .arg(granted)
+                   .arg(QString::fromUtf8(why)));
     }
 
     installSignalCleanup();

@@ -1,6 +1,7 @@
 // skyrinse: removes the haze from photographs through the haze plug-in.
 //
 //   skyrinse [--strength N] [--threads N] [--overwrite] [--verbose] FILE...
+//   skyrinse --gui [FILE...]            (the desktop wizard, host/GuiMain.cpp)
 //
 // Each FILE is written as FILE_dehazed.<suffix> beside it, in the same format
 // and depth, with its metadata; an existing output is kept unless --overwrite.
@@ -9,6 +10,7 @@
 // that cannot be run (bad option, no file, two files with one output).
 #include "ZImage/ZFileName.h"
 #include "host/BatchRunner.h"
+#include "host/GuiMain.h"
 #include "host/PluginHost.h"
 #include "host/SkyrinseApplication.h"
 
@@ -16,6 +18,8 @@
 #include <cstdio>
 
 int main(int argc, char** argv) {
+    // Only the wizard needs a display; the console batch never makes one.
+    if (wantsGui(argc, argv)) return runGui(argc, argv);
     SkyrinseApplication app(argc, argv);
     app.setApplicationVersion(QStringLiteral(SKYRINSE_VERSION));
 
@@ -46,7 +50,11 @@ int main(int argc, char** argv) {
         QStringLiteral("overwrite"),
         QCoreApplication::translate("main", "Replace outputs that exist already (without it they "
                                             "are kept and their sources reported as failed)."));
-    parser.addOptions({strength, threads, verbose, plugin, overwrite});
+    const QCommandLineOption gui(
+        QStringLiteral("gui"),
+        QCoreApplication::translate("main", "Show the desktop wizard instead, with a live "
+                                            "preview (needs a display)."));
+    parser.addOptions({strength, threads, verbose, plugin, overwrite, gui});
     parser.addPositionalArgument(QStringLiteral("FILE"),
                                  QCoreApplication::translate("main", "Photographs to dehaze."),
                                  QStringLiteral("FILE..."));

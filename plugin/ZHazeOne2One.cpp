@@ -4,7 +4,9 @@
 #include "ZImage/ZImageHaze.h"
 #include "plugin/PluginInfo.h"
 #include "plugin/ZIApplication.h"
+#include "ui/UIHazePage.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QDomDocument>
 #include <QFileInfo>
@@ -37,6 +39,9 @@ ZHazeOne2One::ZHazeOne2One(QObject* parent) : QObject(parent) {
 }
 
 ZHazeOne2One::~ZHazeOne2One() {
+    // A page that no wizard took is still ours; one that a wizard took goes
+    // with the wizard, which a host closes before it unloads the plug-in.
+    if (m_page && !m_page->parent()) delete m_page.data();
     clearSettingsMap();
     freeSettings(m_defaultSettings);
 }
@@ -75,8 +80,15 @@ QIcon ZHazeOne2One::beforeAfterIcon() const {
 }
 
 QWizardPage* ZHazeOne2One::wizardPage() {
-    // The interactive page with its preview belongs to the wizard, which is
-    // not part of this build yet; hosts fall back to the command line.
+    // Widgets need a QApplication; a host without one gets no page rather
+    // than a crash.
+    if (!qobject_cast<QApplication*>(QCoreApplication::instance())) return nullptr;
+    if (!m_page) {
+        auto* page = new UIHazePage(this, nullptr);
+        m_page = page;
+        // Images configured before the page was asked for.
+        if (!m_settingsMap.isEmpty()) page->setImages(m_settingsMap);
+    }
     return m_page.data();
 }
 
@@ -126,6 +138,9 @@ void ZHazeOne2One::clearSettingsMap() {
 }
 
 void ZHazeOne2One::configureImages(const QStringList& paths) {
+    // The page lets go of the old records before they are released.
+    auto* page = qobject_cast<UIHazePage*>(m_page.data());
+    if (page) page->setImages({});
     clearSettingsMap();
     ZIApplication* host = ZIApplication::instance();
     if (!host) return;
@@ -136,6 +151,7 @@ void ZHazeOne2One::configureImages(const QStringList& paths) {
             freeSettings(old); // the same file listed twice keeps one record
         m_settingsMap.insert(image, loadSettings(QDomElement()));
     }
+    if (page) page->setImages(m_settingsMap);
 }
 
 QDomElement ZHazeOne2One::settingsElement(const QString& path) {

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <mutex>
 #include <string_view>
 
@@ -38,6 +39,7 @@ struct Record {
     ThreadFields fields;              // published by env_pending
     std::atomic<int> num_threads{-1}; // the one field that changes later
     std::atomic<int> env_pending{1};
+    std::atomic<bool> set_by_caller{false};
     std::atomic<long long> domain_queries{0};
 };
 
@@ -60,10 +62,15 @@ void ensureInitialised() {
     const Topology topology = probeTopology();
     f.physical_cores = topology.physical_cores;
     f.logical_cpus = topology.logical_cpus;
+    f.mask_cores = topology.mask_cores;
+    f.machine_cores = topology.machine_cores;
+    f.quota_millicpus = topology.quota_millicpus;
     if (topology.packages > 0) {
+        // The hardware, not the quota, decides these two.
+        const int cores = topology.mask_cores > 0 ? topology.mask_cores : f.physical_cores;
         f.packages = topology.packages;
-        f.cores_per_package = f.physical_cores / f.packages;
-        f.hyperthreaded = f.physical_cores == f.logical_cpus ? 0 : 1;
+        f.cores_per_package = cores / f.packages;
+        f.hyperthreaded = cores == f.logical_cpus ? 0 : 1;
     }
     f.env_pending = 0;
 
@@ -77,6 +84,7 @@ ThreadFields currentFields() {
     Record& r = record();
     ThreadFields f = r.fields;
     f.num_threads = r.num_threads.load(std::memory_order_relaxed);
+    if (r.set_by_caller.load(std::memory_order_relaxed)) f.num_threads_origin = kOriginCaller;
     return f;
 }
 
@@ -115,14 +123,20 @@ void parseDomainList(ThreadFields& fields, std::string_view text) {
             field = &fields.domain_fft;
         else if (key == "NRT_VEC")
             field = &fields.domain_vml;
-        if (field != nullptr && value >= 1 && *field < 0) *field = value;
+        if (field != nullptr && value >= 1 && *field < 0) {
+            *field = value;
+            if (field == &fields.num_threads) fields.num_threads_origin = kOriginDomainList;
+        }
     }
 }
 
 void applyThreadEnvironment(ThreadFields& f, const EnvironmentLookup& lookup) {
     if (const auto text = lookup("NRT_NUM_THREADS")) {
         const int value = threadCountValue(*text);
-        if (value >= 1 && f.num_threads < 0) f.num_threads = value;
+        if (value >= 1 && f.num_threads < 0) {
+            f.num_threads = value;
+            f.num_threads_origin = kOriginVariable;
+        }
     }
 
     if (const auto text = lookup("NRT_DOMAIN_NUM_THREADS")) parseDomainList(f, *text);
@@ -219,6 +233,7 @@ extern "C" void nrt_set_num_threads(int n) {
     // overwritten by the environment step's copy of the field.
     std::lock_guard guard(runtimeLock());
     record().num_threads.store(n, std::memory_order_relaxed);
+    record().set_by_caller.store(true, std::memory_order_relaxed);
 }
 
 extern "C" int nrt_get_dynamic(void) {
@@ -227,4 +242,19 @@ extern "C" int nrt_get_dynamic(void) {
 
 extern "C" int nrt_physical_cores(void) {
     return currentFields().physical_cores;
+}
+
+extern "C" int nrt_explain_threads(int request, char* text, size_t size) {
+    ThreadFields f = currentFields();
+    if (request >= 1) {
+        f.num_threads = request;
+        f.num_threads_origin = kOriginCaller;
+    }
+    const ThreadGrant grant = explainThreadCount(f, omp_get_max_threads());
+    if (text != nullptr && size > 0) {
+        const std::size_t length = std::min(size - 1, grant.reason.size());
+        std::memcpy(text, grant.reason.data(), length);
+        text[length] = '\0';
+    }
+    return grant.threads;
 }

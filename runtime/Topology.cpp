@@ -1,15 +1,17 @@
 // Topology probe: how many distinct physical cores the process may run on.
 //
+// The processors that count are those of the process's affinity mask, since a
+// process confined by taskset, a container's cpuset or a batch scheduler's
+// binding can run nowhere else; hardware threads of one core count once. A
+// cgroup CPU quota lowers the count further, rounded up.
+//
 // Linux publishes each processor's core and package in sysfs, for every x86
 // vendor and beyond, so that is read first. Where sysfs is missing (some
-// containers mask it) the calling thread is moved onto each processor in turn
-// and asks the processor itself for its x2APIC or initial APIC id, which the
-// core and package widths of the identification leaves split into ids.
-//
-// A process confined to a strict subset of the online processors (taskset,
-// cgroup cpusets) reports one core: the library then assumes that whoever
-// confined it also decided its threading, and stays out of the way unless
-// asked for more with an explicit count or NRT_DYNAMIC=false.
+// containers mask it) the calling thread is moved onto each processor of the
+// mask in turn and asks the processor itself for its x2APIC or initial APIC
+// id, which the core and package widths of the identification leaves split
+// into ids; the thread's own mask is restored afterwards, and the process's
+// mask is never changed.
 
 #include "runtime/internal/Cpuid.h"
 #include "runtime/internal/ThreadControl.h"
@@ -118,6 +120,24 @@ bool readSysfsId(int cpu, const char* name, int& value) {
     return static_cast<bool>(file >> value);
 }
 
+// A core is named by the lowest processor among its hardware threads, which
+// stays unique where core_id repeats across the dies of one package.
+bool readCoreOf(int cpu, int& core) {
+    for (const char* list : {"core_cpus_list", "thread_siblings_list"}) {
+        std::ifstream file("/sys/devices/system/cpu/cpu" + std::to_string(cpu) + "/topology/" +
+                           list);
+        std::string text;
+        if (file && std::getline(file, text)) {
+            const std::vector<int> siblings = parseCpuList(text);
+            if (!siblings.empty()) {
+                core = *std::min_element(siblings.begin(), siblings.end());
+                return true;
+            }
+        }
+    }
+    return readSysfsId(cpu, "core_id", core);
+}
+
 int bitWidth(unsigned count) noexcept {
     // Bits needed for ids 0 .. count-1.
     int width = 0;
@@ -204,27 +224,42 @@ Topology countTopology(std::span<const ProcessorPlace> visited) {
 }
 
 Topology probeTopology(TopologySource source) {
-    const Topology confined; // one core, nothing else known
+    Topology topology; // one core, nothing else known
 
     const std::unique_ptr<CpuSet> mask = processMask();
-    if (!mask) return confined;
+    if (!mask) return topology;
     const std::vector<int> online = onlineProcessors();
-    if (mask->members() != online) return confined;
 
-    std::vector<ProcessorPlace> places;
-    places.reserve(online.size());
+    std::vector<ProcessorPlace> machine;
+    std::vector<ProcessorPlace> allowed;
+    bool fromSysfs = source == TopologySource::Sysfs;
     for (int cpu : online) {
+        if (!fromSysfs) break;
         ProcessorPlace place;
-        if (source == TopologySource::Processor ||
-            !readSysfsId(cpu, "physical_package_id", place.package) ||
-            !readSysfsId(cpu, "core_id", place.core)) {
-            places = probeWithCpuid(online, mask->count());
-            break;
-        }
-        places.push_back(place);
+        fromSysfs =
+            readSysfsId(cpu, "physical_package_id", place.package) && readCoreOf(cpu, place.core);
+        machine.push_back(place);
+        if (mask->has(cpu)) allowed.push_back(place);
     }
-    if (places.empty()) return confined;
-    return countTopology(places);
+    if (!fromSysfs) {
+        // The processor can only be asked where the thread may go, so the
+        // machine's own count stays unknown.
+        std::vector<int> cpus;
+        for (int cpu : online)
+            if (mask->has(cpu)) cpus.push_back(cpu);
+        allowed = probeWithCpuid(cpus, mask->count());
+        machine.clear();
+    }
+    if (allowed.empty()) return topology;
+
+    topology = countTopology(allowed);
+    topology.mask_cores = topology.physical_cores;
+    if (!machine.empty()) topology.machine_cores = countTopology(machine).physical_cores;
+    topology.quota_millicpus = cgroupCpuQuota();
+    if (topology.quota_millicpus > 0)
+        topology.physical_cores =
+            std::min(topology.physical_cores, (topology.quota_millicpus + 999) / 1000);
+    return topology;
 }
 
 } // namespace nrt::detail

@@ -45,9 +45,18 @@ int nrt_domain_get_max_threads(int domain);
 void nrt_set_num_threads(int n);
 /* 1 if the library may reduce the thread count (the default), 0 if not. */
 int nrt_get_dynamic(void);
-/* Distinct physical cores available to the process (1 when the process is
- * restricted to a subset of the online processors). */
+/* Distinct physical cores available to the process: those of its affinity
+ * mask (hardware threads of one core count once), lowered to its cgroup CPU
+ * quota rounded up. */
 int nrt_physical_cores(void);
+/* The count nrt_get_max_threads gives outside a parallel region, with the
+ * reason in one line of English: the affinity mask, the CPU quota, a
+ * variable, the program's request. A request above 0 answers as if
+ * nrt_set_num_threads(request) had been called, without calling it, so that a
+ * program can say what a count it is about to pass on will give. The reason is
+ * copied into text, truncated to size bytes with the terminating zero; text
+ * may be null when size is 0. */
+int nrt_explain_threads(int request, char* text, size_t size);
 
 /* ---- Processor detection ----------------------------------------------- */
 

@@ -15,11 +15,13 @@
 #include "MatrixCheck.h"
 #include "NumericFactorization.h"
 #include "Ordering.h"
+#include "Reports.h"
 #include "SymbolicFactorization.h"
 
 #include "runtime/nrt.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -123,9 +125,15 @@ private:
         return rq;
     }
     int exit();
+    ReportCall reportCall() const;
+    void markTimers() {
+        if (h) m_timersAtEntry = h->timers;
+    }
 
     const CallArgs& a;
     int m_threads;
+    double m_entry = nrt_seconds();
+    std::array<double, kTimeCount> m_timersAtEntry{};
     Handle* h = nullptr;
     int phase = 0;
     int status = 0;
@@ -237,7 +245,7 @@ void Call<T>::analyse() {
                                           &h->timers[kTimeOrdering]),
                         &h->memory);
     if (matched.error != 0) {
-        reportMatchingFailure(matched, n, *a.msglvl);
+        reportMatchingFailure(matched);
         status = matched.error;
         internal = matched.internalCode;
         return;
@@ -336,6 +344,7 @@ int Call<T>::run() {
     const int lastDigit = stagePhase >= 10 ? stagePhase % 10 : stagePhase;
 
     h = handleOf(a.pt);
+    markTimers();
     bool created = false;
     if (!h) {
         if (phase == -1) return 0;
@@ -364,8 +373,12 @@ int Call<T>::run() {
         const int freed = h->liveFactors();
         if (phase == -1) {
             destroyHandle(a.pt);
-            if (*a.msglvl > 0)
-                std::printf(" cleaned memory, deleted number of L&U-factorizations: %d\n\n", freed);
+            h = nullptr;
+            if (*a.msglvl > 0) {
+                ReportCall rc = reportCall();
+                rc.freedFactors = freed;
+                spds_statistics(rc, nullptr, 0.0);
+            }
             return 0;
         }
         h->releaseNumericAndAnalysis();
@@ -381,6 +394,7 @@ int Call<T>::run() {
         return exit();
     }
     if (firstDigit == 1) resetForAnalysis();
+    markTimers();
 
     const int check = argumentCheck();
     if (check != 0) {
@@ -614,17 +628,36 @@ int Call<T>::exit() {
     int error = status;
     if (status < 0) {
         if (phase < 0) {
-            std::printf("*** SPDS error: internal error\n");
-            std::fflush(stdout);
+            spds_message(0, 774, 0);
         } else if (*a.msglvl != 0) {
-            // The report names a memory-size code below 0 as unclassified.
-            if (status == kStatusParameters && internal < 0) error = -7;
+            error = spds_error_report(reportCall());
         } else if (status == kStatusParameters) {
             error = -7;
         }
     }
+    if (*a.msglvl > 0 && phase >= 0) spds_statistics(reportCall(), h, nrt_seconds() - m_entry);
     if (h && phase >= 0) h->status = 0;
     return error;
+}
+
+template <class T>
+ReportCall Call<T>::reportCall() const {
+    ReportCall rc;
+    rc.handle = h;
+    rc.phase = phase;
+    rc.maxfct = *a.maxfct;
+    rc.mnum = *a.mnum;
+    rc.mtype = *a.mtype;
+    rc.n = *a.n;
+    // ia[n] was read by the checks before any report that shows it.
+    rc.iaLast = (a.ia && rc.n >= 1 && internal != 7) ? a.ia[rc.n] : 0;
+    rc.nrhs = *a.nrhs;
+    rc.iparm = a.iparm;
+    rc.status = status;
+    rc.internal = internal;
+    rc.threads = m_threads;
+    rc.timersAtEntry = m_timersAtEntry;
+    return rc;
 }
 
 } // namespace

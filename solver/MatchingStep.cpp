@@ -6,13 +6,13 @@
 // a failure half-way must not leave them shifted.
 #include "MatchingStep.h"
 
+#include "Messages.h"
 #include "Ordering.h"
 #include "Scaling.h"
 #include "WeightedMatching.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 namespace skyrinse::spds {
 
@@ -184,16 +184,10 @@ CompressedOrderer blockGraphOrderer(int method, int partitions, int threads, Mem
     };
 }
 
-void reportMatchingFailure(const MatchingOutcome& outcome, int n, int msglvl) {
-    if (outcome.error == -5 && outcome.internalCode == kGuardMessage) {
-        std::printf("System error in SPDS\n");
-    } else if (outcome.error == -6 && msglvl != 0) {
-        std::printf("*** Error in SPDS  (prereordering_mtype11,13) error_num= %d\n", outcome.error);
-        std::printf("*** Error in SPDS: preordering failed after %d neqns out of %d\n",
-                    outcome.matched, n);
-        std::printf("structure singular or input/parameter problem (matrixtype 11,13)\n");
-    }
-    std::fflush(stdout);
+void reportMatchingFailure(const MatchingOutcome& outcome) {
+    // The guard prints at any message level; an unmatched column is told by
+    // the error report like every other failure.
+    if (outcome.error == -5 && outcome.internalCode == kGuardMessage) spds_message(0, 773, 0);
 }
 
 } // namespace skyrinse::spds

@@ -71,9 +71,8 @@ MatchingOutcome runMatchingStep(const MatchingRequest& request, IntBlock& permut
 CompressedOrderer blockGraphOrderer(int method, int partitions, int threads, MemoryCounter* memory,
                                     double* seconds);
 
-// Prints the words of a failed step on standard output: for -6 the error
-// line and "preordering failed after k neqns out of n" with its explanation
-// when msglvl != 0; for the guard -5 "System error in SPDS" at any level.
-void reportMatchingFailure(const MatchingOutcome& outcome, int n, int msglvl);
+// Prints the guard's "System error in SPDS" at any message level; the other
+// failures of the step are told by the error report.
+void reportMatchingFailure(const MatchingOutcome& outcome);
 
 } // namespace skyrinse::spds

@@ -10,6 +10,7 @@
 #include "DiagonalSolve.h"
 #include "Driver.h"
 #include "Handle.h"
+#include "Reports.h"
 
 #include "runtime/nrt.h"
 
@@ -60,6 +61,7 @@ int entry(const CallArgs& args) {
                    : diagonalPath(*args.mtype, phase, n, static_cast<const double*>(args.a),
                                   args.ia, args.ja, *args.nrhs, iparm, static_cast<double*>(args.b),
                                   static_cast<double*>(args.x));
+        if (*args.msglvl > 0) diagonalStatistics(phase);
         return r == 0 ? 0 : kDiagonalFailure;
     }
     // A diagonal matrix marks iparm[11] so that later phases on the same

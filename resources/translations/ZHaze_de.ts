@@ -25,6 +25,16 @@
         <source>Preview is uptodate</source>
         <translation>Die Vorschau ist aktuell</translation>
     </message>
+    <message>
+        <source>The preview failed:
+%1</source>
+        <translation>Die Vorschau ist fehlgeschlagen:
+%1</translation>
+    </message>
+    <message>
+        <source>unknown failure</source>
+        <translation>unbekannter Fehler</translation>
+    </message>
 </context>
 <context>
     <name>UIHazePreviewClass</name>

@@ -25,6 +25,16 @@
         <source>Preview is uptodate</source>
         <translation>La prévisualisation est à jour</translation>
     </message>
+    <message>
+        <source>The preview failed:
+%1</source>
+        <translation>La prévisualisation a échoué :
+%1</translation>
+    </message>
+    <message>
+        <source>unknown failure</source>
+        <translation>échec inconnu</translation>
+    </message>
 </context>
 <context>
     <name>UIHazePreviewClass</name>

@@ -25,6 +25,16 @@
         <source>Preview is uptodate</source>
         <translation>L&apos;anteprima è aggiornata</translation>
     </message>
+    <message>
+        <source>The preview failed:
+%1</source>
+        <translation>L'anteprima non è riuscita:
+%1</translation>
+    </message>
+    <message>
+        <source>unknown failure</source>
+        <translation>errore sconosciuto</translation>
+    </message>
 </context>
 <context>
     <name>UIHazePreviewClass</name>

@@ -25,6 +25,16 @@
         <source>Preview is uptodate</source>
         <translation>Podgląd zaktualizowany</translation>
     </message>
+    <message>
+        <source>The preview failed:
+%1</source>
+        <translation>Podgląd nie powiódł się:
+%1</translation>
+    </message>
+    <message>
+        <source>unknown failure</source>
+        <translation>nieznany błąd</translation>
+    </message>
 </context>
 <context>
     <name>UIHazePreviewClass</name>

@@ -25,6 +25,16 @@
         <source>Preview is uptodate</source>
         <translation>Предварительный просмотр обновлен</translation>
     </message>
+    <message>
+        <source>The preview failed:
+%1</source>
+        <translation>Не удалось построить предварительный просмотр:
+%1</translation>
+    </message>
+    <message>
+        <source>unknown failure</source>
+        <translation>неизвестная ошибка</translation>
+    </message>
 </context>
 <context>
     <name>UIHazePreviewClass</name>

@@ -11,6 +11,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace nrt::detail {
 
@@ -31,7 +32,15 @@ struct ThreadFields {
     int cores_per_package = -1;
     int hyperthreaded = -1;
     int env_pending = 1;
+    // Why the counts are what they are, for nrt_explain_threads.
+    int mask_cores = -1;        // distinct cores in the affinity mask
+    int machine_cores = -1;     // distinct cores among the online processors
+    int quota_millicpus = -1;   // cgroup CPU quota in thousandths of a CPU
+    int num_threads_origin = 0; // a ThreadOrigin
 };
+
+// Where num_threads came from.
+enum ThreadOrigin { kOriginNone = 0, kOriginVariable, kOriginDomainList, kOriginCaller };
 
 // Looks a variable up; nothing when it is unset or does not fit the buffer.
 using EnvironmentLookup = std::function<std::optional<std::string>(const char* name)>;
@@ -49,11 +58,15 @@ void parseDomainList(ThreadFields& fields, std::string_view text);
 int decideThreadCount(const ThreadFields& fields, int domain, bool inParallel,
                       int ompMaxThreads) noexcept;
 
-// What the topology probe learnt.
+// What the topology probe learnt. physical_cores is what the process may use:
+// the distinct cores of its affinity mask, lowered by a cgroup CPU quota.
 struct Topology {
     int physical_cores = 1;
     int logical_cpus = 1;
     int packages = -1;
+    int mask_cores = -1;
+    int machine_cores = -1;
+    int quota_millicpus = -1;
 };
 
 // Where one logical processor sits.
@@ -70,9 +83,29 @@ Topology countTopology(std::span<const ProcessorPlace> visited);
 // own APIC ids only.
 enum class TopologySource { Sysfs, Processor };
 
-// Runs the probe for this process: 1 core when the affinity mask is a strict
-// subset of the online processors, otherwise the distinct cores among them.
+// Runs the probe for this process: the distinct cores among the processors of
+// its affinity mask, lowered by its cgroup CPU quota.
 Topology probeTopology(TopologySource source = TopologySource::Sysfs);
+
+// The CPU quota of a cgroup file, in thousandths of a CPU, or -1 for none:
+// cgroup v2 "cpu.max" text ("150000 100000", "max 100000"), or the v1 pair of
+// cpu.cfs_quota_us and cpu.cfs_period_us.
+int quotaFromCpuMax(std::string_view text) noexcept;
+int quotaFromCfs(long long quotaUs, long long periodUs) noexcept;
+
+// The tightest CPU quota of the process's cgroup and its ancestors, in
+// thousandths of a CPU, or -1 when there is none. The paths are parameters so
+// that tests can lay out a hierarchy of their own.
+int cgroupCpuQuota(const std::string& procCgroup = "/proc/self/cgroup",
+                   const std::string& cgroupRoot = "/sys/fs/cgroup");
+
+// The general thread count granted outside a parallel region under fields,
+// and why, in words.
+struct ThreadGrant {
+    int threads = 1;
+    std::string reason;
+};
+ThreadGrant explainThreadCount(const ThreadFields& fields, int ompMaxThreads);
 
 // The record as it is now, environment step included. For tests and reports.
 ThreadFields threadFieldsSnapshot();

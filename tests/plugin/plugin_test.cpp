@@ -113,6 +113,8 @@ TEST_F(PluginTest, DescriptionsAndResources) {
     EXPECT_EQ(haze->version(), QStringLiteral("2.5.0.0"));
     EXPECT_TRUE(haze->description().contains(QStringLiteral("white layer.This plugin")));
     EXPECT_FALSE(haze->beforeAfterIcon().isNull());
+    // This host has no QApplication, so no widgets: no page, and no crash.
+    EXPECT_EQ(haze->wizardPage(), nullptr);
 
     const QImage beforeAfter(QStringLiteral(":/%1/Resources/ZHazeBeforeAfter.png").arg(kProcessId));
     EXPECT_EQ(beforeAfter.size(), QSize(256, 128));

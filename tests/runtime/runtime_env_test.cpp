@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -17,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <omp.h>
 #include <sched.h>
@@ -167,16 +169,81 @@ TEST(ThreadVariables, MpiAndOpenMpValuesAreRecorded) {
                      });
 }
 
-TEST(Topology, RestrictedAffinityKeepsOneCore) {
-    if (omp_get_num_procs() < 2) GTEST_SKIP() << "needs two processors to restrict the mask";
-    IN_FRESH_PROCESS(VARS(), {
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(sched_getcpu(), &one);
-        check.eq(sched_setaffinity(0, sizeof one, &one), 0, "sched_setaffinity");
-        check.eq(nrt_physical_cores(), 1, "physical_cores");
-        check.eq(nrt::detail::threadFieldsSnapshot().logical_cpus, 1, "logical_cpus");
-    });
+// What a child started under taskset with a clean environment reports.
+struct ChildReport {
+    int granted = -1;
+    int explained = -1;
+    std::string reason;
+};
+
+ChildReport runChild(const std::string& cpus, const std::string& variables) {
+    std::string command = "env";
+    for (const char* name : {"NRT_NUM_THREADS", "NRT_DOMAIN_NUM_THREADS", "NRT_DYNAMIC",
+                             "OMP_NUM_THREADS", "NRT_MPI_PROCESSES_PER_NODE"})
+        command += std::string(" -u ") + name;
+    command += " " + variables;
+    if (!cpus.empty()) command += " taskset -c " + cpus;
+    command += " " THREAD_REPORT_CHILD;
+    ChildReport report;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return report;
+    char line[512] = {};
+    int consumed = 0;
+    if (std::fgets(line, sizeof line, pipe) &&
+        std::sscanf(line, "%d %d %n", &report.granted, &report.explained, &consumed) == 2)
+        report.reason = std::string(line + consumed);
+    pclose(pipe);
+    return report;
+}
+
+std::string siblingsOf(int cpu) {
+    std::ifstream file("/sys/devices/system/cpu/cpu" + std::to_string(cpu) +
+                       "/topology/thread_siblings_list");
+    std::string text;
+    std::getline(file, text);
+    return text;
+}
+
+TEST(Topology, ConfinedProcessGetsTheCoresOfItsMask) {
+    cpu_set_t mask;
+    ASSERT_EQ(sched_getaffinity(0, sizeof mask, &mask), 0);
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+        if (CPU_ISSET(cpu, &mask)) cpus.push_back(cpu);
+    const auto self = nrt::detail::threadFieldsSnapshot();
+    const auto underQuota = [&](int cores) {
+        return self.quota_millicpus > 0 ? std::min(cores, (self.quota_millicpus + 999) / 1000)
+                                        : cores;
+    };
+
+    struct Case {
+        std::string cpus;
+        std::string variables;
+        int expected;
+        std::string because; // a part of the reason
+    };
+    const std::string one = std::to_string(cpus.front());
+    const std::string confined = self.machine_cores > 1 ? "affinity mask" : "";
+    std::vector<Case> cases = {
+        {one, "", 1, confined},
+        {one, "NRT_NUM_THREADS=4", 1, confined},
+        {one, "NRT_NUM_THREADS=4 NRT_DYNAMIC=false", 4, "NRT_NUM_THREADS=4"},
+        {"", "", self.physical_cores, ""},
+        {"", "NRT_NUM_THREADS=1", 1, "NRT_NUM_THREADS=1"},
+    };
+    if (cpus.size() >= 2) {
+        const bool sameCore = siblingsOf(cpus[0]) == siblingsOf(cpus[1]);
+        const std::string two = one + "," + std::to_string(cpus[1]);
+        cases.push_back({two, "", underQuota(sameCore ? 1 : 2), ""});
+        cases.push_back({two, "NRT_NUM_THREADS=1", 1, "NRT_NUM_THREADS=1"});
+    }
+    for (const Case& c : cases) {
+        SCOPED_TRACE("cpus '" + c.cpus + "', " + c.variables);
+        const ChildReport report = runChild(c.cpus, c.variables);
+        EXPECT_EQ(report.granted, c.expected);
+        EXPECT_EQ(report.explained, report.granted);
+        EXPECT_NE(report.reason.find(c.because), std::string::npos) << report.reason;
+    }
 }
 
 bool hasCpuFlag(const char* flag) {

@@ -1,18 +1,22 @@
 // Thread control: the parsing of each variable, the decision rule of the
 // thread count with its dynamic, explicit and MPI branches, and the topology
-// probe. Cases that need the real environment live in runtime_env_test.
+// probe with its CPU quota, and the words that explain a count. Cases that need the real
+// environment live in runtime_env_test.
 
 #include "runtime/internal/ThreadControl.h"
 #include "runtime/nrt.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <omp.h>
 #include <sched.h>
+#include <unistd.h>
 
 using namespace nrt::detail;
 
@@ -177,6 +181,101 @@ TEST(Topology, DistinctCoresAndPackagesAreCounted) {
     EXPECT_EQ(countTopology(wide).physical_cores, 96);
     t = countTopology({});
     EXPECT_EQ(t.physical_cores, 1);
+}
+
+TEST(Topology, CpuQuotaOfTheFilesAndTheTightestAncestor) {
+    struct Case {
+        const char* cpuMax;
+        int millicpus;
+    };
+    for (const Case& c :
+         {Case{"150000 100000", 1500}, Case{"max 100000", -1}, Case{"100000 100000", 1000},
+          Case{"1 100000", 1}, Case{"", -1}, Case{"-1 100000", -1}, Case{"150000", -1}}) {
+        SCOPED_TRACE(c.cpuMax);
+        EXPECT_EQ(quotaFromCpuMax(c.cpuMax), c.millicpus);
+    }
+    EXPECT_EQ(quotaFromCfs(-1, 100000), -1);
+    EXPECT_EQ(quotaFromCfs(250000, 100000), 2500);
+
+    // A v2 leaf without limit under a limited parent, and a looser v1 limit.
+    const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("nrt-cgroup-" + std::to_string(getpid()));
+    const auto write = [&](const std::filesystem::path& file, const char* text) {
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text << '\n';
+    };
+    write(root / "fs/a/b/cpu.max", "max 100000");
+    write(root / "fs/a/cpu.max", "150000 100000");
+    write(root / "fs/cpu/job/cpu.cfs_quota_us", "300000");
+    write(root / "fs/cpu/job/cpu.cfs_period_us", "100000");
+    write(root / "self", "1:cpu,cpuacct:/job\n0::/a/b");
+    EXPECT_EQ(cgroupCpuQuota((root / "self").string(), (root / "fs").string()), 1500);
+    write(root / "self", "1:cpu,cpuacct:/job\n0::/elsewhere");
+    EXPECT_EQ(cgroupCpuQuota((root / "self").string(), (root / "fs").string()), 3000);
+    write(root / "self", "0::/");
+    EXPECT_EQ(cgroupCpuQuota((root / "self").string(), (root / "fs").string()), -1);
+    std::filesystem::remove_all(root);
+}
+
+TEST(ThreadReport, ReasonNamesTheStepThatSetTheCount) {
+    // 4 cores in a mask of a machine of 8, unless a case changes that.
+    const auto confined = [] {
+        ThreadFields f = machine(4);
+        f.mask_cores = 4;
+        f.machine_cores = 8;
+        return f;
+    };
+    struct Case {
+        const char* name;
+        void (*adjust)(ThreadFields&);
+        int threads;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {"mask", [](ThreadFields&) {}, 4,
+         "confined by the affinity mask to 4 of the machine's 8 physical cores"},
+        {"whole machine", [](ThreadFields& f) { f.machine_cores = 4; }, 4,
+         "all 4 physical cores of the machine"},
+        {"quota",
+         [](ThreadFields& f) {
+             f.quota_millicpus = 1500;
+             f.physical_cores = 2;
+         },
+         2,
+         "cgroup CPU quota of 1.50 CPUs, rounded up to 2 (4 physical cores in the affinity mask)"},
+        {"variable",
+         [](ThreadFields& f) {
+             f.num_threads = 3;
+             f.num_threads_origin = kOriginVariable;
+         },
+         3, "NRT_NUM_THREADS=3"},
+        {"caller above the cores",
+         [](ThreadFields& f) {
+             f.num_threads = 6;
+             f.num_threads_origin = kOriginCaller;
+         },
+         4,
+         "confined by the affinity mask to 4 of the machine's 8 physical cores; asked for: 6 by "
+         "the program"},
+        {"dynamic off",
+         [](ThreadFields& f) {
+             f.dynamic = 0;
+             f.num_threads = 6;
+             f.num_threads_origin = kOriginDomainList;
+         },
+         6, "NRT_DOMAIN_NUM_THREADS NRT_ALL=6, taken as is (NRT_DYNAMIC=false)"},
+        {"OpenMP variable", [](ThreadFields& f) { f.omp_env_threads = 2; }, 2, "OMP_NUM_THREADS=2"},
+        {"MPI", [](ThreadFields& f) { f.mpi_per_node = 2; }, 1,
+         "one per process under NRT_MPI_PROCESSES_PER_NODE=2"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ThreadFields f = confined();
+        c.adjust(f);
+        const ThreadGrant grant = explainThreadCount(f, f.omp_env_threads > 0 ? 2 : 16);
+        EXPECT_EQ(grant.threads, c.threads);
+        EXPECT_EQ(grant.reason, c.reason);
+    }
 }
 
 TEST(Topology, ProcessorIdsAgreeWithTheKernelsView) {

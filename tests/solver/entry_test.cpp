@@ -346,11 +346,4 @@ TYPED_TEST(Diagonal, SolvedWithoutAHandle) {
     EXPECT_EQ(call(33), -7);
 }
 
-TEST(Reports, NothingIsPrintedAtMessageLevelZero) {
-    Solver s;
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(s.call(11, stencilPattern(4, 3, false)), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-}
-
 } // namespace

@@ -27,7 +27,7 @@ namespace {
 
 int usage() {
     std::fprintf(stderr, "usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] "
-                         "[--single] [--refine STEPS] [--rhs FILE] FILE.mtx\n");
+                         "[--single] [--refine STEPS] [--rhs FILE] [--verbose] FILE.mtx\n");
     return 2;
 }
 
@@ -108,6 +108,7 @@ int main(int argc, char** argv) {
     int threads = 0;
     int refine = 2;
     bool single = false;
+    bool verbose = false;
     const char* path = nullptr;
     const char* rhsPath = nullptr;
     for (int i = 1; i < argc; ++i) {
@@ -124,6 +125,8 @@ int main(int argc, char** argv) {
             rhsPath = argv[++i];
         else if (!std::strcmp(argv[i], "--single"))
             single = true;
+        else if (!std::strcmp(argv[i], "--verbose"))
+            verbose = true;
         else if (argv[i][0] != '-' && !path)
             path = argv[i];
         else
@@ -173,6 +176,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf("threads       %d\n", iparm[2]);
+    if (verbose) {
+        char why[256];
+        const int granted = nrt_explain_threads(0, why, sizeof why);
+        std::printf("granted       %d thread(s): %s\n", granted, why);
+    }
     std::printf("nnz(L+U)      %d\n", iparm[17]);
     std::printf("inertia       %d positive, %d negative\n", iparm[21], iparm[22]);
     std::printf("perturbed     %d pivots\n", iparm[13]);

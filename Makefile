@@ -4,8 +4,9 @@
 PRESET ?= release
 BUILD  := build/$(PRESET)
 JOBS   ?= $(shell nproc)
+PREFIX ?= /usr/local
 
-.PHONY: all setup configure build test demo bench format clean
+.PHONY: all setup configure build test demo bench install package format clean
 
 all: build
 
@@ -23,6 +24,16 @@ test: build
 
 demo: build
 	@scripts/demo $(BUILD)
+
+# make install PREFIX=/opt/skyrinse: the programs, the plug-in, libspds and
+# its headers, package descriptions and manual pages under PREFIX.
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+# make package: build/release/skyrinse_<version>_<arch>.deb, for
+# apt install ./skyrinse_*.deb
+package: build
+	@cmake --build --preset $(PRESET) --target package
 
 bench: build
 	@for b in $(BUILD)/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QLibraryInfo>
 
 namespace {
 const QString kPluginFile = QStringLiteral("libZHaze.so");
@@ -22,7 +23,9 @@ QStringList PluginHost::candidatePaths() {
     const QDir here(QCoreApplication::applicationDirPath());
     paths << here.filePath(QStringLiteral("plugins/") + kPluginFile)
           << here.filePath(QStringLiteral("../plugins/") + kPluginFile)
-          << here.filePath(QStringLiteral("../lib/skyrinse/") + kPluginFile);
+          << here.filePath(QStringLiteral(SKYRINSE_PLUGIN_RELATIVE_DIR "/") + kPluginFile)
+          << QLibraryInfo::path(QLibraryInfo::PluginsPath) + QStringLiteral("/skyrinse/") +
+                 kPluginFile;
     return paths;
 }
 

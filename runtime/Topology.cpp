@@ -49,12 +49,6 @@ public:
     void add(int cpu) noexcept {
         if (cpu >= 0 && cpu < count_) CPU_SET_S(cpu, bytes_, set_.get());
     }
-    std::vector<int> members() const {
-        std::vector<int> cpus;
-        for (int cpu = 0; cpu < count_; ++cpu)
-            if (has(cpu)) cpus.push_back(cpu);
-        return cpus;
-    }
 
 private:
     static void freeSet(cpu_set_t* set) noexcept { CPU_FREE(set); }

@@ -25,10 +25,24 @@
 
 namespace {
 
-int usage() {
-    std::fprintf(stderr, "usage: spds-solve [--mtype T] [--ordering 0..3] [--threads N] "
-                         "[--single] [--refine STEPS] [--rhs FILE] [--verbose] FILE.mtx\n");
-    return 2;
+// --help prints this on standard output; bad usage on standard error. The
+// manual page is generated from the --help text.
+int usage(std::FILE* stream = stderr) {
+    std::fprintf(stream,
+                 "Usage: spds-solve [OPTION]... FILE.mtx\n"
+                 "Solves the Matrix Market system FILE.mtx with SPDS and prints the statistics.\n"
+                 "\n"
+                 "  --mtype T        matrix type (default -2 for a symmetric file, 11 otherwise)\n"
+                 "  --ordering 0..3  fill-reducing ordering, iparm[1] (default 3)\n"
+                 "  --threads N      threads asked of the runtime\n"
+                 "  --single         single precision\n"
+                 "  --refine STEPS   iterative refinement steps at most (default 2)\n"
+                 "  --rhs FILE       right-hand side (default all ones)\n"
+                 "  --verbose        also print the threads granted and why\n"
+                 "  --help           print this help\n"
+                 "\n"
+                 "Exit status: 0 solved, 1 error, 2 bad usage.\n");
+    return stream == stdout ? 0 : 2;
 }
 
 bool readRhs(const char* path, int n, std::vector<double>& b) {
@@ -127,6 +141,8 @@ int main(int argc, char** argv) {
             single = true;
         else if (!std::strcmp(argv[i], "--verbose"))
             verbose = true;
+        else if (!std::strcmp(argv[i], "--help"))
+            return usage(stdout);
         else if (argv[i][0] != '-' && !path)
             path = argv[i];
         else

@@ -40,8 +40,9 @@ int main(int argc, char** argv) {
         QStringLiteral("N"));
     const QCommandLineOption verbose(
         QStringLiteral("verbose"),
-        QCoreApplication::translate("main", "Report the plug-in, the settings and the solver's "
-                                            "messages."));
+        QCoreApplication::translate("main", "Report the plug-in, the settings, the threads "
+                                            "granted and why, and the solver's statistics "
+                                            "and error reports."));
     const QCommandLineOption plugin(
         QStringLiteral("plugin"),
         QCoreApplication::translate("main", "Load the haze plug-in from PATH."),

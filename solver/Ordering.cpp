@@ -549,12 +549,18 @@ void regroupDomains(int n, OrderingResult& out) {
 }
 
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out) {
+    const double t0 = nrt_seconds();
+    buildOrderingGraph(in, out);
+    const double graph = nrt_seconds() - t0;
+    OrderingTimes times = orderGraph(in, out);
+    times.graph = graph;
+    return times;
+}
+
+OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out) {
     const int n = in.n;
     OrderingTimes times;
-    double t0 = nrt_seconds();
-    buildOrderingGraph(in, out);
-    double t1 = nrt_seconds();
-    times.graph = t1 - t0;
+    const double t1 = nrt_seconds();
 
     out.perm = IntBlock(n, kGraphCode, in.memory);
     out.invp = IntBlock(n, kGraphCode, in.memory);

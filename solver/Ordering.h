@@ -57,6 +57,11 @@ struct OrderingTimes {
 
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out);
 
+// The same on a graph the caller has already put into out.xadj/adjncy in the
+// form buildOrderingGraph gives (symmetric, one-based, no diagonal, rows
+// ascending and free of duplicates); in.ia/ja are not read.
+OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out);
+
 // Building blocks, exposed for the tests.
 
 // The ordering graph: structure of A + A^T (or the full symmetric structure

@@ -35,7 +35,7 @@ const char* IflErrorName(int code) {
     }
 }
 
-void RaiseIflError(int code, const QString& path, const QString& location) {
+void RaiseIflError(int code, const QString& path, const QString& location, const QString& reason) {
     if (code == 0) return;
     QString message = QCoreApplication::translate("ZException", "Error IFL : \"%1\"")
                           .arg(QString::fromLatin1(IflErrorName(code)));
@@ -43,6 +43,10 @@ void RaiseIflError(int code, const QString& path, const QString& location) {
         message += QLatin1Char('\n');
         message += QCoreApplication::translate("ZException", "File : \"%1\"")
                        .arg(QFileInfo(path).absoluteFilePath());
+    }
+    if (!reason.isEmpty()) {
+        message += QLatin1Char('\n');
+        message += QCoreApplication::translate("ZException", "Reason : %1").arg(reason);
     }
     throw ZException(message, location);
 }

@@ -25,8 +25,11 @@ private:
 
 // Turns an IFL error code into a ZException; a code of 0 returns at once, so
 // callers may call it unconditionally after each library call. A non-empty
-// path adds a second line naming the file by its absolute path.
-void RaiseIflError(int code, const QString& path, const QString& location);
+// path adds a second line naming the file by its absolute path, and a
+// non-empty reason (IFL's detail: the system's, codec's or metadata
+// library's own words) a third line, so the user reads why, not only what.
+void RaiseIflError(int code, const QString& path, const QString& location,
+                   const QString& reason = QString());
 
 // The name of an IFL error code as it appears in messages ("IFL_ERROR_FILE_OPEN").
 const char* IflErrorName(int code);

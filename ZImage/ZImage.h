@@ -138,3 +138,15 @@ private:
 // volume has less room than that, or if the file cannot be written; returns
 // otherwise. Leaves no new file behind.
 void CheckForDiskSpace(const QString& fileName, qint64 size, const QString& location);
+
+// Checks made before any work on a picture (ZImage_Checks.cpp), so that a run
+// that cannot end in a file fails at once rather than after the computation.
+// CheckBeforeSave: `format` (a name or suffix) is one Save writes, and the
+// folder of fileName exists and may be written (an existing fileName too).
+void CheckBeforeSave(const QString& fileName, const QString& format, const QString& location);
+// CheckForMemory: `bytes` more can be taken now; `subject` names the file
+// that needs them in the message.
+void CheckForMemory(qint64 bytes, const QString& subject, const QString& location);
+// Bytes the process may still take: the least of the system's available
+// memory, its cgroup's room and its address-space limit; -1 when unknown.
+qint64 AvailableMemory();

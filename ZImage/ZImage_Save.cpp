@@ -1,4 +1,4 @@
-// Image files: ZImage::Save, ZImage::Load and CheckForDiskSpace.
+// Image files: ZImage::Save and CheckForDiskSpace.
 //
 // Save hands this image's bitmap record to IFL as it stands. The source file
 // named for metadata is opened for its header and metadata only, so its
@@ -6,16 +6,18 @@
 // save is explained in this order: no room on the disk, then a file that
 // cannot be written, then the library's code. IFL writes through a temporary
 // file in the target folder, so no failure leaves a partial or empty file.
+#include "ZImage/ZFileName.h"
 #include "ZImage/ZImage.h"
 #include "imagefile/Ifl.h"
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QFile>
 #include <QFileInfo>
+#include <QStorageInfo>
 #include <QStringList>
 
-#include <sys/statvfs.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -74,33 +76,33 @@ void applyQuality(const QString& format, int quality, IflSaveParams& params) {
     }
 }
 
-void addNotes(QStringList* notes, const IflReport& report, bool failed) {
+void addNotes(QStringList* notes, const IflReport& report) {
     if (!notes) return;
     for (const std::string& warning : report.warnings)
-        *notes << QString::fromLocal8Bit(warning.c_str());
-    if (failed && !report.detail.empty()) *notes << QString::fromLocal8Bit(report.detail.c_str());
+        *notes << QString::fromStdString(warning);
 }
 
 // Free bytes that the calling user may write on the volume of `folder`, or
 // -1 when that cannot be known.
 qint64 freeBytes(const QString& folder) {
-    struct statvfs volume {};
-    if (::statvfs(QFile::encodeName(folder).constData(), &volume) != 0) return -1;
-    return static_cast<qint64>(volume.f_bavail) * static_cast<qint64>(volume.f_frsize);
+    const QStorageInfo volume(folder);
+    return volume.isValid() ? volume.bytesAvailable() : -1;
 }
 
 // Whether the file can be opened for writing, without changing it, and
 // without leaving a new file behind when it did not exist.
 bool canWrite(const QString& path) {
-    QFile file(path);
-    if (file.exists()) {
-        if (!file.open(QIODevice::ReadWrite)) return false;
-        file.close();
+    const QByteArray name = ZFileName::encode(path);
+    int fd = ::open(name.constData(), O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::close(fd);
         return true;
     }
-    if (!file.open(QIODevice::ReadWrite | QIODevice::NewOnly)) return false;
-    file.close();
-    file.remove();
+    if (errno != ENOENT) return false;
+    fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    ::close(fd);
+    ::unlink(name.constData());
     return true;
 }
 
@@ -143,11 +145,17 @@ void ZImage::Save(const QString& fileName, const QString& format, int quality,
         load.flags |= IFL_LOAD_METADATA | IFL_LOAD_HEADER_ONLY;
         IflBitmap* loaded = nullptr;
         IflFileInformation information;
-        const IflError code =
-            iflLoadBitmap(metadataSource.toLocal8Bit().constData(), &loaded, load, &information);
+        const IflError code = iflLoadBitmap(ZFileName::encode(metadataSource).constData(), &loaded,
+                                            load, &information);
         const IflBitmapPtr source(loaded);
-        addNotes(notes, information.report, code != IFL_OK);
-        RaiseIflError(code, metadataSource, Z_LOCATION);
+        addNotes(notes, information.report);
+        RaiseIflError(code, metadataSource, Z_LOCATION,
+                      QString::fromStdString(information.report.detail));
+
+        // The output keeps the source's storage where the format allows:
+        // half floats stay half, associated alpha stays associated.
+        if (information.halfFloat) save.flags |= IFL_SAVE_HALF_FLOAT;
+        if (information.associatedAlpha) save.flags |= IFL_SAVE_ASSOCIATED_ALPHA;
 
         if (iflBitmapHasICCProfile(source.get())) {
             iflBitmapCopyICCProfile(source.get(), bitmap);
@@ -176,29 +184,21 @@ void ZImage::Save(const QString& fileName, const QString& format, int quality,
 
     // An unknown name leaves the index at -1, which the save reports.
     std::int32_t index = IFL_FORMAT_UNKNOWN;
-    iflGetFormatIndexByName(name.toLocal8Bit().constData(), &index);
+    if (iflGetFormatIndexByName(name.toUtf8().constData(), &index) != IFL_OK)
+        RaiseIflError(
+            IFL_ERROR_BAD_FORMAT_INDEX, fileName, Z_LOCATION,
+            QCoreApplication::translate("ZException", "no image format is known as \"%1\"")
+                .arg(format));
     save.formatIndex = index;
 
     IflReport report;
-    const IflError code = iflSaveBitmap(fileName.toLocal8Bit().constData(), bitmap, save, &report);
-    addNotes(notes, report, code != IFL_OK);
+    const IflError code =
+        iflSaveBitmap(ZFileName::encode(fileName).constData(), bitmap, save, &report);
+    addNotes(notes, report);
     if (code != IFL_OK) {
         const qint64 size = static_cast<qint64>(bitmap->bytesPerPixel) * bitmap->height *
                             static_cast<qint64>(bitmap->width);
         CheckForDiskSpace(fileName, size, Z_LOCATION);
     }
-    RaiseIflError(code, fileName, Z_LOCATION);
-}
-
-void ZImage::Load(const QString& fileName) {
-    Z_CHECK(!fileName.isEmpty(), Z_INVALID_PARAMETER);
-    IflLoadParams params;
-    iflGetDefaultLoadParams(params);
-    IflBitmap* loaded = nullptr;
-    IflFileInformation information;
-    RaiseIflError(iflLoadBitmap(fileName.toLocal8Bit().constData(), &loaded, params, &information),
-                  fileName, Z_LOCATION);
-    Release();
-    bitmap = loaded;
-    ownsData = 1;
+    RaiseIflError(code, fileName, Z_LOCATION, QString::fromStdString(report.detail));
 }

@@ -47,7 +47,5 @@ void GuiApplication::installTranslation(const QString& fileName) {
 ZIHostImage* GuiApplication::image(const QString& path) {
     const QString key = QFileInfo(path).absoluteFilePath();
     const QMutexLocker lock(&m_imagesMutex);
-    auto found = m_images.find(key);
-    if (found == m_images.end()) found = m_images.insert(key, std::make_shared<HostImage>(key));
-    return found->get();
+    return m_images.get(key);
 }

@@ -5,6 +5,7 @@
 // their table is locked.
 #pragma once
 
+#include "host/HostImageStore.h"
 #include "plugin/ZIApplication.h"
 
 #include <QApplication>
@@ -43,5 +44,5 @@ private:
     QMap<QString, QVariant> m_sessionDefaults;
     int m_threads = 0;
     QMutex m_imagesMutex;
-    QMap<QString, std::shared_ptr<HostImage>> m_images;
+    HostImageStore m_images; // in the order asked for, which orders the wizard's list
 };

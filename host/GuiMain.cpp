@@ -55,7 +55,8 @@ int runGui(int& argc, char** argv) {
         QStringLiteral("N"));
     const QCommandLineOption verbose(
         QStringLiteral("verbose"),
-        QCoreApplication::translate("main", "Let the solver's messages through."));
+        QCoreApplication::translate("main",
+                                    "Let the solver's statistics and error reports through."));
     const QCommandLineOption plugin(
         QStringLiteral("plugin"),
         QCoreApplication::translate("main", "Load the haze plug-in from PATH."),

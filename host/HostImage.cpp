@@ -1,5 +1,6 @@
 #include "host/HostImage.h"
 
+#include "ZImage/ZFileName.h"
 #include "imagefile/Ifl.h"
 
 #include <QFileInfo>
@@ -10,8 +11,10 @@ HostImage::HostImage(const QString& path) : m_path(path) {
     params.flags |= IFL_LOAD_HEADER_ONLY;
     IflBitmap* header = nullptr;
     IflFileInformation information;
-    m_headerError = iflLoadBitmap(path.toLocal8Bit().constData(), &header, params, &information);
+    m_headerError =
+        iflLoadBitmap(ZFileName::encode(path).constData(), &header, params, &information);
     const IflBitmapPtr owned(header);
+    m_headerReason = QString::fromStdString(information.report.detail);
     if (m_headerError != 0 || !header) return;
     m_width = header->width;
     m_height = header->height;
@@ -33,7 +36,7 @@ bool HostImage::forcesTiff() const {
 }
 
 void HostImage::decode(ZImage& target) const {
-    RaiseIflError(m_headerError, m_path, Z_LOCATION);
+    RaiseIflError(m_headerError, m_path, Z_LOCATION, m_headerReason);
     target.Load(m_path);
 }
 

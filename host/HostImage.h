@@ -39,6 +39,7 @@ private:
     int m_bits = 0;
     int m_formatIndex = -1;
     int m_headerError = 0;
+    QString m_headerReason; // IFL's detail when the header cannot be read
     std::unique_ptr<ZImage> m_pixels;
     std::unique_ptr<ZImage> m_scaled;
 };

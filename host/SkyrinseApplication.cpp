@@ -61,9 +61,7 @@ void SkyrinseApplication::installTranslation(const QString& fileName) {
 
 ZIHostImage* SkyrinseApplication::image(const QString& path) {
     const QString key = QFileInfo(path).absoluteFilePath();
-    auto found = m_images.find(key);
-    if (found == m_images.end()) found = m_images.insert(key, std::make_shared<HostImage>(key));
-    return found->get();
+    return m_images.get(key);
 }
 
 void SkyrinseApplication::releaseImages() {

@@ -3,6 +3,7 @@
 // use, and the image objects over IFL.
 #pragma once
 
+#include "host/HostImageStore.h"
 #include "plugin/ZIApplication.h"
 
 #include <QCoreApplication>
@@ -11,8 +12,6 @@
 #include <QSettings>
 #include <QTranslator>
 #include <memory>
-
-class HostImage;
 
 class SkyrinseApplication : public QCoreApplication, public ZIApplication {
     Q_OBJECT
@@ -44,5 +43,5 @@ private:
     mutable QSettings m_settings;
     int m_threads = 0;
     QList<QTranslator*> m_translators; // children of this object
-    QMap<QString, std::shared_ptr<HostImage>> m_images;
+    HostImageStore m_images;
 };

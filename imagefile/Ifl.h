@@ -20,6 +20,7 @@
 #include "imagefile/IflBitmap.h"
 #include "imagefile/IflErrors.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,12 @@ inline constexpr std::uint32_t IFL_LOAD_HEADER_ONLY = 0x800; // fill the header,
 
 // Save flags.
 inline constexpr std::uint32_t IFL_SAVE_ICC_PROFILE = 0x8; // write the bitmap's ICC profile
+// Store 32-bit float components as 16-bit (half) floats where the format can
+// (EXR, TIFF): a half-float source is written back in its own precision.
+inline constexpr std::uint32_t IFL_SAVE_HALF_FLOAT = 0x10;
+// The bitmap's colour is unassociated, as IFL loads it; store it multiplied by
+// alpha (associated) in a TIFF. EXR is always written associated.
+inline constexpr std::uint32_t IFL_SAVE_ASSOCIATED_ALPHA = 0x20;
 
 // A compression or quality word that leaves the choice to the format's default.
 inline constexpr std::uint16_t IFL_DEFAULT_WORD = 0xFFFF;
@@ -79,8 +86,11 @@ struct IflFileInformation {
     std::int32_t formatIndex = IFL_FORMAT_UNKNOWN; // -1 when IFL cannot write the format
     int width = 0;
     int height = 0;
-    int channels = 0;         // as stored in the file, before mapping to 1, 3 or 4
-    int bitsPerComponent = 0; // of the decoded bitmap: 8, 16 or 32 (float)
+    int channels = 0;             // as stored in the file, before mapping to 1, 3 or 4
+    int bitsPerComponent = 0;     // of the decoded bitmap: 8, 16 or 32 (float)
+    bool halfFloat = false;       // the file stores 16-bit floats (decoded to 32-bit)
+    bool associatedAlpha = false; // the file stores colour multiplied by alpha (decoded
+                                  // unassociated)
     IflReport report;
 };
 
@@ -98,12 +108,22 @@ IflError iflGetDefaultSaveParams(IflSaveParams& params);
 // With IFL_LOAD_HEADER_ONLY the record has no pixels (data is null).
 IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams& params,
                        IflFileInformation* information);
+// The same for the bytes of a file held in memory (JPEG, PNG, TIFF, EXR, HDR,
+// WebP, BMP, Targa); the report's path stays empty.
+IflError iflLoadBitmapFromMemory(const std::uint8_t* data, std::size_t size, IflBitmap** bitmap,
+                                 const IflLoadParams& params, IflFileInformation* information);
 
 // Writes the bitmap in the format of params.formatIndex. The file appears
-// complete or not at all: it is written under a temporary name in the target
-// folder and renamed over the target only when everything succeeded.
+// complete or not at all: it is written as a nameless file in the target
+// folder (or, where the file system has none, under a hidden temporary name)
+// and given the target's name only when everything succeeded.
 IflError iflSaveBitmap(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
                        IflReport* report = nullptr);
+
+// Removes the temporary files of the saves in progress. Safe in a signal
+// handler: a host calls it from its handlers of SIGINT, SIGTERM, SIGHUP and
+// SIGXFSZ before it ends, so that an interrupted save leaves nothing behind.
+void iflRemoveTemporaryFiles() noexcept;
 
 // Format index of a name or file suffix, in any case; IFL_ERROR_BAD_FORMAT_INDEX
 // (and *index = -1) for a name IFL does not write.

@@ -1,10 +1,13 @@
-// Decoding: a picture file into an IFL bitmap record, with its metadata.
+// Decoding: a picture file, or its bytes in memory, into an IFL bitmap
+// record, with its metadata.
 //
 // OpenImageIO decodes. The record gets 1, 3 or 4 components (grey with alpha
 // becomes RGBA, more than four channels keep colour and alpha) and the depth
 // the file stores: 8 or 16-bit unsigned, or 32-bit float for anything wider
-// or floating. Alpha is read as stored, never multiplied into the colour, so
-// that a picture written back holds the values it was read with.
+// or floating. Colour is always handed out unassociated (not multiplied by
+// alpha): files that store it associated (TIFF with associated extra samples,
+// EXR) are divided back, and the file information says so, so that a save
+// can multiply again and the picture keeps its form.
 //
 // Codes: the file cannot be opened 1; no decoder recognises it 6; a decoder
 // recognises it but cannot read it (truncated, corrupt, zero size) 2; more
@@ -13,7 +16,13 @@
 #include "imagefile/internal/IflFormats.h"
 #include "imagefile/internal/IflMetadata.h"
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <type_traits>
 
 #include <cerrno>
 #include <cstring>
@@ -91,56 +100,206 @@ IflError fail(IflFileInformation* info, IflError code, std::string detail) {
     return code;
 }
 
-} // namespace
-
-IflError iflGetDefaultLoadParams(IflLoadParams& params) {
-    params = IflLoadParams{};
-    return IFL_OK;
-}
-
-void iflFreeFileInformation(IflFileInformation* information) {
-    if (information) *information = IflFileInformation{};
-}
-
-IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams& params,
-                       IflFileInformation* info) {
-    if (!bitmap) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no place for the bitmap");
-    *bitmap = nullptr;
-    if (!path || !*path) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no file name");
-    if (info) {
-        iflFreeFileInformation(info);
-        info->report.path = path;
+// Undoes associated alpha: colour = stored colour / alpha. Integers are
+// rounded, which a save that multiplies again turns back into the stored
+// values exactly.
+template <typename T>
+void unassociate(IflBitmap& b) {
+    constexpr bool integer = std::is_integral_v<T>;
+    constexpr double full = integer ? double(std::numeric_limits<T>::max()) : 1.0;
+    for (int y = 0; y < b.height; ++y) {
+        T* p = reinterpret_cast<T*>(b.data + static_cast<std::ptrdiff_t>(y) * b.bytesPerLine);
+        for (int x = 0; x < b.width; ++x, p += 4) {
+            const double alpha = double(p[3]) / full;
+            if (!(alpha > 0.0)) continue; // nothing to divide; the colour is already 0
+            for (int c = 0; c < 3; ++c) {
+                const double v = double(p[c]) / alpha;
+                if constexpr (integer)
+                    p[c] = static_cast<T>(std::min(full, std::round(v)));
+                else
+                    p[c] = static_cast<T>(v);
+            }
+        }
     }
+}
 
+// Bytes that OpenEXR reads for a value of a type of fixed size, or -1 when it
+// reads the declared size (strings, vectors, types it does not know).
+int exrFixedSize(const std::string& type) {
+    static const std::pair<const char*, int> sizes[] = {
+        {"box2i", 16},      {"box2f", 16},   {"chromaticities", 32},
+        {"compression", 1}, {"double", 8},   {"envmap", 1},
+        {"float", 4},       {"int", 4},      {"keycode", 28},
+        {"lineOrder", 1},   {"m33f", 36},    {"m33d", 72},
+        {"m44f", 64},       {"m44d", 128},   {"rational", 8},
+        {"tiledesc", 9},    {"timecode", 8}, {"v2i", 8},
+        {"v2f", 8},         {"v2d", 16},     {"v3i", 12},
+        {"v3f", 12},        {"v3d", 24},     {"deepImageState", 1}};
+    for (const auto& [name, size] : sizes)
+        if (type == name) return size;
+    return -1;
+}
+
+// OpenEXR takes an attribute's declared size on trust and allocates it before
+// reading: a 1 KiB file that declares a 2 GiB attribute costs 2 GiB and
+// seconds. The headers are walked first, the way OpenEXR reads them (a
+// channel list up to its empty name, a preview by its own size, fixed types
+// by their size, the rest by the declared one), and a size past the end of
+// the file is refused. `head` holds the first bytes of a file of `fileSize`.
+bool exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_t fileSize,
+                   std::string& detail) {
+    if (available < 8 || head[0] != 0x76 || head[1] != 0x2f || head[2] != 0x31 || head[3] != 0x01)
+        return true; // not EXR: nothing to say
+    const bool multipart = (head[5] & 0x10) != 0;
+    std::size_t at = 8;
+    auto readName = [&](std::string& out) {
+        out.clear();
+        while (at < available && head[at] != 0 && out.size() < 256)
+            out += static_cast<char>(head[at++]);
+        if (at >= available || head[at] != 0) return false;
+        ++at;
+        return true;
+    };
+    auto readInt = [&](std::int64_t& out) {
+        if (at + 4 > available) return false;
+        out = static_cast<std::int32_t>(std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
+                                        std::uint32_t{head[at + 2]} << 16 |
+                                        std::uint32_t{head[at + 3]} << 24);
+        at += 4;
+        return true;
+    };
+    auto tooLarge = [&](const std::string& name, std::int64_t size) {
+        detail = "the EXR attribute \"" + name + "\" declares " + std::to_string(size) +
+                 " bytes, more than the file holds";
+        return false;
+    };
+    for (int header = 0; header < 64; ++header) {
+        std::string name, type;
+        for (;;) {
+            if (!readName(name)) return true; // past what was read: OpenEXR decides
+            if (name.empty()) break;
+            std::int64_t size = 0;
+            if (!readName(type) || !readInt(size)) return true;
+            const std::uint64_t left = fileSize - std::min<std::uint64_t>(at, fileSize);
+            if (size < 0 || std::uint64_t(size) > left) return tooLarge(name, size);
+            if (type == "chlist") {
+                std::string channel;
+                for (;;) {
+                    if (!readName(channel)) return true;
+                    if (channel.empty()) break;
+                    at += 16;
+                }
+            } else if (type == "preview") {
+                std::int64_t width = 0, height = 0;
+                if (!readInt(width) || !readInt(height)) return true;
+                const std::uint64_t bytes =
+                    4 * std::uint64_t(std::uint32_t(width)) * std::uint64_t(std::uint32_t(height));
+                if (bytes > fileSize - std::min<std::uint64_t>(at, fileSize))
+                    return tooLarge(name, static_cast<std::int64_t>(bytes));
+                at += static_cast<std::size_t>(bytes);
+            } else if (const int fixed = exrFixedSize(type); fixed >= 0) {
+                at += static_cast<std::size_t>(fixed);
+            } else {
+                at += static_cast<std::size_t>(size);
+            }
+        }
+        if (!multipart) return true;
+        if (at < available && head[at] == 0) return true; // the empty header ends the list
+    }
+    return true;
+}
+
+// Where the bytes come from: a file by its path, or memory.
+struct Source {
+    const char* path = nullptr;
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+};
+
+// An open decoder with the memory reader it may read through.
+struct Opened {
+    std::unique_ptr<OIIO::Filesystem::IOMemReader> proxy;
+    std::unique_ptr<OIIO::ImageInput> input;
+};
+
+// The names that pick a decoder for bytes in memory, tried in this order.
+constexpr const char* memoryNames[] = {"memory.jpg", "memory.png",  "memory.tif", "memory.exr",
+                                       "memory.hdr", "memory.webp", "memory.bmp", "memory.tga"};
+
+Opened openSource(const Source& source, const OIIO::ImageSpec& config, std::string& detail) {
+    Opened opened;
+    if (source.path) {
+        opened.input = OIIO::ImageInput::open(source.path, &config);
+        if (!opened.input) detail = OIIO::geterror();
+        return opened;
+    }
+    for (const char* name : memoryNames) {
+        auto proxy = std::make_unique<OIIO::Filesystem::IOMemReader>(
+            const_cast<std::uint8_t*>(source.data), source.size);
+        // The decoders take the reader from the configuration, at creation.
+        OIIO::ImageSpec withProxy = config;
+        void* pointer = proxy.get();
+        withProxy.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &pointer);
+        auto input = OIIO::ImageInput::create(name, false, &withProxy, proxy.get());
+        if (!input) continue;
+        OIIO::ImageSpec spec;
+        if (input->open(name, spec, withProxy)) {
+            opened.proxy = std::move(proxy);
+            opened.input = std::move(input);
+            return opened;
+        }
+        const std::string error = input->geterror();
+        if (detail.empty() && !error.empty()) detail = error;
+    }
+    OIIO::geterror(); // nothing to keep from the attempts that did not fit
+    return opened;
+}
+
+IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParams& params,
+                    IflFileInformation* info) {
     try {
-        // The decoders say little about a file they cannot open; ask the
-        // system first, so that a missing or forbidden file is named as such.
-        {
-            FileDescriptor fd(::open(path, O_RDONLY | O_CLOEXEC));
+        if (source.path) {
+            // The decoders say little about a file they cannot open; ask the
+            // system first, so that a missing or forbidden file is named as such.
+            FileDescriptor fd(::open(source.path, O_RDONLY | O_CLOEXEC));
             if (fd.get() < 0) return fail(info, IFL_ERROR_FILE_OPEN, std::strerror(errno));
             struct stat st {};
             if (::fstat(fd.get(), &st) != 0)
                 return fail(info, IFL_ERROR_FILE_OPEN, std::strerror(errno));
+            if (S_ISDIR(st.st_mode)) return fail(info, IFL_ERROR_FILE_OPEN, "it is a folder");
             if (!S_ISREG(st.st_mode)) return fail(info, IFL_ERROR_FILE_OPEN, "not a regular file");
+            if (st.st_size == 0) return fail(info, IFL_ERROR_UNKNOWN_FORMAT, "the file is empty");
+            std::vector<std::uint8_t> head(std::min<std::uint64_t>(st.st_size, 1 << 20));
+            const ssize_t got = ::pread(fd.get(), head.data(), head.size(), 0);
+            std::string detail;
+            if (got > 0 && !exrHeadersFit(head.data(), static_cast<std::size_t>(got),
+                                          static_cast<std::uint64_t>(st.st_size), detail))
+                return fail(info, IFL_ERROR_FILE_READ, detail);
+        } else {
+            std::string detail;
+            if (!exrHeadersFit(source.data, source.size, source.size, detail))
+                return fail(info, IFL_ERROR_FILE_READ, detail);
         }
 
         OIIO::ImageSpec config;
         config.attribute("oiio:UnassociatedAlpha", 1);
-        auto input = OIIO::ImageInput::open(path, &config);
-        if (!input) {
-            std::string detail = OIIO::geterror();
-            const IflError code =
-                someDecoderClaims(path) ? IFL_ERROR_FILE_READ : IFL_ERROR_UNKNOWN_FORMAT;
-            return fail(info, code, detail.empty() ? "no decoder reads this file" : detail);
+        std::string openError;
+        Opened opened = openSource(source, config, openError);
+        if (!opened.input) {
+            const bool claimed = source.path ? someDecoderClaims(source.path) : !openError.empty();
+            const IflError code = claimed ? IFL_ERROR_FILE_READ : IFL_ERROR_UNKNOWN_FORMAT;
+            return fail(info, code, openError.empty() ? "no decoder reads this file" : openError);
         }
-        const OIIO::ImageSpec& spec = input->spec();
+        OIIO::ImageInput& input = *opened.input;
+        const OIIO::ImageSpec& spec = input.spec();
         if (spec.width <= 0 || spec.height <= 0 || spec.depth > 1 || spec.nchannels <= 0)
             return fail(info, IFL_ERROR_FILE_READ, "the picture has no pixels or is a volume");
         const std::int64_t pixels = std::int64_t{spec.width} * spec.height;
         if (pixels > IFL_MAX_PIXELS)
             return fail(info, IFL_ERROR_NO_MEMORY,
-                        "the picture has " + std::to_string(spec.width) + " x " +
-                            std::to_string(spec.height) + " pixels, more than IFL reads");
+                        "the header gives " + std::to_string(spec.width) + " x " +
+                            std::to_string(spec.height) +
+                            " pixels, more than the limit of one gigapixel");
 
         const int bits = depthOf(spec.format);
         int components = 0;
@@ -160,6 +319,12 @@ IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams
         }
         if (spec.nchannels > 4 || (spec.nchannels == 4 && components == 3))
             warnings.push_back("channels beyond colour and alpha were not read");
+
+        const std::string codec = input.format_name();
+        // TIFF says per file whether its alpha is associated; EXR always is.
+        const bool associated = components == 4 && (codec == "tiff" || codec == "openexr") &&
+                                spec.get_int_attribute("oiio:UnassociatedAlpha", 0) == 0;
+        const bool halfFloat = spec.format.basetype == OIIO::TypeDesc::HALF;
 
         const int type = components == 1 ? 2 : components == 3 ? 16 : 32;
         const int bytesPerPixel = bits / 8 * components;
@@ -186,11 +351,14 @@ IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams
             const std::size_t bytes =
                 static_cast<std::size_t>(stride) * static_cast<std::size_t>(spec.height);
             b.data = static_cast<std::uint8_t*>(iflAlloc(bytes, "iflLoadBitmap"));
-            if (!b.data) return fail(info, IFL_ERROR_NO_MEMORY, "no memory for the pixels");
-            const bool ok = input->read_image(0, 0, 0, readChannels, typeOfDepth(bits), b.data,
-                                              bytesPerPixel, b.bytesPerLine);
-            if (!ok || input->has_error()) {
-                std::string detail = input->geterror();
+            if (!b.data)
+                return fail(info, IFL_ERROR_NO_MEMORY,
+                            "no memory for the " + std::to_string(bytes / (1024 * 1024)) +
+                                " MiB of pixels");
+            const bool ok = input.read_image(0, 0, 0, readChannels, typeOfDepth(bits), b.data,
+                                             bytesPerPixel, b.bytesPerLine);
+            if (!ok || input.has_error()) {
+                std::string detail = input.geterror();
                 return fail(info, IFL_ERROR_FILE_READ,
                             detail.empty() ? "the pixels cannot be decoded" : detail);
             }
@@ -202,15 +370,31 @@ IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams
                 else
                     spreadGreyAlpha<float>(b);
             }
+            if (associated) {
+                if (bits == 8)
+                    unassociate<std::uint8_t>(b);
+                else if (bits == 16)
+                    unassociate<std::uint16_t>(b);
+                else
+                    unassociate<float>(b);
+            }
         }
 
-        const std::string codec = input->format_name();
         if (params.flags & IFL_LOAD_METADATA) {
             IflMetadata metadata;
-            ifl::readMetadata(path, spec, metadata, warnings);
+            if (source.path)
+                ifl::readMetadata([&] { return Exiv2::ImageFactory::open(source.path, false); },
+                                  spec, metadata, warnings);
+            else
+                ifl::readMetadata(
+                    [&] {
+                        return Exiv2::ImageFactory::open(source.data,
+                                                         static_cast<long>(source.size));
+                    },
+                    spec, metadata, warnings);
             if (!metadata.empty()) ifl::ensureMetadata(&b) = std::move(metadata);
         }
-        input->close();
+        input.close();
 
         if (info) {
             const ifl::FormatInfo* format = ifl::formatByCodec(codec);
@@ -220,6 +404,8 @@ IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams
             info->height = spec.height;
             info->channels = spec.nchannels;
             info->bitsPerComponent = bits;
+            info->halfFloat = halfFloat;
+            info->associatedAlpha = associated;
             info->report.warnings = std::move(warnings);
         }
         *bitmap = record.release();
@@ -229,4 +415,40 @@ IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams
     } catch (const std::exception& e) {
         return fail(info, IFL_ERROR_FILE_READ, e.what());
     }
+}
+
+} // namespace
+
+IflError iflGetDefaultLoadParams(IflLoadParams& params) {
+    params = IflLoadParams{};
+    return IFL_OK;
+}
+
+void iflFreeFileInformation(IflFileInformation* information) {
+    if (information) *information = IflFileInformation{};
+}
+
+IflError iflLoadBitmap(const char* path, IflBitmap** bitmap, const IflLoadParams& params,
+                       IflFileInformation* info) {
+    if (info) iflFreeFileInformation(info);
+    if (!bitmap) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no place for the bitmap");
+    *bitmap = nullptr;
+    if (!path || !*path) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no file name");
+    if (info) info->report.path = path;
+    Source source;
+    source.path = path;
+    return loadBitmap(source, bitmap, params, info);
+}
+
+IflError iflLoadBitmapFromMemory(const std::uint8_t* data, std::size_t size, IflBitmap** bitmap,
+                                 const IflLoadParams& params, IflFileInformation* info) {
+    if (info) iflFreeFileInformation(info);
+    if (!bitmap) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no place for the bitmap");
+    *bitmap = nullptr;
+    if (!data && size > 0) return fail(info, IFL_ERROR_BAD_PARAMETERS, "no bytes");
+    if (size == 0) return fail(info, IFL_ERROR_UNKNOWN_FORMAT, "no bytes to decode");
+    Source source;
+    source.data = data;
+    source.size = size;
+    return loadBitmap(source, bitmap, params, info);
 }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations" // Exiv2's auto_ptr
@@ -126,8 +127,18 @@ std::vector<std::uint8_t> writeKinds(const std::vector<std::uint8_t>& encoded,
         image->setByteOrder(metadata.exifByteOrder);
     }
     if (kinds & Iptc) image->setIptcData(metadata.iptc);
-    if (kinds & Xmp) {
-        image->setXmpPacket(metadata.xmp);
+    if ((kinds & Xmp) && tiff) {
+        // Exiv2 writes a TIFF's packet (tag 700) from its parsed form only.
+        Exiv2::XmpData parsed;
+        if (Exiv2::XmpParser::decode(parsed, metadata.xmp) != 0)
+            throw std::runtime_error("the XMP toolkit cannot parse the packet, and a TIFF's packet "
+                                     "is written from its parsed form");
+        image->setXmpData(parsed);
+    } else if (kinds & Xmp) {
+        // The packet as the source holds it, byte for byte: setXmpPacket
+        // would parse it first and refuse one the toolkit cannot read.
+        image->clearXmpData();
+        image->xmpPacket() = metadata.xmp;
         image->writeXmpFromPacket(true);
     }
     image->writeMetadata();
@@ -169,12 +180,12 @@ Exiv2Warnings::~Exiv2Warnings() {
     warningSink = previous;
 }
 
-void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetadata& out,
-                  std::vector<std::string>& warnings) {
+void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO::ImageSpec& spec,
+                  IflMetadata& out, std::vector<std::string>& warnings) {
     Exiv2Warnings capture(warnings);
     Exiv2::Image::AutoPtr image;
     try {
-        image = Exiv2::ImageFactory::open(path, false);
+        image = open();
     } catch (const Exiv2::AnyError&) {
         // Not a format Exiv2 reads: the decoder's attributes are all there is.
         metadataFromAttributes(spec, out, warnings);
@@ -197,6 +208,20 @@ void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetad
         image->byteOrder() == Exiv2::bigEndian ? Exiv2::bigEndian : Exiv2::littleEndian;
     out.iptc = image->iptcData();
     out.xmp = image->xmpPacket();
+    if (!out.xmp.empty() && image->xmpData().empty()) {
+        // The toolkit could not parse the packet (a repeated property, say).
+        // It still travels, as bytes; the toolkit's words replace its two
+        // log lines in one warning.
+        std::string reason;
+        std::erase_if(warnings, [&](const std::string& w) {
+            const bool toolkit = w.find("XMP Toolkit error") != std::string::npos;
+            if (toolkit && reason.empty()) reason = w.substr(w.find("XMP Toolkit error"));
+            return toolkit || w.find("Failed to decode XMP") != std::string::npos;
+        });
+        warnings.push_back("the XMP packet could not be parsed (" +
+                           (reason.empty() ? std::string("no reason given") : reason) +
+                           "); it is carried unchanged as the source's bytes");
+    }
 }
 
 void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec) {

@@ -1,10 +1,14 @@
 // Encoding: an IFL bitmap record into a picture file, with its metadata.
 //
 // The picture is encoded in memory by OpenImageIO, Exiv2 writes the metadata
-// into those bytes, and only then is a file made: under a temporary name in
-// the target folder, flushed to the disk, and renamed over the target. So a
-// failure at any step, a full disk included, leaves the target as it was (or
-// absent) and no partial or empty file anywhere.
+// into those bytes, and only then is a file made: nameless in the target
+// folder (O_TMPFILE), flushed to the disk, then linked under a hidden name and
+// renamed over the target. So a failure at any step, a full disk or a
+// file-size limit included, leaves the target as it was (or absent) and no
+// partial or empty file anywhere; a process killed while writing leaves
+// nothing either, since a nameless file disappears with it. Where the file
+// system has no nameless files the hidden name is used from the start, and
+// iflRemoveTemporaryFiles lets a signal handler remove it.
 //
 // Codes: bad arguments 50; a record without pixels, of a depth or component
 // count the format cannot hold 7; unknown format index 10; the file cannot be
@@ -16,15 +20,19 @@
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <climits>
+#include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <new>
 #include <string>
 #include <sys/stat.h>
+#include <type_traits>
 #include <unistd.h>
 
 namespace {
@@ -34,39 +42,49 @@ struct Failure {
     std::string detail;
 };
 
-// A file under a temporary name that is removed unless it was renamed.
+// Names of temporary files that exist right now, for iflRemoveTemporaryFiles
+// to remove from a signal handler: fixed slots, no allocation, a slot's name
+// complete before it is marked in use.
+constexpr int kSlots = 16;
+struct TemporarySlot {
+    std::atomic<int> state{0}; // 0 free, 1 being filled or emptied, 2 names a file
+    char name[PATH_MAX];
+};
+TemporarySlot temporarySlots[kSlots];
+
+// A save's file while it is written: nameless where the file system allows
+// (so that nothing can be left behind, whatever ends the process), else a
+// hidden name beside the target, removed unless it became the target.
 class TemporaryFile {
 public:
     TemporaryFile() = default;
     ~TemporaryFile() {
         if (fd >= 0) ::close(fd);
         if (!name.empty()) ::unlink(name.c_str());
+        release();
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-    // Makes a new file beside `target`; mode 0666 less the umask, as any new file.
+    // Makes the file in the target's folder; mode 0666 less the umask.
     bool create(const std::filesystem::path& target) {
-        static std::atomic<unsigned> counter{0};
-        const std::filesystem::path folder =
-            target.parent_path().empty() ? "." : target.parent_path();
+        folder = target.parent_path().empty() ? "." : target.parent_path();
+        fd = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        if (fd >= 0 && ::access("/proc/self/fd", X_OK) == 0) return true;
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+        // No nameless files here (or no /proc to name one by): a hidden name.
         for (int attempt = 0; attempt < 100; ++attempt) {
-            const auto tick = std::chrono::steady_clock::now().time_since_epoch().count();
-            std::string leaf = ".";
-            leaf += target.filename().string();
-            for (const long long part :
-                 {static_cast<long long>(::getpid()), static_cast<long long>(counter++),
-                  static_cast<long long>(tick % 100000)}) {
-                leaf += '.';
-                leaf += std::to_string(part);
-            }
-            leaf += ".part";
-            const std::string candidate = (folder / leaf).string();
+            const std::string candidate = hiddenName(target);
+            if (!hold(candidate)) return false;
             fd = ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
             if (fd >= 0) {
                 name = candidate;
                 return true;
             }
+            const int error = errno;
+            release();
+            errno = error;
             if (errno != EEXIST) return false;
         }
         return false;
@@ -89,27 +107,85 @@ public:
         return true;
     }
 
-    // Flushes and closes; a full disk may only show here.
-    bool finish() {
-        const bool synced = ::fsync(fd) == 0;
-        const int syncError = errno;
+    // Flushes to the disk; a full disk may only show here.
+    bool flush() { return ::fsync(fd) == 0; }
+
+    // Gives the file the target's name, replacing what was there.
+    bool commit(const std::filesystem::path& target) {
+        if (name.empty()) {
+            // A nameless file gets a hidden name first (a link cannot
+            // replace), then the rename puts it in place in one step.
+            const std::string proc = "/proc/self/fd/" + std::to_string(fd);
+            for (int attempt = 0;; ++attempt) {
+                const std::string candidate = hiddenName(target);
+                if (!hold(candidate)) return false;
+                if (::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, candidate.c_str(),
+                             AT_SYMLINK_FOLLOW) == 0) {
+                    name = candidate;
+                    break;
+                }
+                const int error = errno;
+                release();
+                errno = error;
+                if (errno != EEXIST || attempt == 100) return false;
+            }
+        }
         const bool closed = ::close(fd) == 0;
         fd = -1;
-        if (!synced) errno = syncError;
-        return synced && closed;
-    }
-
-    bool renameTo(const std::string& target) {
+        if (!closed) return false;
         if (::rename(name.c_str(), target.c_str()) != 0) return false;
         name.clear();
+        release();
         return true;
     }
 
     int descriptor() const { return fd; }
 
 private:
+    std::string hiddenName(const std::filesystem::path& target) const {
+        static std::atomic<unsigned> counter{0};
+        std::string leaf = ".";
+        leaf += target.filename().string();
+        for (const long long part :
+             {static_cast<long long>(::getpid()), static_cast<long long>(counter++)}) {
+            leaf += '.';
+            leaf += std::to_string(part);
+        }
+        leaf += ".part";
+        return (folder / leaf).string();
+    }
+
+    // Publishes the name for the signal handlers before the file exists.
+    bool hold(const std::string& candidate) {
+        if (candidate.size() >= PATH_MAX) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        for (int i = 0; i < kSlots; ++i) {
+            int expected = 0;
+            if (temporarySlots[i].state.compare_exchange_strong(expected, 1)) {
+                std::memcpy(temporarySlots[i].name, candidate.c_str(), candidate.size() + 1);
+                temporarySlots[i].state.store(2);
+                slot = i;
+                return true;
+            }
+        }
+        errno = EBUSY; // more saves at once than slots
+        return false;
+    }
+
+    void release() {
+        if (slot < 0) return;
+        temporarySlots[slot].state.store(1);
+        temporarySlots[slot].name[0] = '\0';
+        temporarySlots[slot].state.store(0);
+        slot = -1;
+    }
+
+    std::filesystem::path folder;
     int fd = -1;
     std::string name;
+    int slot = -1;
 };
 
 std::string systemError(const char* what) {
@@ -186,6 +262,50 @@ void checkTarget(const std::filesystem::path& target) {
     }
 }
 
+// The colour multiplied by alpha, for files that store it associated; the
+// copy has the bitmap's layout without line padding.
+template <typename T>
+std::vector<std::uint8_t> associatedCopy(const IflBitmap& b) {
+    constexpr bool integer = std::is_integral_v<T>;
+    constexpr double full = integer ? double(std::numeric_limits<T>::max()) : 1.0;
+    const std::size_t line = std::size_t{b.bytesPerPixel} * static_cast<std::size_t>(b.width);
+    std::vector<std::uint8_t> out(line * static_cast<std::size_t>(b.height));
+    for (int y = 0; y < b.height; ++y) {
+        const T* in =
+            reinterpret_cast<const T*>(b.data + static_cast<std::ptrdiff_t>(y) * b.bytesPerLine);
+        T* o = reinterpret_cast<T*>(out.data() + line * static_cast<std::size_t>(y));
+        for (int x = 0; x < b.width; ++x, in += 4, o += 4) {
+            const double alpha = double(in[3]) / full;
+            for (int c = 0; c < 3; ++c) {
+                const double v = double(in[c]) * alpha;
+                if constexpr (integer)
+                    o[c] = static_cast<T>(std::min(full, std::round(v)));
+                else
+                    o[c] = static_cast<T>(v);
+            }
+            o[3] = in[3];
+        }
+    }
+    return out;
+}
+
+// The photograph's resolution (EXIF's XResolution, YResolution and
+// ResolutionUnit) as encoder attributes: a TIFF's own directory and a PNG's
+// pHYs chunk are written by the encoder, not by Exiv2.
+void resolutionToAttributes(const IflMetadata& metadata, OIIO::ImageSpec& spec) {
+    const auto x = metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.XResolution"));
+    const auto y = metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.YResolution"));
+    if (x == metadata.exif.end() || y == metadata.exif.end() || x->count() == 0 || y->count() == 0)
+        return;
+    const float xr = x->toFloat(0), yr = y->toFloat(0);
+    if (!(xr > 0.0f) || !(yr > 0.0f)) return;
+    spec.attribute("XResolution", xr);
+    spec.attribute("YResolution", yr);
+    const auto unit = metadata.exif.findKey(Exiv2::ExifKey("Exif.Image.ResolutionUnit"));
+    const long code = unit != metadata.exif.end() && unit->count() > 0 ? unit->toLong(0) : 2;
+    spec.attribute("ResolutionUnit", code == 3 ? "cm" : code == 1 ? "none" : "in");
+}
+
 std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
                                  const ifl::FormatInfo& format, const IflSaveParams& params,
                                  const IflMetadata* metadata, std::vector<std::string>& warnings) {
@@ -205,11 +325,31 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
         ystride = xstride * b.width;
     }
 
-    OIIO::ImageSpec spec(b.width, b.height, channels, typeOfDepth(b.bitsPerComponent));
+    // Half floats where the source had them and the format holds them.
+    const bool half = b.bitsPerComponent == 32 && (params.flags & IFL_SAVE_HALF_FLOAT) &&
+                      (format.index == IFL_FORMAT_EXR || format.index == IFL_FORMAT_TIFF);
+    OIIO::ImageSpec spec(b.width, b.height, channels,
+                         half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF)
+                              : typeOfDepth(b.bitsPerComponent));
+    std::vector<std::uint8_t> associated;
     if (channels == 4) {
         spec.alpha_channel = 3;
-        spec.attribute("oiio:UnassociatedAlpha", 1);
+        // EXR always stores colour multiplied by alpha; a TIFF does when its
+        // source did. The bitmap holds it unassociated, as IFL loads it.
+        const bool associate =
+            format.index == IFL_FORMAT_EXR ||
+            (format.index == IFL_FORMAT_TIFF && (params.flags & IFL_SAVE_ASSOCIATED_ALPHA));
+        spec.attribute("oiio:UnassociatedAlpha", associate ? 0 : 1);
+        if (associate) {
+            associated = b.bitsPerComponent == 8    ? associatedCopy<std::uint8_t>(b)
+                         : b.bitsPerComponent == 16 ? associatedCopy<std::uint16_t>(b)
+                                                    : associatedCopy<float>(b);
+            pixels = associated.data();
+            xstride = b.bytesPerPixel;
+            ystride = xstride * b.width;
+        }
     }
+    if (metadata) resolutionToAttributes(*metadata, spec);
     if (const std::string compression = compressionOf(format, params.compression);
         !compression.empty())
         spec.attribute("compression", compression);
@@ -257,14 +397,17 @@ void writeFile(const std::filesystem::path& target, const std::vector<std::uint8
     // A replaced file keeps its permissions.
     struct stat st {};
     if (::stat(target.c_str(), &st) == 0) ::fchmod(file.descriptor(), st.st_mode & 07777);
-    if (!file.write(bytes.data(), bytes.size()))
+    if (!file.write(bytes.data(), bytes.size()) || !file.flush())
         throw Failure{IFL_ERROR_FILE_WRITE, systemError(target.c_str())};
-    if (!file.finish()) throw Failure{IFL_ERROR_FILE_WRITE, systemError(target.c_str())};
-    if (!file.renameTo(target.string()))
-        throw Failure{IFL_ERROR_FILE_WRITE, systemError(target.c_str())};
+    if (!file.commit(target)) throw Failure{IFL_ERROR_FILE_WRITE, systemError(target.c_str())};
 }
 
 } // namespace
+
+void iflRemoveTemporaryFiles() noexcept {
+    for (TemporarySlot& slot : temporarySlots)
+        if (slot.state.load() == 2) ::unlink(slot.name);
+}
 
 IflError iflGetDefaultSaveParams(IflSaveParams& params) {
     params = IflSaveParams{};

@@ -171,6 +171,12 @@ QString ZHazeOne2One::outputPathFor(const QString& sourcePath, bool forcesTiff) 
            QLatin1Char('.') + suffix;
 }
 
+QString ZHazeOne2One::outputPath(const QString& sourcePath) {
+    ZIApplication* host = ZIApplication::instance();
+    ZIHostImage* image = host ? host->image(sourcePath) : nullptr;
+    return outputPathFor(sourcePath, image && image->forcesTiff());
+}
+
 int ZHazeOne2One::targetType(int channelCount) {
     if (channelCount == 1) return ZImage::Gray;
     if (channelCount == 3) return ZImage::RGB;
@@ -181,6 +187,17 @@ int ZHazeOne2One::targetDepth(int bitDepth) {
     if (bitDepth < 9) return 8;
     if (bitDepth <= 16) return 16;
     return 32;
+}
+
+qint64 ZHazeOne2One::runBytesPerPixel(int channelCount, int bitDepth) {
+    // The run goes band by band, so no full-size float picture or map is
+    // held: the source as the host holds it, the output O in its target
+    // format, and the decoder's own buffers, which measure at about one more
+    // copy of the source while a file is read.
+    const int sourceBytes = std::max(1, channelCount) * ((std::max(1, bitDepth) + 7) / 8);
+    const int outputBytes =
+        ZImage::ComponentsOfType(targetType(channelCount)) * targetDepth(bitDepth) / 8;
+    return 2 * sourceBytes + outputBytes;
 }
 
 void ZHazeOne2One::runHazeRemoval(ZImage& image, HazeSettings* settings) const {
@@ -197,6 +214,21 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     const bool forcesTiff = image->forcesTiff();
     outputPath = outputPathFor(sourcePath, forcesTiff);
     const QString format = QFileInfo(outputPath).suffix();
+
+    // What would make the run end without a file is found before the work:
+    // an unknown format, a folder that cannot be written, too little memory.
+    // A source whose header cannot be read has no size; acquiring it below
+    // says why.
+    const qint64 pixels = qint64{image->width()} * image->height();
+    if (pixels > 0) {
+        CheckBeforeSave(outputPath, format, Z_LOCATION);
+        // The solve of the working image has a fixed size whatever the
+        // picture's (about 135 MiB measured, rounded up).
+        constexpr qint64 solveBytes = qint64{256} * 1024 * 1024;
+        CheckForMemory(pixels * runBytesPerPixel(image->channelCount(), image->bitDepth()) +
+                           solveBytes,
+                       sourcePath, Z_LOCATION);
+    }
 
     // The source's pixels go to the output's format band by band through
     // the float form that the haze removal works in; neither that form nor

@@ -45,6 +45,7 @@ public:
                       QString& outputPath) override;
     void configureImages(const QStringList& paths) override;
     QDomElement settingsElement(const QString& path) override;
+    QString outputPath(const QString& sourcePath) override;
 
     // The whole haze algorithm on a float RGBA image, in place.
     void runHazeRemoval(ZImage& image, HazeSettings* settings) const;
@@ -55,6 +56,8 @@ public:
     // Colour type and depth of the output for the source's channels and bits.
     static int targetType(int channelCount);
     static int targetDepth(int bitDepth);
+    // Bytes per pixel that a run holds at its peak, for the memory check.
+    static qint64 runBytesPerPixel(int channelCount, int bitDepth);
 
     const QMap<ZIHostImage*, HazeSettings*>& settingsMap() const { return m_settingsMap; }
 

@@ -19,6 +19,9 @@ public:
     virtual void configureImages(const QStringList& paths) = 0;
     // The settings of one image as an XML element.
     virtual QDomElement settingsElement(const QString& path) = 0;
+    // The path processImage would write for this source, so that a host can
+    // find outputs that collide or exist before any work is done.
+    virtual QString outputPath(const QString& sourcePath) = 0;
 };
 
 #define ZIPluginOne2One_iid "ZIPluginOne2One"

@@ -19,6 +19,7 @@
 #include <OpenImageIO/imageio.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -68,11 +69,12 @@ private:
     std::vector<std::string>* previous;
 };
 
-// Reads profile and metadata of a file. Exiv2 reads the formats it knows;
-// for the others (EXR, HDR...) what the decoder found is taken from `spec`.
-// Never fails: what cannot be read is named in `warnings` and left out.
-void readMetadata(const std::string& path, const OIIO::ImageSpec& spec, IflMetadata& out,
-                  std::vector<std::string>& warnings);
+// Reads profile and metadata of a file; `open` gives Exiv2's view of it and
+// throws for a format Exiv2 does not read. For those (EXR, HDR...) what the
+// decoder found is taken from `spec`. Never fails: what cannot be read is
+// named in `warnings` and left out.
+void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO::ImageSpec& spec,
+                  IflMetadata& out, std::vector<std::string>& warnings);
 
 // Puts the metadata into encoder attributes, for formats Exiv2 cannot write.
 void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec);

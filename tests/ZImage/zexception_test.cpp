@@ -88,3 +88,20 @@ TEST(RaiseIflError, PathMakesASecondLineWithTheAbsolutePath) {
             .arg(QDir::current().absoluteFilePath(QStringLiteral("sub/photo.jpg")));
     EXPECT_EQ(QString::fromStdString(relative.what()), expected);
 }
+
+TEST(RaiseIflError, AReasonMakesTheLastLine) {
+    try {
+        RaiseIflError(1, QStringLiteral("/x/a.jpg"), QStringLiteral("here"),
+                      QStringLiteral("Permission denied"));
+        FAIL() << "no exception";
+    } catch (const ZException& e) {
+        EXPECT_STREQ(e.what(), "Error IFL : \"IFL_ERROR_FILE_OPEN\"\nFile : \"/x/a.jpg\"\n"
+                               "Reason : Permission denied");
+    }
+    try {
+        RaiseIflError(5, QString(), QStringLiteral("here"), QStringLiteral("too large"));
+        FAIL() << "no exception";
+    } catch (const ZException& e) {
+        EXPECT_STREQ(e.what(), "Error IFL : \"IFL_ERROR_NO_MEMORY\"\nReason : too large");
+    }
+}

@@ -8,6 +8,12 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <sys/resource.h>
+#include <unistd.h>
+
 namespace {
 
 struct CliResult {
@@ -15,8 +21,11 @@ struct CliResult {
     QString output; // standard output and error together
 };
 
-CliResult skyrinse(const QStringList& arguments, const QString& home) {
+CliResult skyrinse(const QStringList& arguments, const QString& home,
+                   const std::function<void()>& inChild = {},
+                   QProcess::ExitStatus* status = nullptr, int killAfterMs = -1) {
     QProcess process;
+    if (inChild) process.setChildProcessModifier(inChild);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     // A private settings store, so a stored default of the user cannot leak in.
     environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home);
@@ -24,7 +33,10 @@ CliResult skyrinse(const QStringList& arguments, const QString& home) {
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QStringLiteral(SKYRINSE_BINARY), arguments);
+    if (killAfterMs >= 0 && !process.waitForFinished(killAfterMs))
+        ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
     EXPECT_TRUE(process.waitForFinished(120000));
+    if (status) *status = process.exitStatus();
     return {process.exitCode(), QString::fromLocal8Bit(process.readAll())};
 }
 
@@ -46,6 +58,19 @@ protected:
     }
     QTemporaryDir dir;
 };
+
+QByteArray bytesOf(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Files of a folder with their bytes, to show that a run changed nothing.
+QMap<QString, QByteArray> snapshot(const QDir& dir) {
+    QMap<QString, QByteArray> files;
+    for (const QString& name : dir.entryList(QDir::Files | QDir::Hidden))
+        files.insert(name, bytesOf(dir.filePath(name)));
+    return files;
+}
 
 } // namespace
 
@@ -69,6 +94,7 @@ TEST_F(SkyrinseCli, BadOptionsAreRefusedBeforeAnyWork) {
         {QStringLiteral("--strength"), QStringLiteral("12.5"), photo},
         {QStringLiteral("--threads"), QStringLiteral("0"), photo},
         {QStringLiteral("--threads"), QStringLiteral("many"), photo},
+        {QStringLiteral("--bogus"), photo}, // an unknown option is a bad command line too
         {},
     };
     for (const QStringList& arguments : bad) {
@@ -138,7 +164,8 @@ TEST_F(SkyrinseCli, WithoutStrengthTheDefaultIsSixtyAndZeroChangesNothing) {
         << defaulted.output.toStdString();
     const QImage strong(folder.filePath(QStringLiteral("p_dehazed.jpg")));
 
-    const CliResult zero = run({QStringLiteral("--strength"), QStringLiteral("0"), photo});
+    const CliResult zero = run(
+        {QStringLiteral("--overwrite"), QStringLiteral("--strength"), QStringLiteral("0"), photo});
     EXPECT_EQ(zero.exitCode, 0);
     const QImage unchanged(folder.filePath(QStringLiteral("p_dehazed.jpg")));
     const QImage source(photo);
@@ -175,7 +202,7 @@ TEST_F(SkyrinseCli, SolverReportsReachStandardOutputOnlyWhenVerbose) {
     const QString photo = writeJpeg(QDir(dir.path()), QStringLiteral("v.jpg"));
     for (const bool verbose : {false, true}) {
         QProcess process;
-        QStringList arguments{photo};
+        QStringList arguments{QStringLiteral("--overwrite"), photo};
         if (verbose) arguments.prepend(QStringLiteral("--verbose"));
         process.start(QStringLiteral(SKYRINSE_BINARY), arguments);
         ASSERT_TRUE(process.waitForFinished(120000));
@@ -183,6 +210,204 @@ TEST_F(SkyrinseCli, SolverReportsReachStandardOutputOnlyWhenVerbose) {
         const QByteArray out = process.readAllStandardOutput();
         EXPECT_EQ(out.isEmpty(), !verbose) << out.toStdString();
         EXPECT_TRUE(process.readAllStandardError().contains("v_dehazed.jpg"));
+    }
+}
+
+TEST_F(SkyrinseCli, OutputsThatCollideAreRefusedBeforeAnyWork) {
+    struct Case {
+        const char* name;
+        QStringList sources;
+        const char* output; // what both would be written as
+    };
+    const Case cases[] = {
+        {"suffix case", {QStringLiteral("a.jpg"), QStringLiteral("a.JPG")}, "a_dehazed.jpg"},
+        // PPM is read but not written, so it becomes the TIFF's output name.
+        {"forced tiff", {QStringLiteral("b.ppm"), QStringLiteral("b.tiff")}, "b_dehazed.tiff"},
+        {"same file twice", {QStringLiteral("c.jpg"), QStringLiteral("c.jpg")}, "c_dehazed.jpg"},
+        {"output is a source",
+         {QStringLiteral("d.png"), QStringLiteral("d_dehazed.png")},
+         "d_dehazed.png"},
+    };
+    for (const Case& c : cases) {
+        QTemporaryDir folder;
+        const QDir here(folder.path());
+        QStringList paths;
+        for (const QString& name : c.sources) {
+            const QString path = here.filePath(name);
+            if (!QFileInfo::exists(path)) {
+                QImage image(24, 16, QImage::Format_RGB888);
+                image.fill(QColor(200, 205, 210));
+                // Qt writes no TIFF; a TIFF's output name is the same whatever
+                // it holds, so the PPM's bytes stand in.
+                const QString format = QFileInfo(name).suffix().toUpper();
+                ASSERT_TRUE(image.save(
+                    path, format == QLatin1String("TIFF") ? "PPM" : format.toLatin1().constData()))
+                    << name.toStdString();
+            }
+            paths << path;
+        }
+        const auto before = snapshot(here);
+        const CliResult result = run(paths);
+        EXPECT_EQ(result.exitCode, 2) << c.name << ": " << result.output.toStdString();
+        EXPECT_TRUE(result.output.contains(here.filePath(QLatin1String(c.output))))
+            << c.name << ": " << result.output.toStdString();
+        for (const QString& path : paths)
+            EXPECT_TRUE(result.output.contains(path)) << c.name << ": both names are given";
+        EXPECT_EQ(snapshot(here), before) << c.name << ": nothing written, sources untouched";
+    }
+}
+
+TEST_F(SkyrinseCli, AnExistingOutputIsKeptUnlessOverwriteIsGiven) {
+    const QDir folder(dir.path());
+    const QString photo = writeJpeg(folder, QStringLiteral("p.jpg"));
+    const QString output = folder.filePath(QStringLiteral("p_dehazed.jpg"));
+    QFile old(output);
+    ASSERT_TRUE(old.open(QIODevice::WriteOnly));
+    old.write("an earlier result");
+    old.close();
+    const QByteArray source = bytesOf(photo);
+
+    const CliResult kept = run({photo});
+    EXPECT_EQ(kept.exitCode, 1) << kept.output.toStdString();
+    EXPECT_TRUE(kept.output.contains(QStringLiteral("--overwrite"))) << kept.output.toStdString();
+    EXPECT_EQ(bytesOf(output), QByteArray("an earlier result"));
+
+    const CliResult replaced = run({QStringLiteral("--overwrite"), photo});
+    EXPECT_EQ(replaced.exitCode, 0) << replaced.output.toStdString();
+    EXPECT_EQ(QImage(output).size(), QSize(40, 30));
+    EXPECT_EQ(bytesOf(photo), source);
+    EXPECT_TRUE(run({QStringLiteral("--help")}).output.contains(QStringLiteral("--overwrite")));
+}
+
+TEST_F(SkyrinseCli, ANameThatIsNotUtf8IsOpenedAndItsOutputNamedAlike) {
+    const QByteArray folder = QFile::encodeName(dir.path());
+    const QByteArray name =
+        folder + "/caf\xe9.jpg"; // Latin-1, as old cameras and shares name files
+    const QString plain = writeJpeg(QDir(dir.path()), QStringLiteral("plain.jpg"));
+    ASSERT_EQ(::rename(QFile::encodeName(plain).constData(), name.constData()), 0);
+    // The argument goes to the child as the same bytes.
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"),
+                                              QStringLiteral("exec \"$0\" --strength 30 \"$(printf "
+                                                             "'%s/caf\\351.jpg' \"$1\")\""),
+                                              QStringLiteral(SKYRINSE_BINARY), dir.path()});
+    ASSERT_TRUE(process.waitForFinished(120000));
+    EXPECT_EQ(process.exitCode(), 0) << process.readAll().toStdString();
+    const QByteArray output = folder + "/caf\xe9_dehazed.jpg";
+    EXPECT_EQ(::access(output.constData(), R_OK), 0) << "no output under the same bytes";
+    // QTemporaryDir removes by QString names, which cannot hold these bytes.
+    ::unlink(output.constData());
+    ::unlink(name.constData());
+}
+
+TEST_F(SkyrinseCli, ChecksBeforeWorkRefuseAtOnceWithTheCause) {
+    const QDir folder(dir.path());
+    struct Case {
+        const char* name;
+        std::function<QString()> make;
+        std::function<void()> inChild;
+        const char* says;
+    };
+    const Case cases[] = {
+        {"no suffix",
+         [&] {
+             const QString path = writeJpeg(folder, QStringLiteral("x.jpg"));
+             const QString bare = folder.filePath(QStringLiteral("nosuffix"));
+             QFile::rename(path, bare);
+             return bare;
+         },
+         {},
+         "the name has no suffix that tells the format"},
+        {"too little memory",
+         [&] {
+             // 900 megapixels need about 3 GB; the child may map 2 GB in all.
+             // Only the header is read before the refusal, so the pixels
+             // need not be there.
+             const QString path = folder.filePath(QStringLiteral("big.pgm"));
+             QFile file(path);
+             file.open(QIODevice::WriteOnly);
+             file.write("P5\n30000 30000\n255\n");
+             file.write(QByteArray(64, '\x80'));
+             return path;
+         },
+         [] {
+             const rlimit limit{2000000000, 2000000000};
+             ::setrlimit(RLIMIT_AS, &limit);
+         },
+         "Not enough memory for"},
+    };
+    for (const Case& c : cases) {
+        const QString source = c.make();
+        const QByteArray before = bytesOf(source);
+        const CliResult result = skyrinse({QStringLiteral("--verbose"), source},
+                                          dir.filePath(QStringLiteral("config")), c.inChild);
+        EXPECT_EQ(result.exitCode, 1) << c.name;
+        EXPECT_TRUE(result.output.contains(QLatin1String(c.says)))
+            << c.name << ": " << result.output.toStdString();
+        // Refused before the solver ran: none of its statistics were printed.
+        EXPECT_FALSE(result.output.contains(QStringLiteral("factorizations")))
+            << c.name << ": " << result.output.toStdString();
+        EXPECT_EQ(bytesOf(source), before);
+    }
+}
+
+TEST_F(SkyrinseCli, AnInterruptedRunLeavesNoFileAndEndsByItsSignal) {
+    struct Case {
+        const char* name;
+        std::function<void()> inChild;
+        int killAfterMs;
+    };
+    const Case cases[] = {
+        // The output needs more than 2 KiB: the write meets the limit.
+        {"file-size limit",
+         [] {
+             const rlimit limit{2048, 2048};
+             ::setrlimit(RLIMIT_FSIZE, &limit);
+         },
+         -1},
+        {"terminated", {}, 400},
+    };
+    for (const Case& c : cases) {
+        QTemporaryDir folder;
+        QImage image(600, 400, QImage::Format_RGB888);
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                image.setPixelColor(x, y, QColor((x * 7 + y) % 256, (x * y) % 256, (y * 3) % 256));
+        const QString source = QDir(folder.path()).filePath(QStringLiteral("n.png"));
+        ASSERT_TRUE(image.save(source));
+        const auto before = snapshot(QDir(folder.path()));
+        QProcess::ExitStatus status = QProcess::NormalExit;
+        const CliResult result = skyrinse({source}, dir.filePath(QStringLiteral("config")),
+                                          c.inChild, &status, c.killAfterMs);
+        EXPECT_EQ(status, QProcess::CrashExit) << c.name << ": " << result.output.toStdString();
+        EXPECT_EQ(snapshot(QDir(folder.path())), before) << c.name;
+    }
+}
+
+TEST_F(SkyrinseCli, LibraryChatterOnlyWithVerbose) {
+    // A PNG cut short makes libpng print its own error besides ours.
+    const QString good = writeJpeg(QDir(dir.path()), QStringLiteral("g.jpg"));
+    QImage image(64, 64, QImage::Format_RGB888);
+    image.fill(QColor(10, 200, 30));
+    const QString cut = QDir(dir.path()).filePath(QStringLiteral("cut.png"));
+    ASSERT_TRUE(image.save(cut));
+    QFile file(cut);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.resize(file.size() / 2);
+    file.close();
+    for (const bool verbose : {false, true}) {
+        QStringList arguments{cut, good};
+        if (verbose) arguments.prepend(QStringLiteral("--verbose"));
+        const CliResult result = run(arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_TRUE(result.output.contains(QStringLiteral("Reason : "))) << "the cause, always";
+        EXPECT_EQ(result.output.contains(QStringLiteral("libpng")), verbose)
+            << result.output.toStdString();
+        QFile::remove(QDir(dir.path()).filePath(QStringLiteral("g_dehazed.jpg")));
     }
 }
 

@@ -309,3 +309,87 @@ TEST(BrokenMetadata, AnInvalidProfileIsDroppedAndTheRestKept) {
 }
 
 } // namespace
+
+namespace {
+
+// A JPEG made here whose XMP packet has a repeated property, which the XMP
+// toolkit refuses to parse, as some camera software writes them.
+std::string jpegWithBrokenXmp(const QTemporaryDir& folder, std::string& packet) {
+    const QString path = folder.filePath(QStringLiteral("brokenxmp.jpg"));
+    makePicture(8, 8, ZImage::RGB, 8).Save(path, QStringLiteral("jpeg"), -1, QString());
+    packet = "<?xpacket begin=\"\xef\xbb\xbf\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>"
+             "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF "
+             "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description "
+             "rdf:about=\"\" xmlns:xmp=\"http://ns.adobe.com/xap/1.0/\" xmp:Rating=\"3\" "
+             "xmp:Rating=\"4\"/></rdf:RDF></x:xmpmeta><?xpacket end=\"w\"?>";
+    const std::string name = "http://ns.adobe.com/xap/1.0/";
+    std::vector<std::uint8_t> bytes = readBytes(path.toStdString());
+    const std::size_t length = 2 + name.size() + 1 + packet.size();
+    std::vector<std::uint8_t> segment{0xFF, 0xE1, std::uint8_t(length >> 8),
+                                      std::uint8_t(length & 0xFF)};
+    segment.insert(segment.end(), name.begin(), name.end());
+    segment.push_back(0);
+    segment.insert(segment.end(), packet.begin(), packet.end());
+    bytes.insert(bytes.begin() + 2, segment.begin(), segment.end());
+    writeBytes(path.toStdString(), bytes);
+    return path.toStdString();
+}
+
+} // namespace
+
+TEST(MetadataAsBytes, TheXmpPacketTravelsAsTheSourceHoldsIt) {
+    QTemporaryDir folder;
+    std::string broken;
+    const std::string brokenSource = jpegWithBrokenXmp(folder, broken);
+    const std::string goodSource = dataFile("metadata/exif_iptc_xmp_icc.jpg");
+    const std::string good = readMetadata(goodSource).xmp;
+    ASSERT_FALSE(good.empty());
+    struct Case {
+        const std::string& source;
+        const std::string& packet;
+        const char* format;
+        bool parsable;
+    };
+    // A TIFF's packet is written from its parsed form, so only JPEG and PNG
+    // carry an unparsable one; TiffDropsAnUnparsablePacketWithTheReason
+    // covers the TIFF.
+    const Case cases[] = {{brokenSource, broken, "jpeg", false},
+                          {brokenSource, broken, "png", false},
+                          {goodSource, good, "jpeg", true},
+                          {goodSource, good, "png", true}};
+    int n = 0;
+    for (const Case& c : cases) {
+        const std::vector<std::uint8_t> sourceBytes = readBytes(c.source);
+        ZImage image = makePicture(8, 8, ZImage::RGB, 8);
+        const QString path = folder.filePath(QStringLiteral("out%1.").arg(n++) + c.format);
+        QStringList notes;
+        image.Save(path, QLatin1String(c.format), -1, QString::fromStdString(c.source), &notes);
+        const std::string joined = notes.join(QLatin1Char('\n')).toStdString();
+        EXPECT_EQ(readMetadata(path.toStdString()).xmp, c.packet) << c.format << " " << c.parsable;
+        if (c.parsable) {
+            EXPECT_TRUE(notes.isEmpty()) << joined;
+        } else {
+            // Named once, with the toolkit's reason, and never as dropped.
+            ASSERT_EQ(notes.size(), 1) << joined;
+            EXPECT_NE(joined.find("could not be parsed (XMP Toolkit error"), std::string::npos)
+                << joined;
+            EXPECT_EQ(joined.find("dropped"), std::string::npos) << joined;
+        }
+        EXPECT_EQ(readBytes(c.source), sourceBytes);
+    }
+}
+
+TEST(MetadataAsBytes, TiffDropsAnUnparsablePacketWithTheReason) {
+    QTemporaryDir folder;
+    std::string packet;
+    const std::string source = jpegWithBrokenXmp(folder, packet);
+    ZImage image = makePicture(8, 8, ZImage::RGB, 8);
+    const QString path = folder.filePath(QStringLiteral("out.tif"));
+    QStringList notes;
+    image.Save(path, QStringLiteral("tiff"), -1, QString::fromStdString(source), &notes);
+    const std::string joined = notes.join(QLatin1Char('\n')).toStdString();
+    EXPECT_NE(joined.find("XMP could not be written and was dropped: the XMP toolkit cannot parse"),
+              std::string::npos)
+        << joined;
+    EXPECT_TRUE(readMetadata(path.toStdString()).xmp.empty());
+}

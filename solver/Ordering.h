@@ -57,6 +57,18 @@ struct OrderingTimes {
 
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out);
 
+// The same on a graph the caller has already put into out.xadj/adjncy in the
+// form buildOrderingGraph gives (symmetric, one-based, no diagonal, rows
+// ascending and free of duplicates); in.ia/ja are not read.
+OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out);
+
+// Puts into out.xadj/adjncy the ordering graph of a full symmetric pattern
+// (zero-based ia/ja, both triangles, diagonal allowed) by dropping its
+// diagonal, when every row is strictly ascending; returns false, leaving out
+// untouched, otherwise (the caller then builds the graph from the matrix).
+bool graphFromFullPattern(int n, const int* ia, const int* ja, OrderingResult& out,
+                          MemoryCounter* memory);
+
 // Building blocks, exposed for the tests.
 
 // The ordering graph: structure of A + A^T (or the full symmetric structure

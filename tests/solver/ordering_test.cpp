@@ -48,6 +48,26 @@ TEST(OrderingGraph, IsTheSymmetrisedPatternWithoutDiagonalOrDuplicates) {
     EXPECT_EQ(rows, (std::vector<std::vector<int>>{{2, 3}, {1, 4}, {1}, {2}}));
 }
 
+TEST(OrderingGraph, TakenFromAFullPatternOnlyWhenEveryRowAscendsStrictly) {
+    // The couplings above as a zero-based full pattern with its diagonal.
+    const std::vector<int> ia = {0, 3, 6, 8, 10};
+    const std::vector<int> clean = {0, 1, 2, 0, 1, 3, 0, 2, 1, 3};
+    OrderingResult out;
+    ASSERT_TRUE(graphFromFullPattern(4, ia.data(), clean.data(), out, nullptr));
+    std::vector<std::vector<int>> rows;
+    for (int i = 0; i < 4; ++i)
+        rows.emplace_back(out.adjncy.data() + out.xadj[i] - 1,
+                          out.adjncy.data() + out.xadj[i + 1] - 1);
+    EXPECT_EQ(rows, (std::vector<std::vector<int>>{{2, 3}, {1, 4}, {1}, {2}}));
+    // A repeated or a descending entry: the graph must be built from the matrix.
+    for (const std::vector<int>& bad : {std::vector<int>{0, 1, 1, 0, 1, 3, 0, 2, 1, 3},
+                                        std::vector<int>{0, 1, 2, 0, 1, 3, 2, 0, 1, 3}}) {
+        OrderingResult refused;
+        EXPECT_FALSE(graphFromFullPattern(4, ia.data(), bad.data(), refused, nullptr));
+        EXPECT_TRUE(refused.xadj.empty());
+    }
+}
+
 TEST(Domains, FromDissectionSizesInNumberingOrder) {
     // p = 4: leaves 13 12 13 12, separators 3 3, root 8: the order is
     // leaf0 leaf1 sep01 leaf2 leaf3 sep23 root.

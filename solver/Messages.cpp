@@ -236,10 +236,17 @@ constexpr const char* kSolverRows[] = {
     "=== SPDS is running in In-Core mode, because iparam(60)=0 ===",     // 989
     "=== SPDS is running in Out-Of-Core mode, because iparam(60)=2 ===", // 990
     "Sorry, no statistics for %s in case of a diagonal matrix",          // 991
+    // Rows added by this solver: the figures that iparm returns, so that a
+    // report read alone tells the memory and the work of the refinement.
+    "             peak memory of the analysis (KB):               %d", // 992
+    "             permanent memory of the analysis (KB):          %d", // 993
+    "             memory of factorization and solve (KB):         %d", // 994
+    "             perturbed pivots:                               %d", // 995
+    "             iterative refinement steps:                     %d", // 996
 };
 
 constexpr int kLastSolverRow = kFirstSolverRow + static_cast<int>(std::size(kSolverRows)) - 1;
-static_assert(kLastSolverRow == 991);
+static_assert(kLastSolverRow == 996);
 
 std::string format(const char* row, int count, std::va_list args) {
     if (count <= 0) return row;

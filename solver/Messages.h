@@ -2,7 +2,7 @@
 // format of one table, so that a report names its lines by number and a
 // translated table could replace the words without touching the code.
 //
-// Row 0 is a line end; rows 772 to 991 are the solver's. The other numbers of
+// Row 0 is a line end; rows 772 to 996 are the solver's. The other numbers of
 // the numerical library's 1080-row table are reserved and have no text here.
 // There is no run-time catalogue loader on Linux: the built-in table is the
 // only one (docs/spds.md says how a translation would come in).

@@ -17,10 +17,10 @@ struct IdRow {
     int number;
 };
 constexpr IdRow kSingleIds[] = {
-    {-4, 883},  {-2, 881},  {1, 885},   {2, 880},   {3, 886},   {4, 882},   {6, 884},
-    {11, 887},  {13, 888},  {101, 899}, {102, 898}, {103, 913}, {104, 897}, {134, 944},
-    {136, 946}, {138, 948}, {140, 952}, {141, 953}, {215, 924}, {240, 949}, {241, 950},
-    {242, 951}, {310, 807}, {401, 809}, {402, 810}, {440, 843}, {441, 844},
+    {-4, 883},  {-2, 881},  {1, 885},   {2, 880},   {3, 886},   {4, 882},   {6, 884},   {11, 887},
+    {13, 888},  {101, 899}, {102, 898}, {103, 913}, {104, 897}, {134, 944}, {136, 946}, {138, 948},
+    {140, 952}, {141, 953}, {215, 924}, {240, 949}, {241, 950}, {242, 951}, {243, 992}, {244, 993},
+    {245, 994}, {246, 995}, {247, 996}, {310, 807}, {401, 809}, {402, 810}, {440, 843}, {441, 844},
 };
 struct IdRange {
     int first;
@@ -292,6 +292,9 @@ void spds_statistics(const ReportCall& c, Handle* h, double callSeconds) {
     }
     spds_message(0, 0, 0);
 
+    // A handle without an analysis has no factor to describe; its figures
+    // would all be zeros and leftovers.
+    if (!h->hasAnalysis) return;
     const SymbolicResult& s = h->symbolic;
     spds_report(103);
     spds_report(104);
@@ -331,6 +334,11 @@ void spds_statistics(const ReportCall& c, Handle* h, double callSeconds) {
     spds_report(134, clampInt(nnzL));
     spds_report(136, clampInt(nnzU));
     spds_report(138, clampInt(nnzL + nnzU));
+    spds_report(243, c.iparm[14]);
+    spds_report(244, c.iparm[15]);
+    spds_report(245, c.iparm[16]);
+    if (stagePhase > 11) spds_report(246, c.iparm[13]);
+    if (stagePhase % 10 == 3) spds_report(247, c.iparm[6]);
     if (stagePhase > 11) {
         const double gflop =
             factorizationOperations(s, h->n, !h->symmetricStorage) / 1000.0; // millions -> 10^9

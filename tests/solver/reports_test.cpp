@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
 using namespace spdstest;
@@ -58,6 +60,12 @@ TEST(Statistics, EachCallDescribesWhatItRan) {
           std::string("gflop   for the numerical factorization:")})
         EXPECT_TRUE(has(all, line)) << line << "\n" << all;
 
+    // The figures the report prints are those the call returned.
+    for (const std::string& line : {spds_text(992, 1, h.iparm[14]), spds_text(993, 1, h.iparm[15]),
+                                    spds_text(994, 1, h.iparm[16]), spds_text(995, 1, h.iparm[13]),
+                                    spds_text(996, 1, h.iparm[6]), spds_text(948, 1, h.iparm[17])})
+        EXPECT_TRUE(has(all, line + "\n")) << line << "\n" << all;
+
     const std::string solve = captured([&] { ASSERT_EQ(h.call(33, s, &b, &x), 0); });
     EXPECT_TRUE(has(solve, "Summary SPDS: ( solve to solve )")) << solve;
     EXPECT_TRUE(has(solve, "      Time solve  :"));
@@ -75,44 +83,58 @@ struct FailureRow {
     const char* what;
     int expected;
     std::vector<std::string> lines;
+    std::function<int(Spds<double>&)> call;
 };
 
 TEST(ErrorReport, EachFailureNamesItsCause) {
     const System spd = fromEntries("grid", 2, 16, gridEntries(4, 4, 1.0));
     const System indefinite = fromEntries("shifted", 2, 16, gridEntries(4, 4, -20.0));
+    std::vector<double> b(16, 1.0), x(16);
     const std::vector<FailureRow> rows = {
         {"unknown matrix type",
          -1,
          {"( sequence_ido,parameters) error_num= 15", "matrix_type_new 9 (out of bounds)",
           "*** Input parameters: inconsistent error= 15 max_fac_store_in: 1",
-          "          ido_in           : 11 neqns_in         : 16"}},
+          "          ido_in           : 11 neqns_in         : 16"},
+         [&](Spds<double>& h) {
+             System bad = spd;
+             bad.mtype = 9;
+             return h.call(11, bad);
+         }},
         {"solve before analysis",
          -1,
-         {"( sequence_ido,parameters) error_num= 100000", "clean impossible (ido?)"}},
+         {"( sequence_ido,parameters) error_num= 100000", "clean impossible (ido?)"},
+         [&](Spds<double>& h) { return h.call(33, spd, &b, &x); }},
+        {"columns out of order under the checker",
+         -1,
+         {"(incorrect input matrix  ) error_num= 24", "*** Input check: j="},
+         [&](Spds<double>& h) {
+             System bad = spd;
+             std::swap(bad.ja[1], bad.ja[2]);
+             h.iparm[26] = 1;
+             return h.call(11, bad);
+         }},
+        {"no memory for the analysis",
+         -2,
+         {"(     insufficient_memory) error_num=", "*** Error in SPDS memory allocation:",
+          "total memory wanted here:", "symbolic (max):"},
+         [&](Spds<double>& h) {
+             FailingHeap heap(3);
+             return h.call(11, spd);
+         }},
         {"cholesky of an indefinite matrix",
          -4,
-         {"( numerical_factorization) error_num= ", "zero or negative pivot, A is not SPD"}},
+         {"( numerical_factorization) error_num= ", "zero or negative pivot, A is not SPD"},
+         [&](Spds<double>& h) { return h.call(12, indefinite); }},
     };
     for (const FailureRow& row : rows) {
         Spds<double> h;
         h.msglvl = 1;
         int error = 0;
-        const std::string what = row.what;
-        const std::string out = captured([&] {
-            if (what == "unknown matrix type") {
-                System bad = spd;
-                bad.mtype = 9;
-                error = h.call(11, bad);
-            } else if (what == "solve before analysis") {
-                std::vector<double> b(16, 1.0), x(16);
-                error = h.call(33, spd, &b, &x);
-            } else {
-                error = h.call(12, indefinite);
-            }
-        });
-        EXPECT_EQ(error, row.expected) << what;
+        const std::string out = captured([&] { error = row.call(h); });
+        EXPECT_EQ(error, row.expected) << row.what << "\n" << out;
         for (const std::string& line : row.lines)
-            EXPECT_TRUE(has(out, line)) << what << ": " << line << "\n" << out;
+            EXPECT_TRUE(has(out, line)) << row.what << ": " << line << "\n" << out;
         EXPECT_TRUE(has(out, "Summary SPDS:")) << "the statistics follow a failure too";
     }
 }

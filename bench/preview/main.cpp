@@ -104,6 +104,10 @@ int main(int argc, char** argv) {
     qputenv("XDG_CONFIG_HOME", QDir::tempPath().toLocal8Bit() + "/bench_preview_config");
     GuiApplication app(argc, argv);
     const double megapixels = argc > 1 ? std::atof(argv[1]) : 24.0;
+    if (!(megapixels > 0.0 && megapixels <= 400.0)) {
+        std::fprintf(stderr, "usage: bench_preview [megapixels, default 24]\n");
+        return 2;
+    }
     nrt_image_primitives_init();
 
     double load[3] = {0, 0, 0};

@@ -1,12 +1,13 @@
 // Thread scaling of SPDS: one analysis (on two threads, as a parallel run
-// makes it), then the factorization and the solve on one and on two threads, best of R each, in
-// single and in double precision. Printed per system: the seconds, the speed-up, the
-// factorization's rate against the sgemm/dgemm rate measured in the same run on as many threads,
-// whether the two factors agree to the last bit, and the tree model: its
-// critical path and the speed-up it predicts for 4, 8, 16 and 64 threads.
-// The default schedule gives each thread disjoint subtrees and shares the
-// top of the tree through a cursor; the update-queue scheme (pnlsch by a
-// cursor, every update waited for) runs on two threads for comparison.
+// makes it), then the factorization and the solve on one and on two
+// threads, best of R each, in single and in double precision. Printed per
+// system: the seconds, the speed-up, the factorization's rate against the
+// sgemm/dgemm rate measured in the same run on as many threads, whether the
+// two factors agree to the last bit, and the tree model: its critical path
+// and the speed-up it predicts for 4, 8, 16 and 64 threads. The default
+// schedule gives each thread disjoint subtrees and shares the top of the
+// tree through a cursor; the update-queue scheme (pnlsch by a cursor, every
+// update waited for) runs on two threads for comparison.
 #include "FullBenchmark.h"
 
 #include "Handle.h"

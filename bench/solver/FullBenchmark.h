@@ -11,6 +11,9 @@ int fullBenchmark(int argc, char** argv);
 int writePhotoSystem(const char* photo, const char* file);
 // The thread scaling of the factorization and the solve (ParallelBenchmark.cpp).
 int parallelBenchmark(int argc, char** argv);
+// bench_solver --complex [--threads N] [--reps R]: complex Helmholtz-like
+// systems against MUMPS's complex solver.
+int complexBenchmark(int argc, char** argv);
 
 namespace bench {
 // The matting system the photo tool solves for a photograph.

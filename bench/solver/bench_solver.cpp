@@ -18,6 +18,9 @@
 //        analysis (single and double), the factor's rate against the
 //        sgemm/dgemm rate of the same run, whether the factors agree to the
 //        bit, and the tree model's speed-up for 4 to 64 threads
+//   bench_solver --complex [--threads N] [--reps R]
+//        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
+//        against MUMPS's complex solver, complex double for both
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -180,5 +183,6 @@ int main(int argc, char** argv) {
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--parallel")) return parallelBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--complex")) return complexBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

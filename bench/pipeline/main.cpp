@@ -18,6 +18,7 @@
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze.h"
+#include "bench/common/TriadBandwidth.h"
 #include "imagefile/Ifl.h"
 
 #include <QByteArray>
@@ -144,25 +145,6 @@ public:
 private:
     int saved;
 };
-
-// Bytes per second of a stream triad a = b + s c over arrays far larger than
-// the caches; counts 3 arrays moved (the write allocation of a is not
-// counted, as in STREAM).
-double triadBandwidth(int threads) {
-    const std::size_t n = std::size_t{1} << 25; // 128 MiB per array
-    std::vector<float> a(n), b(n, 1.0f), c(n, 2.0f);
-    double best = 1e30;
-    for (int r = 0; r < 4; ++r) {
-        const auto start = Clock::now();
-#pragma omp parallel for schedule(static) num_threads(threads)
-        for (std::size_t i = 0; i < n; ++i)
-            a[i] = b[i] + 0.5f * c[i];
-        best = std::min(best, seconds(start));
-    }
-    volatile float sink = a[n / 2];
-    (void)sink;
-    return 3.0 * n * sizeof(float) / best;
-}
 
 // A hazy photograph of about `megapixels`, 3:2, from the bundled one.
 QString makePhotograph(const QString& folder, double megapixels) {
@@ -300,8 +282,8 @@ int main(int argc, char** argv) {
     if (::getloadavg(load, 3) > 0)
         std::printf("load average at start %.2f %.2f %.2f on %ld cores\n", load[0], load[1],
                     load[2], ::sysconf(_SC_NPROCESSORS_ONLN));
-    const double triad1 = triadBandwidth(1);
-    const double triad = triadBandwidth(threads);
+    const double triad1 = bench::triadBandwidth(1);
+    const double triad = bench::triadBandwidth(threads);
     std::printf("triad bandwidth: %.1f GB/s on 1 thread, %.1f GB/s on %d\n", triad1 / 1e9,
                 triad / 1e9, threads);
     std::printf("JPEG in, JPEG out (quality 95), %d threads, best of %d; peak = resident high "

@@ -16,6 +16,7 @@
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze.h"
+#include "bench/common/TriadBandwidth.h"
 #include "host/GuiApplication.h"
 #include "host/HostImage.h"
 #include "plugin/ZHazeOne2One.h"
@@ -47,24 +48,6 @@ using Clock = std::chrono::steady_clock;
 
 double seconds(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Bytes per second of a stream triad a = b + s c over arrays far larger than
-// the caches (3 arrays counted, as STREAM does).
-double triadBandwidth(int threads) {
-    const std::size_t n = std::size_t{1} << 25;
-    std::vector<float> a(n), b(n, 1.0f), c(n, 2.0f);
-    double best = 1e30;
-    for (int r = 0; r < 4; ++r) {
-        const auto start = Clock::now();
-#pragma omp parallel for schedule(static) num_threads(threads)
-        for (std::size_t i = 0; i < n; ++i)
-            a[i] = b[i] + 0.5f * c[i];
-        best = std::min(best, seconds(start));
-    }
-    volatile float sink = a[n / 2];
-    (void)sink;
-    return 3.0 * n * sizeof(float) / best;
 }
 
 // The bundled photograph enlarged to the size asked for, as a JPEG: real
@@ -130,7 +113,7 @@ int main(int argc, char** argv) {
                  "(a shared 2-core machine: other builds may run)\n",
                  megapixels, load[0]);
     std::fprintf(out, "triad bandwidth 1 thread %.2f GB/s, 2 threads %.2f GB/s\n",
-                 triadBandwidth(1) / 1e9, triadBandwidth(2) / 1e9);
+                 bench::triadBandwidth(1) / 1e9, bench::triadBandwidth(2) / 1e9);
 
     QTemporaryDir dir;
     const QString path = makePhotograph(QDir(dir.path()), megapixels);
@@ -173,7 +156,7 @@ int main(int argc, char** argv) {
         // the copy from the cache and the 8-bit rendering come on top.
         const double bytes =
             static_cast<double>(preview.width()) * preview.height() * (16 * 2 + 4 + 16 * 2 + 4);
-        const double floor = bytes / triadBandwidth(threads);
+        const double floor = bytes / bench::triadBandwidth(threads);
         // Where the first preview's time goes: the host's decode and shrink,
         // then the haze removal with its solve on the preview.
         double decode = 1e30, solve = 1e30;

@@ -154,15 +154,7 @@ Timing runSpds(const Problem& p, const std::vector<double>& b, int repetitions,
     for (int rep = 0; rep < repetitions; ++rep) {
         void* pt[64] = {};
         int iparm[64] = {};
-        iparm[0] = 1;
-        iparm[1] = 3;
-        iparm[7] = 2;
-        iparm[9] = 8;
-        iparm[10] = 1;
-        iparm[12] = 1;
-        iparm[17] = -1;
-        iparm[20] = 1;
-        iparm[27] = std::is_same_v<T, float> ? 1 : 0;
+        photoToolParameters(iparm, std::is_same_v<T, float>);
         int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
         std::vector<T> rhs(b.begin(), b.end()), x(b.size());
         double times[3] = {};
@@ -238,6 +230,18 @@ int writePhotoSystem(const char* photo, const char* file) {
         return 1;
     }
     return 0;
+}
+
+void photoToolParameters(int* iparm, bool single) {
+    iparm[0] = 1;
+    iparm[1] = 3;
+    iparm[7] = 2;
+    iparm[9] = 8;
+    iparm[10] = 1;
+    iparm[12] = 1;
+    iparm[17] = -1;
+    iparm[20] = 1;
+    iparm[27] = single ? 1 : 0;
 }
 
 int fullBenchmark(int argc, char** argv) {

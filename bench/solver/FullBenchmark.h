@@ -6,6 +6,11 @@
 
 #include <string>
 
+// The photo tool's parameters (mtype -2, nested dissection into domains,
+// matching and symmetric scaling, Bunch-Kaufman pivots, two refinement
+// steps), asking for the factor's entries; single or double precision.
+void photoToolParameters(int* iparm, bool single);
+
 int fullBenchmark(int argc, char** argv);
 // Writes the matting Laplacian of a photograph as a Matrix Market file.
 int writePhotoSystem(const char* photo, const char* file);

@@ -77,16 +77,8 @@ Run measure(const Problem& p, int reps, std::vector<double>* model) {
     std::vector<T> b(static_cast<std::size_t>(p.n), T(1)), x(b.size());
     void* pt[64] = {};
     int iparm[64] = {};
-    iparm[0] = 1;
-    iparm[1] = 3;
-    iparm[7] = 2;
-    iparm[9] = 8;
-    iparm[10] = 1;
-    iparm[12] = 1;
-    iparm[17] = -1;
+    photoToolParameters(iparm, std::is_same_v<T, float>);
     iparm[18] = -1;
-    iparm[20] = 1;
-    iparm[27] = std::is_same_v<T, float> ? 1 : 0;
     int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
     auto call = [&](int phase) {
         const double t0 = nrt_seconds();

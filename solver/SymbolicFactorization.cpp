@@ -2,8 +2,12 @@
 //
 // The elimination tree is Liu's algorithm with path compression on the
 // ordering graph taken through invp, so nothing is permuted. Column counts
-// walk each row subtree of L once (marking per row), in parallel over rows
-// with private marks and counts per thread. The order delivered by the
+// come from the skeleton of the matrix (Gilbert, Ng and Peyton): in a
+// postorder of the tree, each entry that starts a new leaf of its row
+// subtree adds one to its column and takes one off the least common
+// ancestor with the previous leaf, found with a path-compressed ancestor
+// forest; the counts are then summed up the tree. The work is that of the
+// matrix, not of the factor. The order delivered by the
 // ordering is used as it stands: supernodes are chains j-1 -> j of the tree
 // with equal structure, which nested dissection and minimum degree produce
 // along their eliminated paths.
@@ -22,10 +26,6 @@
 #include <climits>
 #include <vector>
 
-#ifdef _OPENMP
-#include <omp.h>
-#endif
-
 namespace skyrinse::spds {
 
 namespace {
@@ -41,10 +41,6 @@ constexpr int kOocMarker = -1111111;
 
 constexpr int kStatusOverflow = -182;
 constexpr int kStatusInconsistent = -180;
-
-// Column-count work of t threads: marks and counts, 2 x t x n integers.
-constexpr std::int64_t kColumnCountBytesCap = 512000000;
-constexpr int kColumnCountMaxThreads = 16;
 
 struct Supernodes {
     int nsuper = 0;
@@ -160,69 +156,50 @@ void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
     }
 }
 
+// Rows are visited in increasing order and each row is handed to the
+// supernodes of its row subtree, found by climbing the supernodal tree from
+// every entry left of the row's own supernode: each supernode receives its
+// rows already sorted, and the work is that of the stored row indices plus
+// one pass over the graph. A supernode's rows are the union over its
+// columns, which is what a joined pair asks for.
 void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
                        MemoryCounter* memory) {
     const int nsuper = sym.nsuper;
     const OneBased<const int> xsup = oneBased(sym.xsup.data());
-    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
     const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> sparent = oneBased(sym.sparent.data());
     const OneBased<const int> perm = oneBased(ord.perm.data());
     const OneBased<const int> invp = oneBased(ord.invp.data());
     const OneBased<const int> xadj = oneBased(ord.xadj.data());
     const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
-    const OneBased<int> xlindx = oneBased(sym.xlindx.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
     const OneBased<int> lindx = oneBased(sym.lindx.data());
 
-    IntBlock markBlock(static_cast<std::int64_t>(n), kWorkCode, memory);
-    IntBlock pendingBlock(2 * static_cast<std::int64_t>(nsuper), kWorkCode, memory);
-    const OneBased<int> mark = oneBased(markBlock.data());
-    // Pending lists: head[s] is the first supernode waiting to merge into s,
-    // next[d] the one after d; 0 ends a list.
-    const OneBased<int> head = oneBased(pendingBlock.data());
-    const OneBased<int> next = oneBased(pendingBlock.data() + nsuper);
-    std::vector<int> rows;
-    rows.reserve(static_cast<std::size_t>(sym.largestColumn) + 1);
+    IntBlock work(2 * static_cast<std::int64_t>(nsuper), kWorkCode, memory);
+    const OneBased<int> mark = oneBased(work.data());
+    const OneBased<int> next = oneBased(work.data() + nsuper);
     for (int s = 1; s <= nsuper; ++s) {
-        const int fst = xsup[s];
-        const int lst = xsup[s + 1] - 1;
-        const int width = lst - fst + 1;
-        const std::size_t length = static_cast<std::size_t>(colcnt[fst]);
-        rows.clear();
-        for (int r = fst; r <= lst; ++r) {
-            mark[r] = s;
-            rows.push_back(r);
-        }
-        for (int d = head[s]; d != 0 && rows.size() < length; d = next[d]) {
-            const int dwidth = xsup[d + 1] - xsup[d];
-            for (int k = xlindx[d] + dwidth; k < xlindx[d + 1]; ++k) {
-                const int r = lindx[k];
-                if (mark[r] != s) {
-                    mark[r] = s;
-                    rows.push_back(r);
-                }
+        int k = xlindx[s];
+        for (int r = xsup[s]; r < xsup[s + 1]; ++r)
+            lindx[k++] = r;
+        next[s] = k;
+    }
+    for (int i = 1; i <= n; ++i) {
+        const int own = snode[i];
+        const int first = xsup[own];
+        const int v = perm[i];
+        for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
+            const int c = invp[adjncy[k]];
+            if (c >= first) continue;
+            for (int t = snode[c]; t != own && mark[t] != i; t = sparent[t]) {
+                if (t == 0 || next[t] >= xlindx[t + 1]) throw SymbolicFailure{kStatusInconsistent};
+                mark[t] = i;
+                lindx[next[t]++] = i;
             }
-        }
-        // The first column's own entries complete a fundamental supernode;
-        // a joined pair also needs those of its second column.
-        for (int c = fst; c <= lst && rows.size() < length; ++c) {
-            const int v = perm[c];
-            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-                const int r = invp[adjncy[k]];
-                if (r > lst && mark[r] != s) {
-                    mark[r] = s;
-                    rows.push_back(r);
-                }
-            }
-        }
-        if (rows.size() != length) throw SymbolicFailure{kStatusInconsistent};
-        std::sort(rows.begin() + width, rows.end());
-        std::copy(rows.begin(), rows.end(), &lindx[xlindx[s]]);
-        if (static_cast<int>(length) > width) {
-            const int target = snode[rows[static_cast<std::size_t>(width)]];
-            next[s] = head[target];
-            head[target] = s;
         }
     }
+    for (int s = 1; s <= nsuper; ++s)
+        if (next[s] != xlindx[s + 1]) throw SymbolicFailure{kStatusInconsistent};
 }
 
 // Largest update block, as rows-left x group size less the triangle above
@@ -418,65 +395,98 @@ void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
     }
 }
 
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentStorage, int threads,
+std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentStorage,
                           MemoryCounter* memory, int* colcntStorage) {
     if (n <= 0) return 0;
-    const OneBased<const int> parent = oneBased(parentStorage);
-    const OneBased<int> colcnt = oneBased(colcntStorage);
     const OneBased<const int> perm = oneBased(ord.perm.data());
     const OneBased<const int> invp = oneBased(ord.invp.data());
     const OneBased<const int> xadj = oneBased(ord.xadj.data());
     const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
-
-    int t = std::max(1, threads);
-    while (8LL * t * n > kColumnCountBytesCap && t > 1)
-        t /= 2;
-    t = std::min(t, kColumnCountMaxThreads);
-    IntBlock marks, counts;
-    for (;;) {
-        try {
-            marks = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
-            counts = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
-            break;
-        } catch (const AllocationFailure&) {
-            marks.reset();
-            counts.reset();
-            if (t == 1) throw;
-            t /= 2;
-        }
+    // Zero-based from here on, -1 for "none".
+    IntBlock work(8 * static_cast<std::int64_t>(n), kWorkCode, memory);
+    int* parent = work.data();
+    int* post = parent + n;
+    int* first = post + n;
+    int* maxFirst = first + n;
+    int* previousLeaf = maxFirst + n;
+    int* ancestor = previousLeaf + n;
+    int* head = ancestor + n;
+    int* sibling = head + n;
+    int* delta = colcntStorage;
+    for (int j = 0; j < n; ++j) {
+        parent[j] = parentStorage[j] - 1;
+        head[j] = -1;
+        first[j] = maxFirst[j] = previousLeaf[j] = -1;
+        ancestor[j] = j;
     }
-    std::int64_t offDiagonal = 0;
-#pragma omp parallel num_threads(t) reduction(+ : offDiagonal) if (t > 1)
+    // Postorder of the tree by an explicit stack; children listed in
+    // decreasing order so that they come off it in increasing order.
+    for (int j = n - 1; j >= 0; --j)
+        if (parent[j] >= 0) {
+            sibling[j] = head[parent[j]];
+            head[parent[j]] = j;
+        }
+    int k = 0;
     {
-        int tid = 0;
-#ifdef _OPENMP
-        tid = omp_get_thread_num();
-#endif
-        const OneBased<int> mark = oneBased(marks.data() + static_cast<std::int64_t>(tid) * n);
-        const OneBased<int> count = oneBased(counts.data() + static_cast<std::int64_t>(tid) * n);
-#pragma omp for schedule(static)
-        for (int i = 2; i <= n; ++i) {
-            const int v = perm[i];
-            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-                // Climb the row subtree of i from each entry left of the
-                // diagonal; a column already marked for i ends the climb.
-                int c = invp[adjncy[k]];
-                while (c != 0 && c < i && mark[c] < i) {
-                    mark[c] = i;
-                    ++offDiagonal;
-                    ++count[c];
-                    c = parent[c];
+        int* stack = maxFirst; // free until the postorder is complete
+        for (int root = 0; root < n; ++root) {
+            if (parent[root] >= 0) continue;
+            int top = 0;
+            stack[0] = root;
+            while (top >= 0) {
+                const int j = stack[top];
+                const int child = head[j];
+                if (child < 0) {
+                    --top;
+                    post[k++] = j;
+                } else {
+                    head[j] = sibling[child];
+                    stack[++top] = child;
                 }
             }
         }
+        std::fill(maxFirst, maxFirst + n, -1);
     }
-    for (int c = 1; c <= n; ++c) {
-        int sum = 1;
-        for (int tid = 0; tid < t; ++tid)
-            sum += counts[static_cast<std::int64_t>(tid) * n + c - 1];
-        colcnt[c] = sum;
+    // first[j]: the first postorder index in j's subtree; leaves start at 1.
+    for (k = 0; k < n; ++k) {
+        int j = post[k];
+        delta[j] = first[j] == -1 ? 1 : 0;
+        for (; j >= 0 && first[j] == -1; j = parent[j])
+            first[j] = k;
     }
-    return offDiagonal + n;
+    // A lower entry (i, j) adds to column j's count only when j is a leaf of
+    // row i's subtree; consecutive leaves overlap from their least common
+    // ancestor up, which is subtracted there.
+    for (k = 0; k < n; ++k) {
+        const int j = post[k];
+        if (parent[j] >= 0) --delta[parent[j]];
+        const int v = perm[j + 1];
+        for (int e = xadj[v]; e < xadj[v + 1]; ++e) {
+            const int i = invp[adjncy[e]] - 1;
+            if (i <= j || first[j] <= maxFirst[i]) continue;
+            maxFirst[i] = first[j];
+            const int previous = previousLeaf[i];
+            previousLeaf[i] = j;
+            ++delta[j];
+            if (previous < 0) continue;
+            int q = previous;
+            while (q != ancestor[q])
+                q = ancestor[q];
+            for (int s = previous; s != q;) {
+                const int up = ancestor[s];
+                ancestor[s] = q;
+                s = up;
+            }
+            --delta[q];
+        }
+        if (parent[j] >= 0) ancestor[j] = parent[j];
+    }
+    std::int64_t total = 0;
+    for (int j = 0; j < n; ++j) {
+        if (parent[j] >= 0) delta[parent[j]] += delta[j];
+        total += delta[j];
+    }
+    return total;
 }
 
 SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord,
@@ -490,8 +500,7 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
     out.colcnt = IntBlock(n, kTreeCode, in.memory);
     out.snode = IntBlock(n, kTreeCode, in.memory);
     eliminationTree(n, ord, out.parent.data());
-    out.colcountSum =
-        columnCounts(n, ord, out.parent.data(), in.threads, in.memory, out.colcnt.data());
+    out.colcountSum = columnCounts(n, ord, out.parent.data(), in.memory, out.colcnt.data());
     out.colcountSum += joinPairs(n, in.pairStart, oneBased<const int>(out.parent.data()),
                                  oneBased(out.colcnt.data()));
     const Supernodes sn = findSupernodes(

@@ -10,11 +10,9 @@
 // Writes SymbolicResult (see Handle.h) and converts ord.domainpairs from
 // columns to supernodes.
 //
-// Workspace: the column counts borrow two arrays of t x n integers (t threads,
-// at most 16 and at most 512000000 bytes for both), halving t when they
-// cannot be had; the row-structure pass borrows n marks. Both under WORK_I0
-// (-500). Failures: AllocationFailure when the column-count work cannot be
-// had even for one thread; SymbolicFailure with status -182 when the factor
+// Workspace: the column counts borrow 8 x n integers, the row-structure pass
+// 2 x nsuper; both under WORK_I0 (-500), and their failure is an
+// AllocationFailure. SymbolicFailure with status -182 when the factor
 // does not fit 32-bit positions, -180 for an inconsistent structure. A
 // domain list that does not map onto supernodes is not a failure: it sets
 // domainsUnusable and the analysis goes on.
@@ -62,7 +60,7 @@ void eliminationTree(int n, const OrderingResult& ord, int* parent);
 // SymbolicFailure{-182} when a pointer would pass the 32-bit range.
 void layoutValues(int n, SymbolicResult& sym);
 // Returns the number of entries of L, diagonal included.
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent, int threads,
+std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent,
                           MemoryCounter* memory, int* colcnt);
 
 } // namespace skyrinse::spds

@@ -234,25 +234,4 @@ TEST(SymbolicStructure, FactorPastThirtyTwoBitsIsAnOverflowNotAWrap) {
     }
 }
 
-TEST(SymbolicStructure, ColumnCountsDoNotDependOnTheThreadCount) {
-    std::mt19937 rng(99);
-    const System m = randomPattern(400, 0.01, false, rng);
-    OrderingInput in;
-    in.n = m.n;
-    in.ia = m.ia.data();
-    in.ja = m.ja.data();
-    in.method = kMinimumDegree;
-    MemoryCounter memory;
-    in.memory = &memory;
-    OrderingResult ord;
-    computeOrdering(in, ord);
-    std::vector<int> parent(static_cast<std::size_t>(m.n));
-    eliminationTree(m.n, ord, parent.data());
-    std::vector<int> one(static_cast<std::size_t>(m.n)), four(static_cast<std::size_t>(m.n));
-    const auto total1 = columnCounts(m.n, ord, parent.data(), 1, &memory, one.data());
-    const auto total4 = columnCounts(m.n, ord, parent.data(), 4, &memory, four.data());
-    EXPECT_EQ(total1, total4);
-    EXPECT_EQ(one, four);
-}
-
 } // namespace

@@ -352,8 +352,7 @@ void Call<T>::analyse() {
     OrderingTimes ot;
     const double graphStart = nrt_seconds();
     if (pairOrder && !matched.fullIa.empty() &&
-        graphFromFullPattern(n, matched.fullIa.data(), matched.fullJa.data(), h->ordering_,
-                             &h->memory)) {
+        graphFromFullPattern(n, matched.fullIa, matched.fullJa, h->ordering_)) {
         const double graph = nrt_seconds() - graphStart;
         ot = orderGraph(oin, h->ordering_);
         ot.graph = graph;

@@ -76,9 +76,10 @@ MatchingOutcome matchAndScale(const MatchingRequest& rq, IntBlock& permutation,
 
     const bool symmetric = scalesSymmetrically(rq.mtype);
     SparseView<T> full;
-    if (symmetric) full = expandSymmetric(stored, counter, kIntegerWork);
     const MatchingResult m =
-        weightedMatching<T>(symmetric ? full : stored, match.span(), u.span(), v.span(), counter);
+        symmetric
+            ? symmetricWeightedMatching<T>(stored, full, match.span(), u.span(), v.span(), counter)
+            : weightedMatching<T>(stored, match.span(), u.span(), v.span(), counter);
     out.ran = true;
     out.matched = m.matched;
     if (m.status == -2) {

@@ -163,6 +163,7 @@ DissectionGraph contractPairs(const DissectionGraph& g) {
             first[static_cast<std::size_t>(coarseOf[static_cast<std::size_t>(v)])] = v;
     std::vector<int> seen(static_cast<std::size_t>(nc), -1);
     c.members.reserve(g.members.size());
+    c.adjncy.reserve(g.adjncy.size());
     for (int cv = 0; cv < nc; ++cv) {
         const int v = first[static_cast<std::size_t>(cv)];
         const int u = match[static_cast<std::size_t>(v)];

@@ -403,7 +403,7 @@ std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentSto
     const OneBased<const int> xadj = oneBased(ord.xadj.data());
     const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
     // Zero-based from here on, -1 for "none".
-    IntBlock work(8 * static_cast<std::int64_t>(n), kWorkCode, memory);
+    IntBlock work(8 * static_cast<std::int64_t>(n), kWorkCode, memory, kNoFill);
     int* parent = work.data();
     int* post = parent + n;
     int* first = post + n;
@@ -553,7 +553,7 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
         xlindx[nsuper + 1] = static_cast<int>(pos);
         out.lindxSize = pos - 1;
     }
-    out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory);
+    out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory, kNoFill);
     buildRowStructure(n, ord, out, in.memory);
     out.tmpsiz = updateBufferSize(n, out);
     countUpdates(out, oneBased(out.nmod.data()));

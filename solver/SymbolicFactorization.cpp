@@ -156,22 +156,46 @@ void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
     }
 }
 
+// The ordering graph in the positions of the permuted matrix: the
+// neighbours of position j (one-based positions) in adj[start[j-1] ..
+// start[j]-1]. The tree, the counts and the row structure each read every
+// neighbour list in position order; taken through perm and invp, each of
+// those reads would land at a random place of the graph.
+struct PositionGraph {
+    IntBlock start;
+    IntBlock adj;
+};
+
+PositionGraph positionGraph(int n, const OrderingResult& ord, MemoryCounter* memory) {
+    const OneBased<const int> perm = oneBased(ord.perm.data());
+    const OneBased<const int> invp = oneBased(ord.invp.data());
+    const OneBased<const int> xadj = oneBased(ord.xadj.data());
+    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
+    PositionGraph g;
+    g.start = IntBlock(static_cast<std::int64_t>(n) + 1, kWorkCode, memory, kNoFill);
+    g.adj = IntBlock(std::max(1, xadj[n + 1] - 1), kWorkCode, memory, kNoFill);
+    int p = 0;
+    g.start[0] = 0;
+    for (int j = 1; j <= n; ++j) {
+        const int v = perm[j];
+        for (int k = xadj[v]; k < xadj[v + 1]; ++k)
+            g.adj[p++] = invp[adjncy[k]];
+        g.start[j] = p;
+    }
+    return g;
+}
+
 // Rows are visited in increasing order and each row is handed to the
 // supernodes of its row subtree, found by climbing the supernodal tree from
 // every entry left of the row's own supernode: each supernode receives its
 // rows already sorted, and the work is that of the stored row indices plus
 // one pass over the graph. A supernode's rows are the union over its
 // columns, which is what a joined pair asks for.
-void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
-                       MemoryCounter* memory) {
+void buildRowStructure(int n, const PositionGraph& g, SymbolicResult& sym, MemoryCounter* memory) {
     const int nsuper = sym.nsuper;
     const OneBased<const int> xsup = oneBased(sym.xsup.data());
     const OneBased<const int> snode = oneBased(sym.snode.data());
     const OneBased<const int> sparent = oneBased(sym.sparent.data());
-    const OneBased<const int> perm = oneBased(ord.perm.data());
-    const OneBased<const int> invp = oneBased(ord.invp.data());
-    const OneBased<const int> xadj = oneBased(ord.xadj.data());
-    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
     const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
     const OneBased<int> lindx = oneBased(sym.lindx.data());
 
@@ -187,9 +211,8 @@ void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
     for (int i = 1; i <= n; ++i) {
         const int own = snode[i];
         const int first = xsup[own];
-        const int v = perm[i];
-        for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-            const int c = invp[adjncy[k]];
+        for (int k = g.start[i - 1]; k < g.start[i]; ++k) {
+            const int c = g.adj[k];
             if (c >= first) continue;
             for (int t = snode[c]; t != own && mark[t] != i; t = sparent[t]) {
                 if (t == 0 || next[t] >= xlindx[t + 1]) throw SymbolicFailure{kStatusInconsistent};
@@ -366,20 +389,17 @@ int panelWidth(int mtype, int threads, int n) {
     return 128;
 }
 
-void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
+namespace {
+
+void eliminationTree(int n, const PositionGraph& g, int* parentStorage) {
     const OneBased<int> parent = oneBased(parentStorage);
-    const OneBased<const int> perm = oneBased(ord.perm.data());
-    const OneBased<const int> invp = oneBased(ord.invp.data());
-    const OneBased<const int> xadj = oneBased(ord.xadj.data());
-    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
     std::vector<int> ancestorStorage(static_cast<std::size_t>(n), 0);
     const OneBased<int> ancestor = oneBased(ancestorStorage.data());
     for (int j = 1; j <= n; ++j) {
         parent[j] = 0;
         ancestor[j] = 0;
-        const int v = perm[j];
-        for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-            int r = invp[adjncy[k]];
+        for (int k = g.start[j - 1]; k < g.start[j]; ++k) {
+            int r = g.adj[k];
             if (r >= j) continue;
             for (;;) {
                 const int next = ancestor[r];
@@ -395,13 +415,9 @@ void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
     }
 }
 
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentStorage,
+std::int64_t columnCounts(int n, const PositionGraph& g, const int* parentStorage,
                           MemoryCounter* memory, int* colcntStorage) {
     if (n <= 0) return 0;
-    const OneBased<const int> perm = oneBased(ord.perm.data());
-    const OneBased<const int> invp = oneBased(ord.invp.data());
-    const OneBased<const int> xadj = oneBased(ord.xadj.data());
-    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
     // Zero-based from here on, -1 for "none".
     IntBlock work(8 * static_cast<std::int64_t>(n), kWorkCode, memory, kNoFill);
     int* parent = work.data();
@@ -460,9 +476,8 @@ std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentSto
     for (k = 0; k < n; ++k) {
         const int j = post[k];
         if (parent[j] >= 0) --delta[parent[j]];
-        const int v = perm[j + 1];
-        for (int e = xadj[v]; e < xadj[v + 1]; ++e) {
-            const int i = invp[adjncy[e]] - 1;
+        for (int e = g.start[j]; e < g.start[j + 1]; ++e) {
+            const int i = g.adj[e] - 1;
             if (i <= j || first[j] <= maxFirst[i]) continue;
             maxFirst[i] = first[j];
             const int previous = previousLeaf[i];
@@ -489,6 +504,8 @@ std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentSto
     return total;
 }
 
+} // namespace
+
 SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord,
                                     SymbolicResult& out) {
     const int n = in.n;
@@ -499,8 +516,9 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
     out.parent = IntBlock(n, kTreeCode, in.memory);
     out.colcnt = IntBlock(n, kTreeCode, in.memory);
     out.snode = IntBlock(n, kTreeCode, in.memory);
-    eliminationTree(n, ord, out.parent.data());
-    out.colcountSum = columnCounts(n, ord, out.parent.data(), in.memory, out.colcnt.data());
+    const PositionGraph graph = positionGraph(n, ord, in.memory);
+    eliminationTree(n, graph, out.parent.data());
+    out.colcountSum = columnCounts(n, graph, out.parent.data(), in.memory, out.colcnt.data());
     out.colcountSum += joinPairs(n, in.pairStart, oneBased<const int>(out.parent.data()),
                                  oneBased(out.colcnt.data()));
     const Supernodes sn = findSupernodes(
@@ -554,7 +572,7 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
         out.lindxSize = pos - 1;
     }
     out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory, kNoFill);
-    buildRowStructure(n, ord, out, in.memory);
+    buildRowStructure(n, graph, out, in.memory);
     out.tmpsiz = updateBufferSize(n, out);
     countUpdates(out, oneBased(out.nmod.data()));
     countTopRows(ord, out);

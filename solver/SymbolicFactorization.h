@@ -10,8 +10,9 @@
 // Writes SymbolicResult (see Handle.h) and converts ord.domainpairs from
 // columns to supernodes.
 //
-// Workspace: the column counts borrow 8 x n integers, the row-structure pass
-// 2 x nsuper; both under WORK_I0 (-500), and their failure is an
+// Workspace: the ordering graph in permuted positions (n + 1 integers and
+// one per edge), 8 x n integers for the column counts, 2 x nsuper for the
+// row structure; all under WORK_I0 (-500), and their failure is an
 // AllocationFailure. SymbolicFailure with status -182 when the factor
 // does not fit 32-bit positions, -180 for an inconsistent structure. A
 // domain list that does not map onto supernodes is not a failure: it sets
@@ -53,14 +54,9 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
 // Panel width (maxsup) for a matrix type, thread count and size.
 int panelWidth(int mtype, int threads, int n);
 
-// Building blocks, exposed for the tests. Arrays are one-based with an unused
-// slot 0 where they are indexed by position.
-void eliminationTree(int n, const OrderingResult& ord, int* parent);
-// Column pointers xlnz/xunz from snode, xsup and colcnt; throws
-// SymbolicFailure{-182} when a pointer would pass the 32-bit range.
+// Column pointers xlnz/xunz from snode, xsup and colcnt (one-based, with
+// an unused slot 0 where indexed by position); throws SymbolicFailure{-182}
+// when a pointer would pass the 32-bit range. Exposed for the tests.
 void layoutValues(int n, SymbolicResult& sym);
-// Returns the number of entries of L, diagonal included.
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent,
-                          MemoryCounter* memory, int* colcnt);
 
 } // namespace skyrinse::spds

@@ -14,8 +14,9 @@
 //        CHOLMOD's analysis of the same pattern
 //   bench_solver --write-mtx FILE [W H]  writes that pattern's system
 //   bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
-//                [--analysis-only]
-//        the photo tool's call on the three photographs, one thread, for
+//                [--threads N] [--analysis-only]
+//        the photo tool's call on the three photographs (one thread unless
+//        --threads), for
 //        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
 //        analysis, factorization and solve times, nnz(L) and the factor's
 //        operations, against CHOLMOD's analysis with METIS and AMD.
@@ -36,6 +37,8 @@
 #include "spds.h"
 
 #include <cholmod.h>
+
+extern "C" void openblas_set_num_threads(int);
 
 #include <algorithm>
 #include <cstdio>
@@ -199,7 +202,7 @@ skyrinse::mm::Csr upperPattern(const bench::Problem& p) {
 }
 
 int photoAnalysis(int argc, char** argv) {
-    int reps = 3, only = -1;
+    int reps = 3, only = -1, threads = 1;
     bool analysisOnly = false;
     std::vector<int> orderings = {3, 0};
     for (int i = 2; i < argc; ++i) {
@@ -207,6 +210,8 @@ int photoAnalysis(int argc, char** argv) {
             reps = std::max(1, std::atoi(argv[++i]));
         } else if (!std::strcmp(argv[i], "--photo") && i + 1 < argc) {
             only = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc) {
+            threads = std::max(1, std::atoi(argv[++i]));
         } else if (!std::strcmp(argv[i], "--analysis-only")) {
             analysisOnly = true;
         } else if (!std::strcmp(argv[i], "--orderings") && i + 1 < argc) {
@@ -215,13 +220,14 @@ int photoAnalysis(int argc, char** argv) {
                 if (*s >= '0' && *s <= '3') orderings.push_back(*s - '0');
         }
     }
-    nrt_set_num_threads(1);
+    nrt_set_num_threads(threads);
+    openblas_set_num_threads(threads);
     const char* photos[] = {"data/aitzgorri_by_Aitzol_Berasategi.jpg",
                             "tests/data/metadata/large_outdoor_iptc_xmp_badexif.jpg",
                             "data/meadows-foggy-smokey-sunbeams.jpg"};
-    std::printf("The photo tool's call (single, mtype -2, matching and symmetric scaling), one "
-                "thread, best of %d; seconds\n",
-                reps);
+    std::printf("The photo tool's call (single, mtype -2, matching and symmetric scaling), %d "
+                "thread(s), best of %d; seconds\n",
+                threads, reps);
     std::printf("  %-17s %8s %8s %8s %8s %8s %10s %10s\n", "", "analysis", "(cpu)", "factor",
                 "solve", "total", "nnz(L)", "Mflop");
     for (int k = 0; k < 3; ++k) {

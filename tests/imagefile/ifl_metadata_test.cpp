@@ -86,25 +86,6 @@ TEST(MetadataCarried, TheSavedImageKeepsWhatItWasGiven) {
     EXPECT_FALSE(out.iptc.empty());
 }
 
-TEST(BrokenMetadata, ThePictureIsWrittenAndTheDamageNamed) {
-    QTemporaryDir folder;
-    const std::string sourcePath = dataFile("metadata/large_outdoor_iptc_xmp_badexif.jpg");
-    const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
-    ZImage image = makePicture(32, 32, ZImage::RGB, 8);
-    const QString path = folder.filePath(QStringLiteral("out.jpg"));
-    QStringList notes;
-    image.Save(path, QStringLiteral("jpeg"), -1, QString::fromStdString(sourcePath), &notes);
-
-    EXPECT_FALSE(notes.isEmpty());
-    ZImage loaded;
-    loaded.Load(path);
-    EXPECT_EQ(loaded.Width(), 32);
-    const Metadata out = readMetadata(path.toStdString());
-    EXPECT_FALSE(out.iptc.empty());
-    EXPECT_FALSE(out.xmpValues.empty());
-    EXPECT_EQ(readBytes(sourcePath), sourceBytes);
-}
-
 TEST(BrokenMetadata, AnInvalidProfileIsDroppedAndTheRestKept) {
     // A source whose profile declares a length it does not have, beside a
     // valid EXIF block.

@@ -225,6 +225,18 @@ int printStages(const char* in, const char* out, int threads) {
         const Quiet quiet;
         runHazeRemovalInto(source, settings, output, ZImage::RGB, 8);
     });
+    // What encode+meta spends on reading the source's header and metadata
+    // again, on its own.
+    time(" of which: metadata read", [&] {
+        IflLoadParams load;
+        iflGetDefaultLoadParams(load);
+        load.flags |= IFL_LOAD_METADATA | IFL_LOAD_HEADER_ONLY;
+        IflBitmap* loaded = nullptr;
+        IflFileInformation information;
+        iflLoadBitmap(in, &loaded, load, &information);
+        const IflBitmapPtr owned(loaded);
+        iflFreeFileInformation(&information);
+    });
     time("encode+meta",
          [&] { output.Save(QString::fromLocal8Bit(out), QStringLiteral("jpg"), -1, path); });
 

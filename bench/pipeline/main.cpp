@@ -352,7 +352,18 @@ int main(int argc, char** argv) {
         const std::string in = photo.toStdString();
         const std::string plain = (folder + QStringLiteral("/plain.jpg")).toStdString();
         const std::string out = in.substr(0, in.size() - 4) + "_dehazed.jpg";
-        std::printf("%.0f MP: %s\n", mp, qPrintable(QFileInfo(photo).fileName()));
+        {
+            IflLoadParams load;
+            iflGetDefaultLoadParams(load);
+            load.flags |= IFL_LOAD_HEADER_ONLY;
+            IflBitmap* header = nullptr;
+            IflFileInformation information;
+            iflLoadBitmap(in.c_str(), &header, load, &information);
+            const IflBitmapPtr owned(header);
+            std::printf("%.0f MP: %s, %d x %d, the bundled photograph (3088 x 2056) resampled\n",
+                        mp, qPrintable(QFileInfo(photo).fileName()), header ? header->width : 0,
+                        header ? header->height : 0);
+        }
 
         const Run base = bestOf(runs, {benchPath, "--decode-encode", in, plain});
         const Run sky = bestOf(

@@ -178,6 +178,8 @@ TEST(RunHazeRemovalInto, SameBytesAsConvertingRemovingAndConvertingBack) {
         {150, 90, ZImage::Gray, 16, ZImage::RGBA, 32, 100, 1, false}, // enlarged working copy
         {70, 40, ZImage::RGBA, 16, ZImage::RGB, 8, 0, 2, false},      // strength 0: only converted
         {70, 40, ZImage::RGB, 32, ZImage::Gray, 16, 45, 1, true},     // the cached map
+        {90, 50, ZImage::RGBA, 8, ZImage::RGBA, 8, 60, 1, false},     // bytes with alpha
+        {90, 50, ZImage::RGB, 8, ZImage::RGBA, 32, 60, 1, false},     // bytes in, floats out
     };
     unsigned seed = 95;
     for (const Case& c : cases) {

@@ -1,5 +1,7 @@
 // Symbolic factorization against a dense symbolic elimination, for random
-// patterns of 1 to 300 unknowns under every ordering the solver offers.
+// patterns of 1 to 300 unknowns under every ordering the solver offers: the
+// fundamental supernodes exactly, and the merged ones as a coarsening of
+// them whose rows hold every column's structure.
 #include "SpdsTest.h"
 
 #include "Ordering.h"
@@ -7,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <numeric>
 #include <string>
@@ -16,6 +19,52 @@ using namespace spdstest;
 using Solver = Spds<double>;
 
 namespace {
+
+// The handle's analysis with fundamental supernodes (merging off).
+void analyseFundamental(Solver& s, const System& m) {
+    ASSERT_EQ(s.call(11, m), 0);
+    s.handle()->relaxedSupernodes = false;
+    ASSERT_EQ(s.call(11, m), 0);
+}
+
+// The merged supernodes of `relaxed` against the fundamental ones of
+// `fundamental` (same matrix and ordering) and the true structure.
+void expectCoarsening(const System& m, const SymbolicResult& fun, const Handle& h) {
+    const int n = m.n;
+    const SymbolicResult& sym = h.symbolic;
+    std::vector<int> perm(static_cast<std::size_t>(n));
+    for (int k = 0; k < n; ++k)
+        perm[static_cast<std::size_t>(k)] = h.ordering_.perm[k] - 1;
+    const auto cols = bruteForceFactor(m, perm);
+    EXPECT_EQ(sym.colcountSum, fun.colcountSum);
+    EXPECT_LE(sym.nsuper, fun.nsuper);
+    std::int64_t stored = 0, trapezoids = 0;
+    for (int s = 1; s <= sym.nsuper; ++s) {
+        const int fst = sym.xsup[s - 1], lst = sym.xsup[s] - 1;
+        const int w = lst - fst + 1;
+        ASSERT_LE(w, sym.maxsup);
+        // Whole fundamental supernodes only.
+        ASSERT_EQ(fun.xsup[fun.snode[fst - 1] - 1], fst) << "supernode " << s;
+        ASSERT_EQ(fun.xsup[fun.snode[lst - 1]], lst + 1) << "supernode " << s;
+        const std::vector<int> rows(sym.lindx.data() + sym.xlindx[s - 1] - 1,
+                                    sym.lindx.data() + sym.xlindx[s] - 1);
+        const int h = static_cast<int>(rows.size());
+        ASSERT_TRUE(std::is_sorted(rows.begin(), rows.end()));
+        for (int c = fst; c <= lst; ++c) {
+            ASSERT_EQ(sym.snode[c - 1], s);
+            ASSERT_EQ(rows[static_cast<std::size_t>(c - fst)], c);
+            ASSERT_EQ(sym.colcnt[c - 1], h - (c - fst));
+            ASSERT_EQ(sym.xlnz[c] - sym.xlnz[c - 1], h);
+            for (int r : cols[static_cast<std::size_t>(c - 1)])
+                ASSERT_TRUE(std::binary_search(rows.begin(), rows.end(), r + 1))
+                    << "row " << r + 1 << " of column " << c << " not in supernode " << s;
+        }
+        stored += static_cast<std::int64_t>(w) * h;
+        trapezoids += static_cast<std::int64_t>(w) * h - static_cast<std::int64_t>(w) * (w - 1) / 2;
+    }
+    EXPECT_EQ(sym.lnzSize, stored);
+    EXPECT_EQ(sym.colcountSum + sym.relaxedZeros, trapezoids);
+}
 
 void expectMatchesBruteForce(const System& m, const Handle& h) {
     const int n = m.n;
@@ -138,13 +187,18 @@ TEST_P(SymbolicAgainstBruteForce, RandomPatterns) {
                 std::iota(s.perm.begin(), s.perm.end(), 1);
                 std::shuffle(s.perm.begin(), s.perm.end(), rng);
             }
-            ASSERT_EQ(s.call(11, m), 0) << "n " << n << " density " << density;
+            SCOPED_TRACE("n " + std::to_string(n) + " density " + std::to_string(density));
+            analyseFundamental(s, m);
             if (c.ordering < 0) {
                 for (int k = 0; k < n; ++k)
                     ASSERT_EQ(s.handle()->ordering_.perm[k], s.perm[static_cast<std::size_t>(k)]);
             }
-            SCOPED_TRACE("n " + std::to_string(n) + " density " + std::to_string(density));
             expectMatchesBruteForce(m, *s.handle());
+            if (HasFatalFailure()) return;
+            const SymbolicResult fundamental = std::move(s.handle()->symbolic);
+            s.handle()->relaxedSupernodes = true;
+            ASSERT_EQ(s.call(11, m), 0);
+            expectCoarsening(m, fundamental, *s.handle());
             if (HasFatalFailure()) return;
         }
     }
@@ -166,9 +220,15 @@ TEST(SymbolicStructure, StencilWithDomainsMatchesBruteForce) {
     Solver s;
     s.iparm[0] = 1;
     s.iparm[1] = 3;
-    ASSERT_EQ(s.call(11, m), 0);
+    analyseFundamental(s, m);
     EXPECT_GT(s.handle()->ordering_.ndomains, 1);
     expectMatchesBruteForce(m, *s.handle());
+    const SymbolicResult fundamental = std::move(s.handle()->symbolic);
+    s.handle()->relaxedSupernodes = true;
+    ASSERT_EQ(s.call(11, m), 0);
+    expectCoarsening(m, fundamental, *s.handle());
+    EXPECT_LT(s.handle()->symbolic.nsuper, fundamental.nsuper) << "nothing merged";
+    EXPECT_EQ(s.handle()->symbolic.domainsUnusable, fundamental.domainsUnusable);
 }
 
 TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
@@ -184,7 +244,7 @@ TEST(SymbolicStructure, DenseChainIsCutAtPanelWidthAndReportsTheWholeRun) {
     s.iparm[4] = 1;
     s.perm.resize(n);
     std::iota(s.perm.begin(), s.perm.end(), 1);
-    ASSERT_EQ(s.call(11, m), 0);
+    analyseFundamental(s, m);
     const SymbolicResult& sym = s.handle()->symbolic;
     const int cut = sym.maxsup;
     ASSERT_LT(cut, n);
@@ -202,7 +262,7 @@ TEST(SymbolicStructure, OneUnknownMatchesBruteForce) {
     m.ja = {1, 1}; // a repeated entry keeps it off the diagonal path
     m.a = {2.0, 1.0};
     Solver s;
-    ASSERT_EQ(s.call(11, m), 0);
+    analyseFundamental(s, m);
     expectMatchesBruteForce(m, *s.handle());
 }
 

@@ -15,7 +15,11 @@
 // Supernodes follow the rule "column j joins j-1 when parent(j-1) = j and
 // colcnt(j-1) = colcnt(j) + 1", cut every maxsup columns. The run length that
 // the cut interrupts is still counted, so the largest fundamental width is
-// reported as it is in the matrix, not as the panels hold it.
+// reported as it is in the matrix, not as the panels hold it. Then, unless
+// switched off, a supernode merges into its parent when the explicit zeros
+// this stores stay within the bounds of relaxSupernodes: a few thousand
+// narrow panels become fewer wide ones, whose updates are fewer and larger
+// products. From there on colcnt describes the stored columns.
 #include "SymbolicFactorization.h"
 
 #include "internal/OneBased.h"
@@ -97,6 +101,100 @@ Supernodes findSupernodes(int n, int maxsup, OneBased<const int> parent, OneBase
         r.largestSupernode = std::max(r.largestSupernode, width);
     }
     return r;
+}
+
+// Bounds of the relaxed merge, in the manner of CHOLMOD's nrelax/zrelax: with
+// w the columns of a merged supernode and z the share of explicit zeros in
+// its lower trapezoid (earlier merges included), a child joins its parent
+// when w <= 4, or it adds no zero, or w <= 16 and z < 0.8, or w <= 48 and
+// z < 0.1, or z < 0.05; never beyond the panel width.
+struct RelaxBound {
+    int width;
+    double zeros;
+};
+constexpr RelaxBound kRelaxBounds[] = {{4, 1.0}, {16, 0.8}, {48, 0.1}, {INT_MAX, 0.05}};
+
+bool relaxedJoin(std::int64_t width, double zeroShare) {
+    for (const RelaxBound& b : kRelaxBounds)
+        if (width <= b.width && zeroShare < b.zeros) return true;
+    return false;
+}
+
+// Merges each supernode into its parent when the parent starts right after
+// it (the order is not a postorder, so only such a child can share a panel
+// with it) and the explicit zeros stay within the bounds above. The rows of
+// a child below its columns lie in the parent's rows, so the merged panel
+// holds the child's columns and the parent's rows, and the child's columns
+// gain the zeros. Supernodes are visited from the last down, so a chain of
+// children folds into one panel. A merge never crosses the end of a domain
+// or separator of the dissection (`stops`), so the domains keep whole
+// supernodes, and merges whole supernodes only, so no pair is split.
+// Rewrites snode and colcnt; returns the zeros added.
+std::int64_t relaxSupernodes(int n, int maxsup, OneBased<const int> parent,
+                             const std::vector<char>& stops, OneBased<int> colcnt,
+                             OneBased<int> snode, Supernodes& sn) {
+    const int ns = sn.nsuper;
+    const auto slots = static_cast<std::size_t>(ns) + 2;
+    std::vector<int> first(slots);
+    first[slots - 1] = n + 1;
+    for (int j = n; j >= 1; --j)
+        first[static_cast<std::size_t>(snode[j])] = j;
+    // Per supernode as it stands when visited: the last column, the height
+    // and the zeros of the merged panel that it starts.
+    std::vector<int> last(slots, n), height(slots, 0);
+    std::vector<std::int64_t> zeros(slots, 0);
+    std::vector<char> joined(slots, 0);
+    height[static_cast<std::size_t>(ns)] = colcnt[first[static_cast<std::size_t>(ns)]];
+    for (int s = ns - 1; s >= 1; --s) {
+        const auto u = static_cast<std::size_t>(s);
+        const int fst = first[u];
+        const int end = first[u + 1] - 1;
+        const int p = parent[end];
+        last[u] = end;
+        height[u] = colcnt[fst];
+        if (p == 0 || p > last[u + 1] || stops[static_cast<std::size_t>(end)]) continue;
+        const std::int64_t wc = end - fst + 1;
+        const std::int64_t w = wc + (last[u + 1] - end);
+        if (w > maxsup) continue;
+        const std::int64_t h = wc + height[u + 1];
+        const std::int64_t added = wc * (h - height[u]);
+        const std::int64_t total = zeros[u] + zeros[u + 1] + added;
+        const double trapezoid = static_cast<double>(w * h - w * (w - 1) / 2);
+        if (added != 0 && !relaxedJoin(w, static_cast<double>(total) / trapezoid)) continue;
+        joined[u + 1] = 1;
+        last[u] = last[u + 1];
+        height[u] = static_cast<int>(h);
+        zeros[u] = total;
+    }
+    std::int64_t added = 0;
+    int count = 0;
+    sn.largestSupernode = 1;
+    for (int s = 1; s <= ns; ++s) {
+        const auto u = static_cast<std::size_t>(s);
+        if (joined[u]) continue;
+        ++count;
+        const int fst = first[u];
+        for (int c = fst; c <= last[u]; ++c) {
+            snode[c] = count;
+            const int rows = height[u] - (c - fst);
+            added += rows - colcnt[c];
+            colcnt[c] = rows;
+        }
+        sn.largestSupernode = std::max(sn.largestSupernode, last[u] - fst + 1);
+    }
+    sn.nsuper = count;
+    return added;
+}
+
+// Columns that end a domain or a separator of the dissection, by column.
+std::vector<char> domainEnds(int n, const OrderingResult& ord) {
+    std::vector<char> ends(static_cast<std::size_t>(n) + 1, 0);
+    const std::int64_t pairs = std::min<std::int64_t>(2 * ord.ndomains, ord.domainpairs.size() / 2);
+    for (std::int64_t p = 0; p < pairs; ++p) {
+        const int l = ord.domainpairs[2 * p + 1];
+        if (l >= 1 && l <= n) ends[static_cast<std::size_t>(l)] = 1;
+    }
+    return ends;
 }
 
 // Pairs of columns become pairs of supernodes. Returns a positive code when
@@ -521,9 +619,13 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
     out.colcountSum = columnCounts(n, graph, out.parent.data(), in.memory, out.colcnt.data());
     out.colcountSum += joinPairs(n, in.pairStart, oneBased<const int>(out.parent.data()),
                                  oneBased(out.colcnt.data()));
-    const Supernodes sn = findSupernodes(
+    Supernodes sn = findSupernodes(
         n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()),
         oneBased<const int>(out.colcnt.data()), in.pairStart, oneBased(out.snode.data()));
+    if (in.relax)
+        out.relaxedZeros = relaxSupernodes(
+            n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()), domainEnds(n, ord),
+            oneBased(out.colcnt.data()), oneBased(out.snode.data()), sn);
     out.nsuper = sn.nsuper;
     out.largestFundamental = sn.largestFundamental;
     out.largestSupernode = sn.largestSupernode;

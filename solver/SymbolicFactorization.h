@@ -39,6 +39,9 @@ struct SymbolicInput {
     // supernode: its first column takes the structure of the second (the
     // extra entries are explicit zeros), and no panel cut falls between them.
     const int* pairStart = nullptr;
+    // Merge supernodes into their parents within the bounds on explicit
+    // zeros (SymbolicFactorization.cpp); off: fundamental supernodes.
+    bool relax = true;
     MemoryCounter* memory = nullptr;
 };
 

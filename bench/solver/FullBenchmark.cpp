@@ -8,6 +8,7 @@
 // the peers solve once.
 #include "FullBenchmark.h"
 
+#include "Handle.h"
 #include "MatrixMarket.h"
 #include "Peers.h"
 
@@ -146,6 +147,10 @@ struct SolveFigures {
     double backwardError = -1;
 };
 
+// --fundamental: SPDS keeps the fundamental supernodes (no merging), for the
+// comparison.
+bool g_fundamental = false;
+
 template <class T>
 Timing runSpds(const Problem& p, const std::vector<double>& b, int repetitions,
                SolveFigures* figures) {
@@ -159,6 +164,15 @@ Timing runSpds(const Problem& p, const std::vector<double>& b, int repetitions,
         std::vector<T> rhs(b.begin(), b.end()), x(b.size());
         double times[3] = {};
         const int phases[3] = {11, 22, 33};
+        if (g_fundamental) {
+            // The switch lives on the handle, which the first call makes.
+            int phase = 11;
+            spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), p.ia.data(), p.ja.data(),
+                 nullptr, &nrhs, iparm, &msglvl, rhs.data(), x.data(), &error);
+            if (skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt))
+                h->relaxedSupernodes = false;
+            iparm[17] = -1;
+        }
         for (int k = 0; k < 3 && error == 0; ++k) {
             int phase = phases[k];
             const double t0 = nrt_seconds();
@@ -254,6 +268,8 @@ int fullBenchmark(int argc, char** argv) {
             reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--quick"))
             quick = true;
+        else if (!std::strcmp(argv[i], "--fundamental"))
+            g_fundamental = true;
         else if (!std::strcmp(argv[i], "--write-photo-mtx") && i + 2 < argc)
             return writePhotoSystem(argv[i + 1], argv[i + 2]);
     }

@@ -1,12 +1,13 @@
 // Speed of SPDS against its peers, in one run with one thread count.
 //
-//   bench_solver [--threads N] [--reps R] [--quick]
+//   bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
 //        full benchmark: matting Laplacians of three photographs at the
 //        working size, a 2D and a 3D Laplacian and a saddle-point system;
 //        analysis, factorization and solve of SPDS (single and double, the
 //        parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
 //        simplicial LDL^T; best of R repetitions (default 3), each peer's
-//        time as a ratio to SPDS single, and the residuals.
+//        time as a ratio to SPDS single, and the residuals; --fundamental:
+//        SPDS without merging supernodes
 //   bench_solver --write-photo-mtx PHOTO FILE
 //        writes the matting Laplacian of a photograph for spds-solve
 //   bench_solver --analysis [WIDTH HEIGHT]

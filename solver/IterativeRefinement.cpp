@@ -3,6 +3,7 @@
 
 #include "Solve.h"
 #include "internal/Scalar.h"
+#include "runtime/nrt.h"
 
 #include <algorithm>
 #include <cmath>
@@ -19,6 +20,8 @@ namespace {
 constexpr int kWorkCode = -1300;
 constexpr int kStatusNoContraction = -112;
 constexpr double kRoundoffUnits = 8;
+// A product with fewer entries runs on one thread.
+constexpr std::int64_t kParallelEntries = 200000;
 
 template <class T>
 constexpr double unitRoundoff() {
@@ -142,10 +145,15 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
                     bool transpose, int nrhs, const W* x, W* y, bool hermitian) {
+    const std::int64_t entries = static_cast<std::int64_t>(ia[n]) - ia[0];
+    const int t = entries >= kParallelEntries ? nrt_get_max_threads() : 1;
     for (int j = 0; j < nrhs; ++j) {
         const W* xj = x + static_cast<std::int64_t>(j) * n;
         W* yj = y + static_cast<std::int64_t>(j) * n;
         if (!symmetricStorage && !transpose) {
+            // A row's sum is one thread's, in the order of the row: the
+            // residual does not depend on the threads.
+#pragma omp parallel for schedule(static) num_threads(t) if (t > 1)
             for (int i = 0; i < n; ++i) {
                 W v = 0;
                 for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p)

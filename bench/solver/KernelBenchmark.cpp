@@ -15,6 +15,7 @@
 //        LD_LIBRARY_PATH in a child process.
 #include "FullBenchmark.h"
 
+#include "SupernodalKernels.h"
 #include "runtime/nrt.h"
 #include "spds.h"
 
@@ -24,9 +25,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <random>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -155,6 +159,50 @@ const char* blasBuild() {
     }
 }
 
+// One dense diagonal block alone: w columns and w / 2 rows below, random
+// values (symmetric indefinite for LDL^T with Bunch-Kaufman, the lower
+// triangle read), one thread, best of reps; seconds.
+template <class T>
+double blockSeconds(bool lu, int w, int reps) {
+    using namespace skyrinse::spds;
+    const int ld = w + w / 2;
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<double> u(-1, 1);
+    std::vector<T> source(static_cast<std::size_t>(ld) * w);
+    for (T& v : source)
+        v = static_cast<T>(u(rng));
+    std::vector<T> a, upper(static_cast<std::size_t>(ld - w) * w),
+        work(static_cast<std::size_t>(ldltWorkspace(w)));
+    std::vector<int> p(static_cast<std::size_t>(w)), q(p.size());
+    PivotRule<T> rule;
+    rule.growth = static_cast<T>(std::sqrt(std::numeric_limits<T>::epsilon() / 2));
+    rule.replacement = rule.growth;
+    double best = 1e30;
+    for (int r = 0; r < reps; ++r) {
+        a = source;
+        std::fill(upper.begin(), upper.end(), T(0));
+        const double t0 = nrt_seconds();
+        if (lu)
+            luPanel(a.data(), ld, w, upper.data(), ld - w, rule, p.data(), q.data());
+        else
+            ldltPanel(a.data(), ld, w, true, rule, p.data(), work.data());
+        best = std::min(best, nrt_seconds() - t0);
+    }
+    return best;
+}
+
+void printBlocks(int reps) {
+    nrt_set_num_threads(1);
+    std::printf("diagonal-block kernels alone, one thread, best of %d; milliseconds\n", reps);
+    std::printf("  %6s %12s %12s %12s %12s\n", "w", "LDLT single", "LDLT double", "LU single",
+                "LU double");
+    for (int w : {128, 256, 512, 1024})
+        std::printf(
+            "  %6d %12.2f %12.2f %12.2f %12.2f\n", w, 1e3 * blockSeconds<float>(false, w, reps),
+            1e3 * blockSeconds<double>(false, w, reps), 1e3 * blockSeconds<float>(true, w, reps),
+            1e3 * blockSeconds<double>(true, w, reps));
+}
+
 } // namespace
 
 int kernelBenchmark(int argc, char** argv) {
@@ -197,6 +245,7 @@ int kernelBenchmark(int argc, char** argv) {
         printRow("double", measure<double>(s.p, s.mtype, threads, reps));
         std::fflush(stdout);
     }
+    printBlocks(reps);
     return 0;
 }
 

@@ -44,17 +44,18 @@ std::vector<Case> cases() {
         if (i + 1 < 3000) path[{i, i + 1}] = path[{i + 1, i}] = -1.0;
     }
     v.push_back({fromEntries("path", -2, 3000, path), true});
-    // Long enough for the gather, the scatter and the residual to be split
-    // over threads.
+    // Long enough for the gather, the scatter and the residual (by rows,
+    // and through the column index for a stored triangle) to be split.
     Entries longPath;
     for (int i = 0; i < 70000; ++i) {
-        longPath[{i, i}] = 4.0 + (i % 7) * 0.1;
+        longPath[{i, i}] = (i % 3 == 1 ? -4.0 : 4.0) + (i % 7) * 0.1;
         if (i + 1 < 70000) {
             longPath[{i, i + 1}] = -1.0;
             longPath[{i + 1, i}] = -1.5;
         }
     }
-    // Too little work in its factor to share: only the solve's vectors are split.
+    // Too little work in their factors to share: only the solve's vectors are split.
+    v.push_back({fromEntries("long indefinite path", -2, 70000, longPath), false, false});
     v.push_back({fromEntries("long unsymmetric path", 11, 70000, longPath), false, false});
     return v;
 }

@@ -272,8 +272,7 @@ struct PairPivot {
             }
             return;
         }
-        // Scaled by a21 first, as the symmetric indefinite kernels of the
-        // reference library do: no overflow where a21 dominates.
+        // Scaled by a21 first: no overflow where a21 dominates the pair.
         const T d11 = a22 / a21;
         const T d22 = a11 / a21;
         const T d21 = (T(1) / (d11 * d22 - T(1))) / a21;

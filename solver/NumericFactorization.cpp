@@ -393,7 +393,7 @@ bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
         }
     } else if (!lu) {
         int* piv = f.rowPivot + fst - 1;
-        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv, hermitian);
+        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv, w.dlt.data(), hermitian);
         for (int k = 0; k < ws; ++k)
             piv[k] = piv[k] >= 0 ? fst + piv[k] : -(fst + (-piv[k] - 1));
     } else {
@@ -523,7 +523,9 @@ NumericResult Worker<T>::run() {
         w.indmap = IntBlock(n, kWorkCode, &h.memory);
         w.relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
         w.temp = Block<T>(tempSize, kWorkCode, &h.memory);
-        w.dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
+        // Also the workspace of the block kernel, which runs after the updates.
+        w.dlt = Block<T>(std::max(panel * panel, ldltWorkspace(static_cast<int>(panel))), kWorkCode,
+                         &h.memory);
     }
     if (!prepareEntries()) {
         result.outsideStructure = true;

@@ -106,14 +106,6 @@ Problem laplacian3d(int k) {
     return fromUpperRows("3D Laplacian " + std::to_string(k) + "^3", n, true, rows);
 }
 
-} // namespace bench
-
-namespace {
-
-using bench::laplacian2d;
-using bench::laplacian3d;
-using bench::photoProblem;
-
 // [K B^T; B 0]: K a 2D Laplacian, B one difference of neighbours per
 // constraint, the constraints on distinct pairs so that the system is regular.
 Problem saddlePoint(int w, int h, int constraints) {
@@ -139,6 +131,15 @@ Problem saddlePoint(int w, int h, int constraints) {
         std::sort(r.begin(), r.end());
     return fromUpperRows("saddle point " + std::to_string(n), n, false, rows);
 }
+
+} // namespace bench
+
+namespace {
+
+using bench::laplacian2d;
+using bench::laplacian3d;
+using bench::photoProblem;
+using bench::saddlePoint;
 
 // What the checked solve reports besides the times.
 struct SolveFigures {

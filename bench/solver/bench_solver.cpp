@@ -31,6 +31,11 @@
 //   bench_solver --complex [--threads N] [--reps R]
 //        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
 //        against MUMPS's complex solver, complex double for both
+//   bench_solver --kernels [--threads N] [--reps R] [--quick]
+//        the numeric factorization alone on 1 and N threads, wall and
+//        processor time (KernelBenchmark.cpp)
+//   bench_solver --blas-builds [--reps R] [--quick]
+//        that on 2 threads with each OpenBLAS build installed
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -315,5 +320,7 @@ int main(int argc, char** argv) {
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--parallel")) return parallelBenchmark(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--complex")) return complexBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--kernels")) return kernelBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--blas-builds")) return blasBuildsBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

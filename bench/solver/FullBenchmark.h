@@ -19,6 +19,9 @@ int parallelBenchmark(int argc, char** argv);
 // bench_solver --complex [--threads N] [--reps R]: complex Helmholtz-like
 // systems against MUMPS's complex solver.
 int complexBenchmark(int argc, char** argv);
+// bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]: out of core against
+// in core (OutOfCoreBenchmark.cpp).
+int outOfCoreBenchmark(int argc, char** argv);
 
 namespace bench {
 // The matting system the photo tool solves for a photograph.

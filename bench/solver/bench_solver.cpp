@@ -21,6 +21,9 @@
 //   bench_solver --complex [--threads N] [--reps R]
 //        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
 //        against MUMPS's complex solver, complex double for both
+//   bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
+//        factorization and solve with the factor in files (limit a quarter
+//        of the factor) against in core, the bytes written and read
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -184,5 +187,6 @@ int main(int argc, char** argv) {
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--parallel")) return parallelBenchmark(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--complex")) return complexBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--ooc")) return outOfCoreBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

@@ -614,10 +614,29 @@ NumericResult Worker<T>::run() {
     rule = pivotRule<T>(rq.pivotExponent, largest);
     sources = sourceLists(s, &h.memory, kWorkCode);
     if (outOfCore) {
-        std::vector<int> uses(static_cast<std::size_t>(nsuper) + 1, 0);
-        for (int e = 0; e < sources.xsource[nsuper]; ++e)
-            ++uses[static_cast<std::size_t>(sources.source[e])];
-        window = std::make_unique<PanelWindow>(*outOfCore, windowBytes, std::move(uses));
+        // Who reads each panel, by place in the schedule, so that the window
+        // keeps the panels that are read next.
+        std::vector<int> place(static_cast<std::size_t>(nsuper) + 1, 0);
+        for (int i = 0; i < nsuper; ++i)
+            place[static_cast<std::size_t>(plan.order[static_cast<std::size_t>(i)])] = i;
+        std::vector<int> xreaders(static_cast<std::size_t>(nsuper) + 2, 0);
+        const int updates = sources.xsource[nsuper];
+        for (int e = 0; e < updates; ++e)
+            ++xreaders[static_cast<std::size_t>(sources.source[e]) + 1];
+        for (int d = 1; d <= nsuper; ++d)
+            xreaders[static_cast<std::size_t>(d) + 1] += xreaders[static_cast<std::size_t>(d)];
+        std::vector<int> readers(static_cast<std::size_t>(std::max(1, updates)));
+        std::vector<int> fill(xreaders.begin(), xreaders.end() - 1);
+        for (int t = 1; t <= nsuper; ++t)
+            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e)
+                readers[static_cast<std::size_t>(
+                    fill[static_cast<std::size_t>(sources.source[e])]++)] =
+                    place[static_cast<std::size_t>(t)];
+        for (int d = 1; d <= nsuper; ++d)
+            std::sort(readers.begin() + xreaders[static_cast<std::size_t>(d)],
+                      readers.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+        window = std::make_unique<PanelWindow>(*outOfCore, windowBytes, std::move(xreaders),
+                                               std::move(readers));
     }
 
     if (reportProgress(1, 0, kStageText, kStageLength) != 0) {

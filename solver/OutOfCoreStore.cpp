@@ -318,26 +318,28 @@ void OutOfCoreFactor::readU(void* to, std::int64_t bytes, std::int64_t offset) c
 
 // ---- PanelWindow ----
 
-PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> usesOf)
-    : m_files(files), m_budget(budget), m_uses(std::move(usesOf)),
+PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
+                         std::vector<int> readers)
+    : m_files(files), m_budget(budget), m_xreaders(std::move(xreaders)),
+      m_readers(std::move(readers)), m_read(m_xreaders.begin(), m_xreaders.end() - 1),
       m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
       m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
 
 void PanelWindow::drop(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (!s.data) return;
-    if (s.listed) m_lru.erase(s.place);
+    if (s.listed) m_idle.erase(s.place);
     s.listed = false;
     s.data.reset();
     m_at[static_cast<std::size_t>(sn)] = nullptr;
     m_resident -= m_files.panelBytes(sn);
 }
 
-// Only panels that nobody holds are listed, so only those are dropped; the
+// Only panels that nobody holds are idle, so only those are dropped; the
 // budget is exceeded by what the threads hold at once when it must be.
 void PanelWindow::makeRoom(std::int64_t bytes) {
-    while (m_resident + bytes > m_budget && !m_lru.empty())
-        drop(m_lru.front());
+    while (m_resident + bytes > m_budget && !m_idle.empty())
+        drop(std::prev(m_idle.end())->second);
 }
 
 std::byte* PanelWindow::allocate(int sn) {
@@ -355,11 +357,12 @@ std::byte* PanelWindow::allocate(int sn) {
 void PanelWindow::release(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (--s.pins > 0) return;
-    if (m_uses[static_cast<std::size_t>(sn)] <= 0) {
+    const int next = nextReader(sn);
+    if (next == INT_MAX) {
         drop(sn);
         return;
     }
-    s.place = m_lru.insert(m_lru.end(), sn);
+    s.place = m_idle.emplace(next, sn).first;
     s.listed = true;
 }
 
@@ -372,7 +375,7 @@ std::byte* PanelWindow::load(int d) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Slot& s = m_slots[static_cast<std::size_t>(d)];
     if (s.data) {
-        if (s.listed) m_lru.erase(s.place);
+        if (s.listed) m_idle.erase(s.place);
         s.listed = false;
         ++s.pins;
         return s.data.get();
@@ -386,7 +389,7 @@ std::byte* PanelWindow::load(int d) {
 
 void PanelWindow::used(int d) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    --m_uses[static_cast<std::size_t>(d)];
+    ++m_read[static_cast<std::size_t>(d)];
     release(d);
 }
 

@@ -41,12 +41,13 @@
 
 #include "OutOfCoreConfig.h"
 
+#include <climits>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -234,14 +235,18 @@ private:
 };
 
 // The factorization's panels in memory: the targets being built, and the
-// finished ones that later targets still read, up to a budget; the least
-// recently used go first, a panel that no target needs any more at once.
-// A panel is held from target() to finish(), or from load() to used(), and
-// is never dropped while held. Several threads may call at once.
+// finished ones that later targets still read, up to a budget. When room is
+// needed, the panel whose next reader comes last in the schedule goes first
+// (it would stay unread the longest), and a panel that no target needs any
+// more goes at once. A panel is held from target() to finish(), or from
+// load() to used(), and is never dropped while held. Several threads may
+// call at once.
 class PanelWindow {
 public:
-    // usesOf[d]: how many targets take updates from supernode d (one-based).
-    PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> usesOf);
+    // The places in the schedule of the targets that read supernode d
+    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending.
+    PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
+                std::vector<int> readers);
 
     std::byte* target(int sn); // a block for sn's panels
     std::byte* load(int d);    // d's panels, read back if they were dropped
@@ -254,10 +259,16 @@ public:
 private:
     struct Slot {
         PanelBlock data;
-        std::list<int>::iterator place;
+        std::set<std::pair<int, int>>::iterator place;
         bool listed = false;
         int pins = 0;
     };
+    // Place of the next reader of d, past every place when none is left.
+    int nextReader(int d) const {
+        const std::size_t k = static_cast<std::size_t>(d);
+        return m_read[k] < m_xreaders[k + 1] ? m_readers[static_cast<std::size_t>(m_read[k])]
+                                             : INT_MAX;
+    }
     void makeRoom(std::int64_t bytes);
     void drop(int sn);
     void release(int sn);
@@ -265,10 +276,11 @@ private:
 
     OutOfCoreFactor& m_files;
     std::int64_t m_budget;
-    std::vector<int> m_uses;
+    std::vector<int> m_xreaders, m_readers;
+    std::vector<int> m_read; // per supernode: next entry of readers
     std::vector<Slot> m_slots;
     std::vector<std::byte*> m_at;
-    std::list<int> m_lru; // panels nobody holds, least recently used first
+    std::set<std::pair<int, int>> m_idle; // (next reader, supernode) of panels nobody holds
     std::int64_t m_resident = 0;
     std::int64_t m_peak = 0;
     std::mutex m_mutex;

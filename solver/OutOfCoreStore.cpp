@@ -3,11 +3,10 @@
 
 #include "Messages.h"
 
-#include "runtime/nrt.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -25,6 +24,12 @@ namespace skyrinse::spds {
 namespace {
 
 std::atomic<int> g_nextSerial{1};
+
+// The clock of the I/O statistics: read around every panel, so the cheapest.
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 // System calls move at most this much at once.
 constexpr std::int64_t kLargestCall = std::int64_t(1) << 30;
@@ -240,9 +245,9 @@ std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* dat
     const std::int64_t offset = w.end;
     if (bytes >= m_staging) {
         flush(file, w);
-        const double t0 = nrt_seconds();
+        const double t0 = wallSeconds();
         file.writeAt(data, bytes, offset, m_msglvl);
-        m_io->writeSeconds += nrt_seconds() - t0;
+        m_io->writeSeconds += wallSeconds() - t0;
         m_io->bytesWritten += bytes;
         w.flushed = w.end = offset + bytes;
         return offset;
@@ -256,9 +261,9 @@ std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* dat
 
 void OutOfCoreFactor::flush(OocFile& file, Writer& w) {
     if (w.staged == 0) return;
-    const double t0 = nrt_seconds();
+    const double t0 = wallSeconds();
     file.writeAt(w.staging.get(), w.staged, w.flushed, m_msglvl);
-    m_io->writeSeconds += nrt_seconds() - t0;
+    m_io->writeSeconds += wallSeconds() - t0;
     m_io->bytesWritten += w.staged;
     w.flushed += w.staged;
     w.staged = 0;
@@ -270,9 +275,9 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
         std::memcpy(to, w.staging.get() + (offset - w.flushed), static_cast<std::size_t>(bytes));
         return;
     }
-    const double t0 = nrt_seconds();
+    const double t0 = wallSeconds();
     file.readAt(to, bytes, offset, m_msglvl);
-    m_io->factorReadSeconds += nrt_seconds() - t0;
+    m_io->factorReadSeconds += wallSeconds() - t0;
     m_io->bytesRead += bytes;
 }
 
@@ -325,32 +330,55 @@ PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vecto
       m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
       m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
 
+// A dropped panel's block is kept for a later panel of about its size, as
+// long as the budget has room for it: mapping fresh pages for every panel
+// read back costs more than the read.
 void PanelWindow::drop(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (!s.data) return;
     if (s.listed) m_idle.erase(s.place);
     s.listed = false;
-    s.data.reset();
     m_at[static_cast<std::size_t>(sn)] = nullptr;
-    m_resident -= m_files.panelBytes(sn);
+    m_resident -= s.capacity;
+    if (m_resident + m_pooled + s.capacity <= m_budget) {
+        m_pooled += s.capacity;
+        m_pool.emplace(s.capacity, std::move(s.data));
+    }
+    s.data.reset();
+    s.capacity = 0;
 }
 
 // Only panels that nobody holds are idle, so only those are dropped; the
 // budget is exceeded by what the threads hold at once when it must be.
 void PanelWindow::makeRoom(std::int64_t bytes) {
+    while (m_resident + m_pooled + bytes > m_budget && !m_pool.empty()) {
+        auto largest = std::prev(m_pool.end());
+        m_pooled -= largest->first;
+        m_pool.erase(largest);
+    }
     while (m_resident + bytes > m_budget && !m_idle.empty())
         drop(std::prev(m_idle.end())->second);
 }
 
 std::byte* PanelWindow::allocate(int sn) {
     const std::int64_t bytes = std::max<std::int64_t>(1, m_files.panelBytes(sn));
-    makeRoom(bytes);
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
-    s.data = PanelBlock(bytes);
+    auto reuse = m_pool.lower_bound(bytes);
+    if (reuse != m_pool.end() && reuse->first <= 2 * bytes) {
+        s.capacity = reuse->first;
+        s.data = std::move(reuse->second);
+        m_pooled -= reuse->first;
+        m_pool.erase(reuse);
+        makeRoom(0);
+    } else {
+        makeRoom(bytes);
+        s.data = PanelBlock(bytes);
+        s.capacity = bytes;
+    }
     s.pins = 1;
     m_at[static_cast<std::size_t>(sn)] = s.data.get();
-    m_resident += m_files.panelBytes(sn);
-    m_peak = std::max(m_peak, m_resident);
+    m_resident += s.capacity;
+    m_peak = std::max(m_peak, m_resident + m_pooled);
     return s.data.get();
 }
 
@@ -493,7 +521,7 @@ void PanelReader::run() {
         c.first = m_bounds[k];
         c.last = m_bounds[k + 1];
         int error = 0;
-        const double t0 = nrt_seconds();
+        const double t0 = wallSeconds();
         try {
             fill(c);
         } catch (const OocFailure& f) {
@@ -504,7 +532,7 @@ void PanelReader::run() {
             bytes += m_files.panelBytes(m_order[i]);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            io.solveReadSeconds += nrt_seconds() - t0;
+            io.solveReadSeconds += wallSeconds() - t0;
             io.bytesRead += bytes;
             m_error = error;
             c.ready = error == 0;

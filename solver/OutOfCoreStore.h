@@ -45,6 +45,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -262,6 +263,7 @@ private:
         std::set<std::pair<int, int>>::iterator place;
         bool listed = false;
         int pins = 0;
+        std::int64_t capacity = 0; // bytes of data, at least the panel's
     };
     // Place of the next reader of d, past every place when none is left.
     int nextReader(int d) const {
@@ -281,7 +283,9 @@ private:
     std::vector<Slot> m_slots;
     std::vector<std::byte*> m_at;
     std::set<std::pair<int, int>> m_idle; // (next reader, supernode) of panels nobody holds
+    std::multimap<std::int64_t, PanelBlock> m_pool; // blocks of dropped panels, by size
     std::int64_t m_resident = 0;
+    std::int64_t m_pooled = 0;
     std::int64_t m_peak = 0;
     std::mutex m_mutex;
 };

@@ -455,8 +455,6 @@ bool Call<T>::decideStorage() {
     h->ooc.stagingBytes = plan.stagingBytes;
     h->oocMode = h->ooc.mode;
     iparm[55] = h->ooc.mode;
-    // The window is one thread's: the two-level scheme does not apply.
-    if (h->ooc.active) h->twoLevel = false;
     if (plan.error != 0) {
         h->ooc.status = plan.error;
         status = plan.error;

@@ -330,9 +330,9 @@ PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vecto
       m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
       m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
 
-// A dropped panel's block is kept for a later panel of about its size, as
-// long as the budget has room for it: mapping fresh pages for every panel
-// read back costs more than the read.
+// A block is kept for a later panel of about its size, as long as the
+// budget has room: mapping fresh pages for every panel read back costs more
+// than the read. A panel dropped for room hands its block on when it fits.
 void PanelWindow::drop(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (!s.data) return;
@@ -348,30 +348,47 @@ void PanelWindow::drop(int sn) {
     s.capacity = 0;
 }
 
-// Only panels that nobody holds are idle, so only those are dropped; the
-// budget is exceeded by what the threads hold at once when it must be.
-void PanelWindow::makeRoom(std::int64_t bytes) {
-    while (m_resident + m_pooled + bytes > m_budget && !m_pool.empty()) {
-        auto largest = std::prev(m_pool.end());
-        m_pooled -= largest->first;
-        m_pool.erase(largest);
-    }
-    while (m_resident + bytes > m_budget && !m_idle.empty())
-        drop(std::prev(m_idle.end())->second);
-}
-
 std::byte* PanelWindow::allocate(int sn) {
     const std::int64_t bytes = std::max<std::int64_t>(1, m_files.panelBytes(sn));
+    auto fits = [bytes](std::int64_t capacity) {
+        return capacity >= bytes && capacity <= 2 * bytes;
+    };
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     auto reuse = m_pool.lower_bound(bytes);
-    if (reuse != m_pool.end() && reuse->first <= 2 * bytes) {
+    if (reuse != m_pool.end() && fits(reuse->first)) {
         s.capacity = reuse->first;
         s.data = std::move(reuse->second);
         m_pooled -= reuse->first;
         m_pool.erase(reuse);
-        makeRoom(0);
-    } else {
-        makeRoom(bytes);
+    }
+    // Room: pooled blocks go first, then the idle panels read last. Only
+    // idle panels are dropped, so the budget is exceeded by what the
+    // threads hold at once when it must be.
+    const std::int64_t wanted = s.data ? 0 : bytes;
+    while (m_resident + m_pooled + wanted > m_budget) {
+        const int victim = m_idle.empty() ? 0 : std::prev(m_idle.end())->second;
+        Slot& v = m_slots[static_cast<std::size_t>(victim)];
+        if (victim != 0 && !s.data && fits(v.capacity)) {
+            const std::int64_t capacity = v.capacity;
+            s.data = std::move(v.data);
+            s.capacity = capacity;
+            v.capacity = 0;
+            m_idle.erase(v.place);
+            v.listed = false;
+            m_at[static_cast<std::size_t>(victim)] = nullptr;
+            m_resident -= capacity;
+            break;
+        }
+        if (!m_pool.empty()) {
+            auto largest = std::prev(m_pool.end());
+            m_pooled -= largest->first;
+            m_pool.erase(largest);
+            continue;
+        }
+        if (victim == 0) break;
+        drop(victim);
+    }
+    if (!s.data) {
         s.data = PanelBlock(bytes);
         s.capacity = bytes;
     }

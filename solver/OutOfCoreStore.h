@@ -27,11 +27,12 @@
 // the per-supernode tables. The analysis's arrays and the factorization's
 // work arrays (update buffer, index maps, the matrix entries by column;
 // iparm[62] estimates them) are needed in core as well and come on top.
-// The window holds at most its budget in panels, plus a staging
-// buffer per file (a sixteenth of the window, 64 KB to 2 MB) that turns
-// small panels into large writes; the reader holds two chunks of consecutive panels, each at most
-// a quarter of the window or one panel when that is larger. Panels are
-// plain heap blocks outside the handle's counters: they come and go.
+// The window holds at most its budget in panels (more only while the
+// threads hold more at once), the staging buffer of each file (a sixteenth
+// of the window, 64 KB to 2 MB) turns small panels into large writes, and
+// the reader holds two chunks of consecutive panels, each at most a quarter
+// of the window or one panel when that is larger. Panel blocks are mapped
+// from the system (PanelBlock), outside the handle's counters.
 //
 // Threads: the factorization's threads share the window (one lock; reads
 // and writes of the files happen under it, so the files see one stream);
@@ -239,9 +240,10 @@ private:
 // finished ones that later targets still read, up to a budget. When room is
 // needed, the panel whose next reader comes last in the schedule goes first
 // (it would stay unread the longest), and a panel that no target needs any
-// more goes at once. A panel is held from target() to finish(), or from
-// load() to used(), and is never dropped while held. Several threads may
-// call at once.
+// more goes at once; a dropped panel's block serves a later panel of about
+// its size while the budget has room. A panel is held from target() to
+// finish(), or from load() to used(), and is never dropped while held.
+// Several threads may call at once.
 class PanelWindow {
 public:
     // The places in the schedule of the targets that read supernode d
@@ -271,7 +273,6 @@ private:
         return m_read[k] < m_xreaders[k + 1] ? m_readers[static_cast<std::size_t>(m_read[k])]
                                              : INT_MAX;
     }
-    void makeRoom(std::int64_t bytes);
     void drop(int sn);
     void release(int sn);
     std::byte* allocate(int sn);

@@ -30,7 +30,9 @@ namespace skyrinse::spds {
 struct OocConfig {
     std::string stem = "ooc_temp";
     int maxCoreMb = 2000;
-    int keepFile = 0;
+    // Kept by default: a caller may solve again from the files in a later
+    // run. Names are unique per process and handle, so set 0 to clean up.
+    int keepFile = 1;
 };
 
 // Reads environment and file; prints what the environment gave (and a file

@@ -376,21 +376,21 @@ TEST(OutOfCoreConfig, FileAndEnvironment) {
         {"keys in any case, comments, blanks",
          "SPDS_OOC_PATH = /scratch/a  # stem\n"
          "  spds_ooc_max_core_size=512\n"
-         "Spds_Ooc_Keep_File =1\n",
+         "Spds_Ooc_Keep_File =0\n",
          {false, false, false},
-         {"/scratch/a", 512, 1}},
+         {"/scratch/a", 512, 0}},
         {"a path with blanks",
          "spds_ooc_path = /my files/run 2\n",
          {false, false, false},
-         {"/my files/run 2", 2000, 0}},
+         {"/my files/run 2", 2000, 1}},
         {"lines without = and unknown keys are skipped",
-         "spds_ooc_max_core_size 77\nspds_other = 3\n# spds_ooc_keep_file = 1\n",
+         "spds_ooc_max_core_size 77\nspds_other = 3\n# spds_ooc_keep_file = 0\n",
          {false, false, false},
-         {"ooc_temp", 2000, 0}},
+         {"ooc_temp", 2000, 1}},
         {"the environment wins key by key",
          "spds_ooc_path = /f\nspds_ooc_max_core_size = 9\n",
          {true, false, false},
-         {"ooc_temp", 9, 0}},
+         {"ooc_temp", 9, 1}},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);

@@ -46,6 +46,17 @@ constexpr std::int64_t kParallelRows = 50000;
 
 enum class Kind { Cholesky, Indefinite, Lu };
 
+// (u, v) <- D^-1 (u, v) for a 2 x 2 pivot stored by its lower triangle;
+// Cramer's rule, as the factorization inverted it.
+template <class T>
+void solvePivotPair(T d11, T d21, T d22, bool hermitian, T& u, T& v) {
+    const T d12 = hermitian ? conjugate(d21) : d21;
+    const T det = d11 * d22 - d21 * d12;
+    const T u0 = u, v0 = v;
+    u = (u0 * d22 - v0 * d12) / det;
+    v = (v0 * d11 - u0 * d21) / det;
+}
+
 } // namespace
 
 template <class T>
@@ -337,12 +348,7 @@ struct FactorSolver<T>::Impl {
                     ++c;
                 } else {
                     const T* col1 = col + hs;
-                    const T d11 = col[off], d21 = col1[off], d22 = col1[off + 1];
-                    const T d12 = hermitian ? conjugate(d21) : d21;
-                    const T det = d11 * d22 - d21 * d12;
-                    const T u = yj[c - 1], v = yj[c];
-                    yj[c - 1] = (u * d22 - v * d12) / det;
-                    yj[c] = (v * d11 - u * d21) / det;
+                    solvePivotPair(col[off], col1[off], col1[off + 1], hermitian, yj[c - 1], yj[c]);
                     c += 2;
                 }
             }
@@ -414,12 +420,7 @@ struct FactorSolver<T>::Impl {
                     ++c;
                 } else {
                     const T* col1 = f.lnz + xlnz[c + 1] - 1;
-                    const T d11 = col[off], d21 = col1[off], d22 = col1[off + 1];
-                    const T d12 = hermitian ? conjugate(d21) : d21;
-                    const T det = d11 * d22 - d21 * d12;
-                    const T u = yj[c - 1], v = yj[c];
-                    yj[c - 1] = (u * d22 - v * d12) / det;
-                    yj[c] = (v * d11 - u * d21) / det;
+                    solvePivotPair(col[off], col1[off], col1[off + 1], hermitian, yj[c - 1], yj[c]);
                     c += 2;
                 }
             }

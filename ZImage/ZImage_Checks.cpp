@@ -83,8 +83,7 @@ void CheckForMemory(qint64 bytes, const QString& subject, const QString& locatio
     // allocator arena. They are hardly touched, so only an address-space
     // limit feels them; there, a run that ignored them would stall in the
     // BLAS library instead of being refused here.
-    const qint64 reservedBytes =
-        qint64{std::max(1, threadCount)} * static_cast<qint64>(nrt_thread_reserve_bytes());
+    const qint64 reservedBytes = static_cast<qint64>(nrt_thread_reserve_bytes(threadCount));
     const qint64 space = addressSpaceLeft();
     if (space >= 0 && bytes + reservedBytes > space) {
         available = space;

@@ -25,8 +25,9 @@ int nrt_threads_for_work(long long work, long long grain, int limit) {
     return static_cast<int>(std::clamp<long long>(useful, 1, limit));
 }
 
-size_t nrt_thread_reserve_bytes(void) {
-    return nrt::detail::kBlasBufferBytes + kArenaBytes + kStackBytes;
+size_t nrt_thread_reserve_bytes(int threads) {
+    const auto team = static_cast<std::size_t>(std::max(1, threads));
+    return team * nrt::detail::kBlasBufferBytes + (team - 1) * (kArenaBytes + kStackBytes);
 }
 
 } // extern "C"

@@ -20,11 +20,13 @@ extern "C" {
  * costs more than it saves. */
 int nrt_threads_for_work(long long work, long long grain, int limit);
 
-/* Address space a thread of the numerical code reserves besides its data:
- * the BLAS library's work buffer, its stack and its allocator arena. Little
- * of it is touched, so it counts against an address-space limit (ulimit -v)
- * rather than against the memory available. */
-size_t nrt_thread_reserve_bytes(void);
+/* Address space that a team of `threads` threads of the numerical code, the
+ * calling thread among them, reserves besides its data: a BLAS work buffer
+ * each, and a stack and an allocator arena for each thread but the caller,
+ * whose own exist already. Little of it is touched, so it counts against an
+ * address-space limit (ulimit -v) rather than against the memory available.
+ * A count below 1 counts as 1. */
+size_t nrt_thread_reserve_bytes(int threads);
 
 #ifdef __cplusplus
 }

@@ -166,7 +166,7 @@ TEST(ThreadDecision, RecordedDynamicState) {
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 12), 1);
 }
 
-TEST(ThreadDecision, ThreadsForWorkGiveEachThreadAGrainAtLeast) {
+TEST(ThreadDecision, WorkGetsAThreadPerGrainAndATeamItsAddressSpace) {
     struct Row {
         long long work, grain;
         int limit, threads;
@@ -187,6 +187,11 @@ TEST(ThreadDecision, ThreadsForWorkGiveEachThreadAGrainAtLeast) {
             << r.work << " / " << r.grain << " up to " << r.limit;
     // No limit: what the process is granted.
     EXPECT_EQ(nrt_threads_for_work(1LL << 40, 1, 0), nrt_get_max_threads());
+    // The caller's own stack and arena are mapped already.
+    EXPECT_EQ(nrt_thread_reserve_bytes(0), nrt_thread_reserve_bytes(1));
+    EXPECT_GE(nrt_thread_reserve_bytes(1), std::size_t{128} << 20);
+    EXPECT_GT(nrt_thread_reserve_bytes(2) - nrt_thread_reserve_bytes(1),
+              nrt_thread_reserve_bytes(1));
 }
 
 TEST(Topology, DistinctCoresAndPackagesAreCounted) {

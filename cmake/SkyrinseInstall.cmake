@@ -4,8 +4,12 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS skyrinse spds-solve haze-inspect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# The plug-in finds SPDS and the runtime three folders up, in the libraries'
-# folder.
+# The image model that host and plug-in share: a private library of the
+# package, so no link-time name or headers are installed.
+install(TARGETS zimage LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)
+
+# The plug-in finds SPDS, the runtime and the image model three folders up,
+# in the libraries' folder.
 set_target_properties(ZHaze PROPERTIES INSTALL_RPATH "$ORIGIN/../../..")
 install(TARGETS ZHaze LIBRARY DESTINATION ${SKYRINSE_PLUGIN_INSTALL_DIR})
 
@@ -78,5 +82,6 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Skyrinse developers <skyrinse@localhost>")
 set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/runtime ${PROJECT_BINARY_DIR}/solver)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/runtime ${PROJECT_BINARY_DIR}/solver
+    ${PROJECT_BINARY_DIR}/ZImage)
 include(CPack)

@@ -19,7 +19,9 @@ constexpr std::array webpNames{"webp"sv};
 constexpr std::array bmpNames{"bmp"sv};
 constexpr std::array tgaNames{"tga"sv, "targa"sv};
 
-constexpr unsigned allKinds = 15;
+constexpr unsigned allKinds = 31;
+// Exiv2 writes a PNG's IPTC, but without the Photoshop resources around it.
+constexpr unsigned pngKinds = 15;
 // Exiv2 writes no IPTC into WebP, and its profile chunk makes files that
 // decoders refuse.
 constexpr unsigned webpKinds = 2 | 8;
@@ -31,7 +33,7 @@ constexpr unsigned d8 = ifl::depthBit(8), d16 = ifl::depthBit(16), d32 = ifl::de
 // would lose precision), PNG holds integers.
 constexpr std::array<ifl::FormatInfo, IFL_FORMAT_COUNT> formats{{
     {IFL_FORMAT_JPEG, "jpeg", "jpeg", jpegNames, d8, false, true, true, allKinds},
-    {IFL_FORMAT_PNG, "png", "png", pngNames, d8 | d16, true, true, true, allKinds},
+    {IFL_FORMAT_PNG, "png", "png", pngNames, d8 | d16, true, true, true, pngKinds},
     {IFL_FORMAT_TIFF, "tiff", "tiff", tiffNames, d8 | d16 | d32, true, true, true, allKinds},
     {IFL_FORMAT_HDRI, "hdri", "hdr", hdriNames, d32, false, false, false, 0},
     {IFL_FORMAT_EXR, "exr", "openexr", exrNames, d32, true, true, false, 0},

@@ -363,14 +363,12 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
 
     const bool withIcc = (params.flags & IFL_SAVE_ICC_PROFILE) != 0;
     if (metadata && !format.exiv2) {
-        if (format.index == IFL_FORMAT_EXR) {
-            // The EXR encoder has no place for a profile.
-            if (withIcc && !metadata->icc.empty())
-                warnings.push_back("exr files hold no ICC profile; it was dropped");
-            ifl::metadataToAttributes(*metadata, false, spec);
-        } else if (!metadata->empty())
-            warnings.push_back(std::string(format.name) +
-                               " files hold no profile or photo metadata; they were dropped");
+        // The EXR encoder takes EXIF, IPTC and XMP as attributes, and has no
+        // place for a profile; the other formats hold no metadata at all.
+        const bool exr = format.index == IFL_FORMAT_EXR;
+        ifl::warnUnheld(*metadata, withIcc, exr ? ifl::Exif | ifl::Iptc | ifl::Xmp : 0u,
+                        format.name, warnings);
+        if (exr) ifl::metadataToAttributes(*metadata, false, spec, format.name, warnings);
     }
 
     std::vector<std::uint8_t> bytes;

@@ -4,8 +4,8 @@
 // The block hangs on IflBitmap::link0 and is owned by the record: iflFreeBitmap
 // frees it, and ZImage::CopyFrom clears the pointer, so a copy never shares it.
 // EXIF, IPTC and XMP are kept as Exiv2 holds them, so that maker notes, GPS
-// and unknown tags travel as whole blocks; the ICC profile and the XMP packet
-// are kept as bytes and written back unchanged.
+// and unknown tags travel as whole blocks; the ICC profile, the XMP packet and
+// the Photoshop resource block are kept as bytes and written back unchanged.
 #pragma once
 
 #include "imagefile/IflBitmap.h"
@@ -30,12 +30,21 @@ struct IflMetadata {
     Exiv2::ByteOrder exifByteOrder = Exiv2::littleEndian;
     Exiv2::IptcData iptc;
     std::string xmp; // the packet as found in the file
+    // The Photoshop image resources (a JPEG's APP13 segments without their
+    // "Photoshop 3.0" names, a TIFF's tag 34377): IPTC lives in one of them,
+    // and the others (print resolution, captions, paths...) would be lost if
+    // the block were rebuilt from the IPTC alone.
+    std::vector<std::uint8_t> photoshop;
 
-    bool empty() const { return icc.empty() && exif.empty() && iptc.empty() && xmp.empty(); }
+    bool empty() const {
+        return icc.empty() && exif.empty() && iptc.empty() && xmp.empty() && photoshop.empty();
+    }
 };
 
+// IPTC travels with the Photoshop block that holds it in JPEG and TIFF files.
 struct IflIptc {
     Exiv2::IptcData data;
+    std::vector<std::uint8_t> photoshop;
 };
 
 struct IflExif {
@@ -76,14 +85,27 @@ private:
 void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO::ImageSpec& spec,
                   IflMetadata& out, std::vector<std::string>& warnings);
 
-// Puts the metadata into encoder attributes, for formats Exiv2 cannot write.
-void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec);
+// Puts the metadata into encoder attributes, for formats Exiv2 cannot write;
+// the EXIF tags that the attributes cannot hold are named in `warnings`.
+void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec,
+                          std::string_view formatName, std::vector<std::string>& warnings);
 
 // The kinds of metadata, as bits of a mask.
-enum MetadataKind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8 };
+enum MetadataKind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8, Photoshop = 16 };
+
+// Whether a Photoshop block holds resources other than IPTC, which only JPEG
+// and TIFF files can carry.
+bool photoshopHasMoreThanIptc(const std::vector<std::uint8_t>& block);
+
+// Names in `warnings` each kind of `metadata` that a format holding `holds`
+// cannot carry.
+void warnUnheld(const IflMetadata& metadata, bool withIcc, unsigned holds,
+                std::string_view formatName, std::vector<std::string>& warnings);
 
 // Writes the metadata into an encoded JPEG, PNG, TIFF or WebP file held in
 // memory, the kinds in `holds` only (the others are named in `warnings`).
+// A JPEG gets the Photoshop block as the source's bytes, a TIFF as its tag,
+// each with its IPTC resource replaced only if the record's IPTC differs.
 // All kinds are tried at once; if that fails, each kind alone, and the ones
 // that still fail are dropped and named in `warnings`.
 void embedMetadata(std::vector<std::uint8_t>& file, const IflMetadata& metadata, bool withIcc,

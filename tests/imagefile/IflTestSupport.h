@@ -153,6 +153,99 @@ inline Metadata readMetadata(const std::string& path) {
 #pragma GCC diagnostic pop
 }
 
+// The payloads of a JPEG's segments with the given marker, up to the first scan.
+inline std::vector<std::vector<std::uint8_t>> jpegSegments(const std::vector<std::uint8_t>& jpeg,
+                                                           std::uint8_t marker) {
+    std::vector<std::vector<std::uint8_t>> found;
+    std::size_t at = 2;
+    while (at + 4 <= jpeg.size() && jpeg[at] == 0xFF && jpeg[at + 1] != 0xDA) {
+        const std::size_t length = std::size_t{jpeg[at + 2]} << 8 | jpeg[at + 3];
+        if (length < 2 || at + 2 + length > jpeg.size()) break;
+        if (jpeg[at + 1] == marker)
+            found.emplace_back(jpeg.begin() + static_cast<std::ptrdiff_t>(at + 4),
+                               jpeg.begin() + static_cast<std::ptrdiff_t>(at + 2 + length));
+        at += 2 + length;
+    }
+    return found;
+}
+
+// Puts a segment right after a JPEG's start-of-image marker.
+inline void insertJpegSegment(std::vector<std::uint8_t>& jpeg, std::uint8_t marker,
+                              const std::vector<std::uint8_t>& payload) {
+    const std::size_t length = payload.size() + 2;
+    std::vector<std::uint8_t> segment{0xFF, marker, std::uint8_t(length >> 8),
+                                      std::uint8_t(length & 0xFF)};
+    segment.insert(segment.end(), payload.begin(), payload.end());
+    jpeg.insert(jpeg.begin() + 2, segment.begin(), segment.end());
+}
+
+// Tags whose values are positions in the file, which a rewrite moves; the
+// maker note's own tags are compared one by one instead of as raw bytes.
+inline bool isPosition(const std::string& key) {
+    static const char* const positions[] = {
+        "Exif.Image.ExifTag",   "Exif.Image.GPSTag",     "Exif.Photo.InteroperabilityTag",
+        "Exif.Photo.MakerNote", "Exif.MakerNote.Offset", "Exif.Thumbnail.JPEGInterchangeFormat"};
+    for (const char* k : positions)
+        if (key == k) return true;
+    return false;
+}
+
+// Tags that describe the file's own layout rather than the photograph: a TIFF
+// has its own, and the thumbnail does not go into a TIFF.
+inline bool describesLayout(const std::string& key) {
+    static const char* const layout[] = {"Exif.Image.ImageWidth",
+                                         "Exif.Image.ImageLength",
+                                         "Exif.Image.BitsPerSample",
+                                         "Exif.Image.Compression",
+                                         "Exif.Image.PhotometricInterpretation",
+                                         "Exif.Image.StripOffsets",
+                                         "Exif.Image.SamplesPerPixel",
+                                         "Exif.Image.RowsPerStrip",
+                                         "Exif.Image.StripByteCounts",
+                                         "Exif.Image.PlanarConfiguration",
+                                         "Exif.Image.ExtraSamples",
+                                         "Exif.Image.SampleFormat",
+                                         "Exif.Image.Predictor",
+                                         "Exif.Image.XResolution",
+                                         "Exif.Image.YResolution",
+                                         "Exif.Image.ResolutionUnit",
+                                         "Exif.Image.YCbCrPositioning"};
+    for (const char* k : layout)
+        if (key == k) return true;
+    return isPosition(key) || key.rfind("Exif.Thumbnail.", 0) == 0;
+}
+
+// One image resource: "8BIM", its id, an empty name, its size, its data.
+inline void addResource(std::vector<std::uint8_t>& block, std::uint16_t id,
+                        const std::vector<std::uint8_t>& data) {
+    const std::uint32_t size = static_cast<std::uint32_t>(data.size());
+    block.insert(block.end(), {'8', 'B', 'I', 'M', std::uint8_t(id >> 8), std::uint8_t(id), 0, 0,
+                               std::uint8_t(size >> 24), std::uint8_t(size >> 16),
+                               std::uint8_t(size >> 8), std::uint8_t(size)});
+    block.insert(block.end(), data.begin(), data.end());
+    if (size & 1) block.push_back(0);
+}
+
+// A JPEG whose APP13 segment holds a print resolution resource, a caption
+// resource of odd length and the IPTC record; returns the segment's payload.
+inline std::vector<std::uint8_t> jpegWithPhotoshopBlock(const std::string& path) {
+    makePicture(8, 8, ZImage::RGB, 8)
+        .Save(QString::fromStdString(path), QStringLiteral("jpeg"), -1, QString());
+    Exiv2::IptcData iptc;
+    iptc["Iptc.Application2.Headline"] = "Fog over the meadows";
+    iptc["Iptc.Application2.City"] = "Aitzgorri";
+    const Exiv2::DataBuf iim = Exiv2::IptcParser::encode(iptc);
+    std::vector<std::uint8_t> payload{'P', 'h', 'o', 't', 'o', 's', 'h',
+                                      'o', 'p', ' ', '3', '.', '0', 0};
+    addResource(payload, 0x03ED, {0, 0x48, 0, 0, 0, 1, 0, 1, 0, 0x48, 0, 0, 0, 1, 0, 1});
+    addResource(payload, 0x03F0, {'c', 'a', 'p'});
+    addResource(payload, 0x0404, std::vector<std::uint8_t>(iim.pData_, iim.pData_ + iim.size_));
+    std::vector<std::uint8_t> bytes = readBytes(path);
+    insertJpegSegment(bytes, 0xED, payload);
+    writeBytes(path, bytes);
+    return payload;
+}
+
 inline bool hasKeyWith(const std::map<std::string, std::string>& exif, const std::string& prefix) {
     return std::any_of(exif.begin(), exif.end(),
                        [&](const auto& kv) { return kv.first.rfind(prefix, 0) == 0; });

@@ -1,153 +1,11 @@
-// The ICC profile, EXIF (maker notes and GPS included), IPTC and XMP of the
-// source reach the saved file, read back with Exiv2; a source without them
-// gives a file without them; broken metadata costs only itself.
+// Metadata by kind: a source without it gives a file without it, each kind
+// travels alone, broken metadata costs only itself, and an XMP packet goes as
+// the source's bytes. ifl_tags_test compares every tag over every format.
 #include "IflTestSupport.h"
-
-#include <OpenImageIO/imageio.h>
 
 using namespace ifltest;
 
 namespace {
-
-// Tags whose values are positions in the file, which a rewrite moves; the
-// maker note's own tags are compared one by one instead of as raw bytes.
-bool isPosition(const std::string& key) {
-    static const char* const positions[] = {
-        "Exif.Image.ExifTag",   "Exif.Image.GPSTag",     "Exif.Photo.InteroperabilityTag",
-        "Exif.Photo.MakerNote", "Exif.MakerNote.Offset", "Exif.Thumbnail.JPEGInterchangeFormat"};
-    for (const char* k : positions)
-        if (key == k) return true;
-    return false;
-}
-
-// Tags that describe the file's own layout rather than the photograph: a TIFF
-// has its own, and the thumbnail does not go into a TIFF.
-bool describesLayout(const std::string& key) {
-    static const char* const layout[] = {"Exif.Image.ImageWidth",
-                                         "Exif.Image.ImageLength",
-                                         "Exif.Image.BitsPerSample",
-                                         "Exif.Image.Compression",
-                                         "Exif.Image.PhotometricInterpretation",
-                                         "Exif.Image.StripOffsets",
-                                         "Exif.Image.SamplesPerPixel",
-                                         "Exif.Image.RowsPerStrip",
-                                         "Exif.Image.StripByteCounts",
-                                         "Exif.Image.PlanarConfiguration",
-                                         "Exif.Image.ExtraSamples",
-                                         "Exif.Image.SampleFormat",
-                                         "Exif.Image.Predictor",
-                                         "Exif.Image.XResolution",
-                                         "Exif.Image.YResolution",
-                                         "Exif.Image.ResolutionUnit",
-                                         "Exif.Image.YCbCrPositioning"};
-    for (const char* k : layout)
-        if (key == k) return true;
-    return isPosition(key) || key.rfind("Exif.Thumbnail.", 0) == 0;
-}
-
-struct Carrier {
-    const char* name;
-    const char* source;
-    const char* format;
-    const char* suffix;
-    int bits;
-    bool keepsLayoutTags; // the output's EXIF may carry the source's IFD0 layout tags as they are
-    bool holdsAll;        // false: the format has no place for a profile and IPTC
-};
-
-void PrintTo(const Carrier& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class MetadataCarriedTest : public ::testing::TestWithParam<Carrier> {
-protected:
-    QTemporaryDir folder;
-};
-
-TEST_P(MetadataCarriedTest, AllFourKindsReachTheOutput) {
-    const Carrier& c = GetParam();
-    const std::string sourcePath = dataFile(c.source);
-    const Metadata source = readMetadata(sourcePath);
-    ASSERT_FALSE(source.icc.empty());
-    ASSERT_FALSE(source.exif.empty());
-    ASSERT_FALSE(source.iptc.empty());
-    ASSERT_FALSE(source.xmp.empty());
-    if (std::string(c.source).find("rich") != std::string::npos) {
-        // The rich sample carries a maker note and GPS, whose tags the loop
-        // below then finds in the output one by one.
-        ASSERT_TRUE(hasKeyWith(source.exif, "Exif.GPSInfo."));
-        ASSERT_TRUE(hasKeyWith(source.exif, "Exif.Nikon"));
-    }
-    const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
-
-    ZImage image = makePicture(40, 30, ZImage::RGB, c.bits);
-    const QString path = folder.filePath(QStringLiteral("out.") + QLatin1String(c.suffix));
-    QStringList notes;
-    image.Save(path, QLatin1String(c.format), -1, QString::fromStdString(sourcePath), &notes);
-
-    const Metadata out = readMetadata(path.toStdString());
-    if (c.holdsAll) {
-        EXPECT_TRUE(notes.isEmpty()) << notes.join(QLatin1Char('\n')).toStdString();
-        EXPECT_EQ(out.icc, source.icc);
-        EXPECT_EQ(out.iptc, source.iptc);
-    } else {
-        // What the format cannot hold is named, not silently lost.
-        ASSERT_EQ(notes.size(), 2) << notes.join(QLatin1Char('\n')).toStdString();
-        EXPECT_TRUE(notes[0].contains(QLatin1String("ICC profile")));
-        EXPECT_TRUE(notes[1].contains(QLatin1String("IPTC")));
-        EXPECT_TRUE(out.icc.empty());
-        EXPECT_TRUE(out.iptc.empty());
-    }
-    // Exiv2 hands out the packet re-serialised, so its properties are compared.
-    EXPECT_EQ(out.xmpValues, source.xmpValues);
-    for (const auto& [key, value] : source.exif) {
-        if (isPosition(key) || (!c.keepsLayoutTags && describesLayout(key))) continue;
-        const auto found = out.exif.find(key);
-        if (found == out.exif.end()) {
-            ADD_FAILURE() << key << " is missing";
-            continue;
-        }
-        EXPECT_TRUE(found->second == value) << key << " changed";
-    }
-    // The source is only read.
-    EXPECT_EQ(readBytes(sourcePath), sourceBytes);
-    // And the pixels are the picture's, not the source's.
-    ZImage loaded;
-    loaded.Load(path);
-    EXPECT_EQ(loaded.Width(), 40);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Carriers, MetadataCarriedTest,
-    ::testing::Values(Carrier{"jpeg_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "jpg", "jpg",
-                              8, true, true},
-                      Carrier{"jpeg_from_small_jpeg", "metadata/exif_iptc_xmp_icc.jpg", "jpeg",
-                              "jpg", 8, true, true},
-                      Carrier{"tiff_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "tif", "tif",
-                              16, false, true},
-                      Carrier{"png_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "png", "png",
-                              8, true, true},
-                      Carrier{"webp_from_rich_jpeg", "metadata/rich_all_metadata.jpg", "webp",
-                              "webp", 8, true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(MetadataCarried, ATiffSourceGivesItsProfile) {
-    QTemporaryDir folder;
-    const std::string sourcePath = dataFile("metadata/tiff8_rgba_icc.tiff");
-    const Metadata source = readMetadata(sourcePath);
-    ASSERT_FALSE(source.icc.empty());
-    for (const char* format : {"png", "tiff", "jpeg"}) {
-        ZImage image = makePicture(16, 16, ZImage::RGBA, 8);
-        if (std::string(format) == "jpeg") {
-            ZImage rgb;
-            image.CopyTo(rgb, ZImage::RGB, 8);
-            image = std::move(rgb);
-        }
-        const QString path = folder.filePath(QStringLiteral("out.") + QLatin1String(format));
-        image.Save(path, QLatin1String(format), -1, QString::fromStdString(sourcePath));
-        EXPECT_EQ(readMetadata(path.toStdString()).icc, source.icc) << format;
-    }
-}
 
 TEST(MetadataCarried, NoSourceOrABareSourceGivesNoMetadata) {
     QTemporaryDir folder;
@@ -226,55 +84,6 @@ TEST(MetadataCarried, TheSavedImageKeepsWhatItWasGiven) {
     EXPECT_TRUE(out.icc.empty());
     EXPECT_EQ(out.xmpValues, readMetadata(sourcePath).xmpValues);
     EXPECT_FALSE(out.iptc.empty());
-}
-
-TEST(MetadataCarried, ExrTakesTheMetadataAsAttributes) {
-    QTemporaryDir folder;
-    const std::string sourcePath = dataFile("metadata/rich_all_metadata.jpg");
-    const Metadata source = readMetadata(sourcePath);
-    ZImage image = makePicture(8, 8, ZImage::RGB, 32);
-    const QString path = folder.filePath(QStringLiteral("out.exr"));
-    QStringList notes;
-    image.Save(path, QStringLiteral("exr"), -1, QString::fromStdString(sourcePath), &notes);
-
-    auto in = OIIO::ImageInput::open(path.toStdString());
-    ASSERT_TRUE(in);
-    const OIIO::ImageSpec& spec = in->spec();
-    EXPECT_EQ(spec.get_string_attribute("Make"), source.exif.at("Exif.Image.Make"));
-    EXPECT_NE(spec.find_attribute("GPS:Latitude"), nullptr);
-    // The EXR encoder has no place for the profile, and says so.
-    EXPECT_EQ(spec.find_attribute("ICCProfile"), nullptr);
-    ASSERT_EQ(notes.size(), 1);
-    EXPECT_TRUE(notes[0].contains(QLatin1String("ICC profile")));
-}
-
-TEST(MetadataCarried, RadianceFilesSayWhatTheyDropped) {
-    QTemporaryDir folder;
-    ZImage image = makePicture(8, 8, ZImage::RGB, 32);
-    QStringList notes;
-    image.Save(folder.filePath(QStringLiteral("out.hdr")), QStringLiteral("hdr"), -1,
-               QString::fromStdString(dataFile("metadata/rich_all_metadata.jpg")), &notes);
-    ASSERT_EQ(notes.size(), 1);
-    EXPECT_TRUE(notes[0].contains(QLatin1String("dropped")));
-}
-
-TEST(BrokenMetadata, ThePictureIsWrittenAndTheDamageNamed) {
-    QTemporaryDir folder;
-    const std::string sourcePath = dataFile("metadata/large_outdoor_iptc_xmp_badexif.jpg");
-    const std::vector<std::uint8_t> sourceBytes = readBytes(sourcePath);
-    ZImage image = makePicture(32, 32, ZImage::RGB, 8);
-    const QString path = folder.filePath(QStringLiteral("out.jpg"));
-    QStringList notes;
-    image.Save(path, QStringLiteral("jpeg"), -1, QString::fromStdString(sourcePath), &notes);
-
-    EXPECT_FALSE(notes.isEmpty());
-    ZImage loaded;
-    loaded.Load(path);
-    EXPECT_EQ(loaded.Width(), 32);
-    const Metadata out = readMetadata(path.toStdString());
-    EXPECT_FALSE(out.iptc.empty());
-    EXPECT_FALSE(out.xmpValues.empty());
-    EXPECT_EQ(readBytes(sourcePath), sourceBytes);
 }
 
 TEST(BrokenMetadata, AnInvalidProfileIsDroppedAndTheRestKept) {
@@ -367,7 +176,7 @@ TEST(MetadataAsBytes, TheXmpPacketTravelsAsTheSourceHoldsIt) {
         const std::string joined = notes.join(QLatin1Char('\n')).toStdString();
         EXPECT_EQ(readMetadata(path.toStdString()).xmp, c.packet) << c.format << " " << c.parsable;
         if (c.parsable) {
-            EXPECT_TRUE(notes.isEmpty()) << joined;
+            EXPECT_EQ(joined.find("XMP"), std::string::npos) << joined;
         } else {
             // Named once, with the toolkit's reason, and never as dropped.
             ASSERT_EQ(notes.size(), 1) << joined;

@@ -13,7 +13,7 @@ fail() { echo "install_test: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in bin/skyrinse bin/spds-solve bin/haze-inspect include/spds.h include/nrt.h \
-         include/spds.f90 "$libdir/libspds.so.1" "$libdir/libnrt.so.1" \
+         include/spds.f90 "$libdir/libspds.so.1" "$libdir/libnrt.so.1" "$libdir/libskyrinse-image.so.1" \
          "$libdir/qt6/plugins/skyrinse/libZHaze.so" "$libdir/pkgconfig/spds.pc" \
          "$libdir/cmake/SPDS/SPDSConfig.cmake"; do
   [ -e "$prefix/$f" ] || fail "$f not installed"

@@ -113,6 +113,11 @@ void CSparseSingle::reset() {
     m_atAccessor = &CSparseSingle::atUnprepared;
 }
 
+void CSparseSingle::releaseRows() {
+    for (RowMap& row : m_rowMaps)
+        row.clear();
+}
+
 void CSparseSingle::init(int rows, int cols) {
     reset();
     Z_CHECK(rows >= 0 && cols >= 0, Z_INVALID_PARAMETER);

@@ -68,6 +68,12 @@ public:
     // the arrays cannot be had, "Invalid Parameter" past 2^31 - 1 entries.
     void compress();
 
+    // Empties every row's map and keeps the arrays, the row count and the
+    // mode: the maps of a large matrix cost several times its arrays, so
+    // dropping them before solve() lowers the solve's peak. at() then starts
+    // from empty rows, and compress() would write an empty matrix.
+    void releaseRows();
+
     // Solves A x = rhs with the compressed arrays: analysis, factorization
     // and solve in single precision, then release of the solver's memory.
     // `symmetric` selects a real symmetric indefinite matrix of which the

@@ -17,11 +17,13 @@
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze_p.h"
+#include "primitives/DepthConvert.h"
 #include "primitives/MinFilter.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -256,6 +258,61 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap) {
     image.applyHazeRemoval(settings.airDepthMap.get(), settings.airlight, s);
 }
 
+namespace {
+
+// The band conversions of the common case, 8-bit RGB or RGBA on either side,
+// in one pass each instead of ZImage::Copy's chains with their scratch
+// images, and with the same values: a byte becomes byteToFloat of it, a
+// missing alpha 1.0; a float goes back through floatToByte, alpha dropped
+// first when the target has none.
+bool isByteColour(const ZImage& image) {
+    return image.BitsPerComponent() == 8 &&
+           (image.BitmapType() == ZImage::RGB || image.BitmapType() == ZImage::RGBA);
+}
+
+void bytesToBand(const ZImage& source, int y0, int rows, ZImage& band) {
+    static const std::array<float, 256> table = [] {
+        std::array<float, 256> t{};
+        for (int v = 0; v < 256; ++v)
+            t[static_cast<std::size_t>(v)] = prim::byteToFloat(static_cast<std::uint8_t>(v));
+        return t;
+    }();
+    const int w = source.Width();
+    const bool alpha = source.BitmapType() == ZImage::RGBA;
+    const int step = alpha ? 4 : 3;
+    for (int r = 0; r < rows; ++r) {
+        const std::uint8_t* in = source.PixelAt(0, y0 + r);
+        float* out = reinterpret_cast<float*>(band.PixelAt(0, r));
+        for (int x = 0; x < w; ++x, in += step, out += 4) {
+            out[0] = table[in[0]];
+            out[1] = table[in[1]];
+            out[2] = table[in[2]];
+            out[3] = alpha ? table[in[3]] : 1.0f;
+        }
+    }
+}
+
+// Writes over the band when the target has no alpha: its colours are packed
+// to the front of each row, which the band no longer needs.
+void bandToBytes(ZImage& band, int rows, ZImage& target, int y0) {
+    const int w = target.Width();
+    int channels = 4;
+    if (target.BitmapType() == ZImage::RGB) {
+        channels = 3;
+        for (int r = 0; r < rows; ++r) {
+            float* p = reinterpret_cast<float*>(band.PixelAt(0, r));
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < 3; ++c)
+                    p[3 * x + c] = p[4 * x + c];
+        }
+    }
+    prim::convertDepth<float, std::uint8_t>(
+        {reinterpret_cast<const float*>(band.PixelAt(0, 0)), band.BytesPerLine(), channels},
+        {target.PixelAt(0, y0), target.BytesPerLine(), channels}, w, rows);
+}
+
+} // namespace
+
 void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
                         int colourType, int depth) {
     const int w = source.Width();
@@ -290,6 +347,8 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
     std::vector<ZImage> buffers(static_cast<std::size_t>(threads));
     for (ZImage& buffer : buffers)
         buffer.Create(w, bandRows, ZImage::RGBA, 32, false);
+    const bool bytesIn = isByteColour(source);
+    const bool bytesOut = isByteColour(target);
     std::exception_ptr failure;
 #pragma omp parallel for schedule(static) num_threads(threads)
     for (int band = 0; band < bands; ++band) {
@@ -297,7 +356,10 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
             ZImage& buffer = buffers[static_cast<std::size_t>(omp_get_thread_num())];
             const int y0 = band * bandRows;
             const int rows = std::min(bandRows, h - y0);
-            source.Copy(0, y0, w, rows, buffer, 0, 0);
+            if (bytesIn)
+                bytesToBand(source, y0, rows, buffer);
+            else
+                source.Copy(0, y0, w, rows, buffer, 0, 0);
             if (settings.strength != 0)
                 for (int r = 0; r < rows; ++r) {
                     float* p = reinterpret_cast<float*>(buffer.PixelAt(0, r));
@@ -309,7 +371,10 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
                             haze::applyPixel(p + 4 * x, m[x], a, s);
                     }
                 }
-            buffer.Copy(0, 0, w, rows, target, 0, y0);
+            if (bytesOut)
+                bandToBytes(buffer, rows, target, y0);
+            else
+                buffer.Copy(0, 0, w, rows, target, 0, y0);
         } catch (...) {
 #pragma omp critical(hazeBandFailure)
             if (!failure) failure = std::current_exception();

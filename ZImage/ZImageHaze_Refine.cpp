@@ -46,6 +46,10 @@
 #include <mutex>
 #include <vector>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace {
 
 // Regulariser of the window covariance, divided by the window's pixel count.
@@ -186,6 +190,15 @@ void addPixelRow(const ZImage& image, const std::vector<WindowStats>& stats, int
     }
 }
 
+// Hands the free pages of the C heap back to the system. Freed memory stays
+// with the process otherwise: the heap only shrinks from its top, and each
+// thread that allocated keeps an arena of its own.
+void returnFreedHeap() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+
 } // namespace
 
 void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
@@ -246,16 +259,24 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
     // refuses such a right-hand side: the map stays as it is.
     if (!std::all_of(map.begin(), map.end(), [](float d) { return std::isfinite(d); })) return;
 
-    CSparseSingle matrix;
-    assembleMattingSystem(*this, matrix);
-    // The right-hand side is a copy, so that a failure leaves the caller's
-    // map as it was. The solver writes the solution over it and takes the
-    // other array as its work space.
-    std::vector<float> rhs(map.size());
-    std::vector<float> work(map.size());
-    std::transform(map.begin(), map.end(), rhs.begin(),
-                   [](float d) { return static_cast<float>(d * kLambda); });
-    nrt_set_num_threads(std::max(1, threadCount));
-    matrix.solve(rhs, work, true, true);
-    std::copy(rhs.begin(), rhs.end(), map.begin());
+    {
+        CSparseSingle matrix;
+        assembleMattingSystem(*this, matrix);
+        // The row maps (five times the arrays) are not needed by the solve,
+        // which can reuse their memory for the factor.
+        matrix.releaseRows();
+        // The right-hand side is a copy, so that a failure leaves the caller's
+        // map as it was. The solver writes the solution over it and takes the
+        // other array as its work space.
+        std::vector<float> rhs(map.size());
+        std::vector<float> work(map.size());
+        std::transform(map.begin(), map.end(), rhs.begin(),
+                       [](float d) { return static_cast<float>(d * kLambda); });
+        nrt_set_num_threads(std::max(1, threadCount));
+        matrix.solve(rhs, work, true, true);
+        std::copy(rhs.begin(), rhs.end(), map.begin());
+    }
+    // What the solver freed stays mapped by the heap otherwise, while the
+    // full-size passes allocate their own blocks.
+    returnFreedHeap();
 }

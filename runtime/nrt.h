@@ -202,7 +202,7 @@ void nrt_fast_free(void* p);
 /* ---- Clock ------------------------------------------------------------- */
 
 /* Seconds since an arbitrary origin, from the time stamp counter calibrated
- * against the monotonic clock at first use (which takes about 0.1 s). Only
+ * against the monotonic clock at first use (which takes about 10 ms). Only
  * differences mean something. */
 double nrt_seconds(void);
 /* Raw time stamp counter (monotonic nanoseconds where there is none). */

@@ -8,6 +8,7 @@
 #include "Driver.h"
 
 #include "ArrayReport.h"
+#include "FactorMap.h"
 #include "Handle.h"
 #include "IterativeRefinement.h"
 #include "IterativeSolvers.h"
@@ -56,6 +57,9 @@ constexpr int kCodeNonFiniteRhs = 27;
 // A factorization, a checked solve or a matching that weighs the values,
 // without `a`.
 constexpr int kCodeNoValues = 28;
+// Memory block code of the matrix-to-factor map, part of the factor's
+// structure.
+constexpr int kFactorMapCode = -803;
 
 // Whether some row holds no entry on the diagonal, or only zeros there.
 template <class T>
@@ -352,8 +356,7 @@ void Call<T>::analyse() {
     OrderingTimes ot;
     const double graphStart = nrt_seconds();
     if (pairOrder && !matched.fullIa.empty() &&
-        graphFromFullPattern(n, matched.fullIa.data(), matched.fullJa.data(), h->ordering_,
-                             &h->memory)) {
+        graphFromFullPattern(n, matched.fullIa, matched.fullJa, h->ordering_)) {
         const double graph = nrt_seconds() - graphStart;
         ot = orderGraph(oin, h->ordering_);
         ot.graph = graph;
@@ -380,6 +383,7 @@ void Call<T>::analyse() {
     sin.threads = h->threads;
     sin.outOfCore = h->oocMode > 0;
     sin.pairStart = pairOrder ? matched.pairOrder.pairStart.data() : nullptr;
+    sin.relax = h->relaxedSupernodes;
     sin.memory = &h->memory;
     if (*a.msglvl >= 2) reportOrdering(h->ordering_, n);
     const SymbolicTimes st = symbolicFactorization(sin, h->ordering_, h->symbolic);
@@ -387,6 +391,15 @@ void Call<T>::analyse() {
     h->timers[kTimeSfinit] += st.sfinit;
     h->timers[kTimeSymbolic] += st.sfinit + st.symbolic;
     h->timers[kTimeUpdateLists] += st.updateLists;
+
+    // Every factorization of this pattern places its entries through the map.
+    const double mapStart = nrt_seconds();
+    const int kind = factorKind(mtype);
+    const bool luFactor = kind == 1 || kind == 11 || kind == -11;
+    if (numericSupported(mtype) && !buildFactorMap(*h, luFactor, a.ia, a.ja, kFactorMapCode,
+                                                   &h->memory, h->symbolic.factorMap))
+        throw SymbolicFailure{-180};
+    h->timers[kTimeMatrixMap] += nrt_seconds() - mapStart;
 
     // The ordering graph served the symbolic stage only.
     h->ordering_.xadj.reset();
@@ -406,11 +419,12 @@ void Call<T>::finishAnalysisFigures(bool factorsWanted, bool operationsWanted) {
     h->analysisPeakKb = h->memory.peakKb();
     h->analysisPermanentKb = h->memory.currentKb();
     // What the factorization will add: the values, one update buffer and the
-    // index maps per thread, the pending lists.
+    // index maps per thread, the pending lists, the matrix's entries as
+    // factored (the map that places them is the analysis's).
     const std::int64_t t = std::max(1, m_threads);
     const std::int64_t values =
         factorEntries * static_cast<std::int64_t>(sizeof(RealOf<T>)) * h->scalarWords;
-    const std::int64_t buffers = t * s.tmpsiz * static_cast<std::int64_t>(sizeof(T));
+    const std::int64_t buffers = (t * s.tmpsiz + h->nnz) * static_cast<std::int64_t>(sizeof(T));
     const std::int64_t maps = (2 * t * h->n + h->n + s.nsuper) * 4;
     h->numericKb = MemoryCounter::kilobytes(values) + MemoryCounter::kilobytes(buffers) +
                    MemoryCounter::kilobytes(maps);

@@ -11,6 +11,7 @@
 // stage timers keep the slot numbers under which the statistics report them.
 #pragma once
 
+#include "internal/FactorLayout.h"
 #include "internal/Memory.h"
 
 #include <array>
@@ -78,12 +79,18 @@ struct SymbolicResult {
     IntBlock slindx;
     IntBlock slength;
     bool groupedUpdateLists = false;
+    // Where the entries of the analysed pattern land in the factor.
+    FactorMap factorMap;
 
     int nsuper = 0;
     std::int64_t lnzSize = 0; // xlnz[n+1]-1
     std::int64_t unzSize = 1; // 1 for symmetric storage
     std::int64_t lindxSize = 0;
-    std::int64_t colcountSum = 0; // entries of L counted by column, diagonal included
+    // Entries of L counted by column, diagonal included (the explicit zeros
+    // that keep a matched pair in one supernode counted in); colcnt holds
+    // these plus the relaxedZeros that merged supernodes store.
+    std::int64_t colcountSum = 0;
+    std::int64_t relaxedZeros = 0;
     int maxsup = 0;
     int largestFundamental = 0;
     int largestSupernode = 0;
@@ -165,6 +172,9 @@ struct Handle {
     bool rowPermuted = false;
     // Factorizations take the shared-cursor schedule (benchmark comparison).
     bool queueSchedule = false;
+    // The analysis merges supernodes within the bounds on explicit zeros;
+    // off, it keeps the fundamental ones (tests and benchmark comparison).
+    bool relaxedSupernodes = true;
 
     // Drops the analysis and every factor, as a new analysis or phase -1 does.
     void releaseNumericAndAnalysis();

@@ -3,6 +3,7 @@
 
 #include "Solve.h"
 #include "internal/Scalar.h"
+#include "runtime/nrt.h"
 
 #include <algorithm>
 #include <cmath>
@@ -19,6 +20,8 @@ namespace {
 constexpr int kWorkCode = -1300;
 constexpr int kStatusNoContraction = -112;
 constexpr double kRoundoffUnits = 8;
+// A product with fewer entries runs on one thread.
+constexpr std::int64_t kParallelEntries = 100000;
 
 template <class T>
 constexpr double unitRoundoff() {
@@ -33,7 +36,12 @@ public:
           count(static_cast<std::int64_t>(rq.n) * rq.nrhs), a(static_cast<const T*>(rq.a)),
           normA(infinityNorm(rq.n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose)),
           r(count, kWorkCode, mem), corr(count, kWorkCode, mem), xw(count, kWorkCode, mem),
-          xprev(count, kWorkCode, mem), rw(count, kWorkCode, mem) {}
+          xprev(count, kWorkCode, mem), rw(count, kWorkCode, mem) {
+        // The index pays for itself only where the product is split.
+        const std::int64_t entries = static_cast<std::int64_t>(rq.ia[n]) - rq.ia[0];
+        if (rq.symmetricStorage && entries >= kParallelEntries && nrt_get_max_threads() > 1)
+            columns = storedColumns(n, rq.ia, rq.ja, mem);
+    }
 
     RefinementResult run(const T* rhs, T* sol);
 
@@ -51,12 +59,13 @@ private:
     Block<T> r;    // residual handed to the solve
     Block<T> corr; // its correction
     Block<W> xw, xprev, rw;
+    StoredColumns columns; // empty unless the residual is split
 };
 
 template <class T, class W>
 double Refinement<T, W>::backwardError(const T* rhs, const W* x, W* res) {
     multiplyStored<W, T>(n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, nrhs, x, res,
-                         rq.hermitian);
+                         rq.hermitian, columns.start.size() > 0 ? &columns : nullptr);
     double worst = 0;
     for (int j = 0; j < nrhs; ++j) {
         const std::int64_t off = static_cast<std::int64_t>(j) * n;
@@ -139,18 +148,75 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
 
 } // namespace
 
+StoredColumns storedColumns(int n, const int* ia, const int* ja, MemoryCounter* mem) {
+    StoredColumns c;
+    c.start = IntBlock(static_cast<std::int64_t>(n) + 1, kWorkCode, mem);
+    std::fill(c.start.data(), c.start.data() + n + 1, 0);
+    for (int i = 0; i < n; ++i)
+        for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p)
+            if (ja[p] - 1 != i) ++c.start[ja[p]];
+    for (int j = 0; j < n; ++j)
+        c.start[j + 1] += c.start[j];
+    const std::int64_t count = std::max(1, c.start[n]);
+    c.entry = IntBlock(count, kWorkCode, mem);
+    c.row = IntBlock(count, kWorkCode, mem);
+    std::vector<int> next(c.start.data(), c.start.data() + n);
+    for (int i = 0; i < n; ++i)
+        for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p) {
+            const int j = ja[p] - 1;
+            if (j == i) continue;
+            const int q = next[static_cast<std::size_t>(j)]++;
+            c.entry[q] = p;
+            c.row[q] = i;
+        }
+    return c;
+}
+
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
-                    bool transpose, int nrhs, const W* x, W* y, bool hermitian) {
+                    bool transpose, int nrhs, const W* x, W* y, bool hermitian,
+                    const StoredColumns* columns) {
+    const std::int64_t entries = static_cast<std::int64_t>(ia[n]) - ia[0];
+    const int t = entries >= kParallelEntries ? nrt_get_max_threads() : 1;
     for (int j = 0; j < nrhs; ++j) {
         const W* xj = x + static_cast<std::int64_t>(j) * n;
         W* yj = y + static_cast<std::int64_t>(j) * n;
         if (!symmetricStorage && !transpose) {
+            // A row's sum is one thread's, in the order of the row: the
+            // residual does not depend on the threads.
+#pragma omp parallel for schedule(static) num_threads(t) if (t > 1)
             for (int i = 0; i < n; ++i) {
                 W v = 0;
                 for (int p = ia[i] - 1; p < ia[i + 1] - 1; ++p)
                     v += static_cast<W>(a[p]) * xj[ja[p] - 1];
                 yj[i] = v;
+            }
+            continue;
+        }
+        if (columns && symmetricStorage) {
+            // Entry c takes what the rows above it scatter into it, its own
+            // row's sum, then what the rows below scatter (entries of the
+            // other triangle), each in the order of the pass below.
+            const int* start = columns->start.data();
+            const int* entry = columns->entry.data();
+            const int* row = columns->row.data();
+#pragma omp parallel for schedule(static) num_threads(t) if (t > 1)
+            for (int c = 0; c < n; ++c) {
+                W acc = 0;
+                int q = start[c];
+                auto scatterFrom = [&](int rowsBelow) {
+                    for (; q < start[c + 1] && row[q] < rowsBelow; ++q) {
+                        const W av = static_cast<W>(a[entry[q]]);
+                        acc += (hermitian ? conjugate(av) : av) * xj[row[q]];
+                    }
+                };
+                scatterFrom(c);
+                W v = 0;
+                for (int p = ia[c] - 1; p < ia[c + 1] - 1; ++p)
+                    v += static_cast<W>(a[p]) * xj[ja[p] - 1];
+                acc += v;
+                scatterFrom(n);
+                yj[c] = acc;
             }
             continue;
         }
@@ -225,14 +291,16 @@ template RefinementResult solveAndRefine<float>(Handle&, const FactorRow&, const
 template RefinementResult solveAndRefine<double>(Handle&, const FactorRow&,
                                                  const RefinementRequest&, double*, double*);
 template void multiplyStored<float, float>(int, const float*, const int*, const int*, bool, bool,
-                                           int, const float*, float*, bool);
+                                           int, const float*, float*, bool, const StoredColumns*);
 template void multiplyStored<double, float>(int, const float*, const int*, const int*, bool, bool,
-                                            int, const double*, double*, bool);
+                                            int, const double*, double*, bool,
+                                            const StoredColumns*);
 template void multiplyStored<double, double>(int, const double*, const int*, const int*, bool, bool,
-                                             int, const double*, double*, bool);
+                                             int, const double*, double*, bool,
+                                             const StoredColumns*);
 template void multiplyStored<long double, double>(int, const double*, const int*, const int*, bool,
-                                                  bool, int, const long double*, long double*,
-                                                  bool);
+                                                  bool, int, const long double*, long double*, bool,
+                                                  const StoredColumns*);
 template double infinityNorm<float>(int, const float*, const int*, const int*, bool, bool);
 template double infinityNorm<double>(int, const double*, const int*, const int*, bool, bool);
 
@@ -244,11 +312,14 @@ template RefinementResult solveAndRefine<ComplexF>(Handle&, const FactorRow&,
 template RefinementResult solveAndRefine<ComplexD>(Handle&, const FactorRow&,
                                                    const RefinementRequest&, ComplexD*, ComplexD*);
 template void multiplyStored<ComplexD, ComplexF>(int, const ComplexF*, const int*, const int*, bool,
-                                                 bool, int, const ComplexD*, ComplexD*, bool);
+                                                 bool, int, const ComplexD*, ComplexD*, bool,
+                                                 const StoredColumns*);
 template void multiplyStored<ComplexD, ComplexD>(int, const ComplexD*, const int*, const int*, bool,
-                                                 bool, int, const ComplexD*, ComplexD*, bool);
+                                                 bool, int, const ComplexD*, ComplexD*, bool,
+                                                 const StoredColumns*);
 template void multiplyStored<ComplexL, ComplexD>(int, const ComplexD*, const int*, const int*, bool,
-                                                 bool, int, const ComplexL*, ComplexL*, bool);
+                                                 bool, int, const ComplexL*, ComplexL*, bool,
+                                                 const StoredColumns*);
 template double infinityNorm<ComplexF>(int, const ComplexF*, const int*, const int*, bool, bool);
 template double infinityNorm<ComplexD>(int, const ComplexD*, const int*, const int*, bool, bool);
 

@@ -61,11 +61,25 @@ template <class T>
 RefinementResult solveAndRefine(Handle& h, const FactorRow& row, const RefinementRequest& request,
                                 T* b, T* x);
 
+// The entries of a stored triangle off its diagonal, column by column, rows
+// ascending. With it the product, which scatters into its result, can be
+// split over the result's entries, each summed in the order of one pass
+// over the rows, so that the bits do not depend on the split.
+struct StoredColumns {
+    IntBlock start; // n + 1 starts into entry and row
+    IntBlock entry; // zero-based positions in ja
+    IntBlock row;   // their zero-based rows
+};
+StoredColumns storedColumns(int n, const int* ia, const int* ja, MemoryCounter* mem);
+
 // y = A x (or A^T x) of the caller's stored matrix, accumulated in W; with
-// `hermitian` a stored triangle stands for its conjugate mirror.
+// `hermitian` a stored triangle stands for its conjugate mirror. Split over
+// the granted threads for a matrix stored whole, and, given its
+// storedColumns, for a stored triangle; the same bits either way.
 template <class W, class T>
 void multiplyStored(int n, const T* a, const int* ia, const int* ja, bool symmetricStorage,
-                    bool transpose, int nrhs, const W* x, W* y, bool hermitian = false);
+                    bool transpose, int nrhs, const W* x, W* y, bool hermitian = false,
+                    const StoredColumns* columns = nullptr);
 
 // Largest row sum of |A| (of A^T when transposed) of the stored matrix.
 template <class T>

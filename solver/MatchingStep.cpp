@@ -76,9 +76,10 @@ MatchingOutcome matchAndScale(const MatchingRequest& rq, IntBlock& permutation,
 
     const bool symmetric = scalesSymmetrically(rq.mtype);
     SparseView<T> full;
-    if (symmetric) full = expandSymmetric(stored, counter, kIntegerWork);
     const MatchingResult m =
-        weightedMatching<T>(symmetric ? full : stored, match.span(), u.span(), v.span(), counter);
+        symmetric
+            ? symmetricWeightedMatching<T>(stored, full, match.span(), u.span(), v.span(), counter)
+            : weightedMatching<T>(stored, match.span(), u.span(), v.span(), counter);
     out.ran = true;
     out.matched = m.matched;
     if (m.status == -2) {
@@ -150,17 +151,21 @@ CompressedOrderer blockGraphOrderer(int method, int partitions, int threads, Mem
     return [=](const CompressedGraph& g) {
         // The block graph is symmetric and free of duplicates already, so
         // the ordering graph is its transpose: one counting pass gives the
-        // rows ascending, with no symmetrising and no sort.
+        // rows ascending, with no symmetrising and no sort; rows that
+        // ascend already are only copied.
         const double t0 = nrt_seconds();
         const int nodes = g.nodes;
         const std::int64_t edges = static_cast<std::int64_t>(g.adjncy.size());
         if (edges > 2147483646LL) throw SizeOverflow{};
         OrderingResult r;
         r.xadj = IntBlock(static_cast<std::int64_t>(nodes) + 1, kIntegerWork, memory);
-        r.adjncy = IntBlock(std::max<std::int64_t>(1, edges), kIntegerWork, memory);
+        r.adjncy = IntBlock(std::max<std::int64_t>(1, edges), kIntegerWork, memory, kNoFill);
         for (int b = 0; b <= nodes; ++b)
             r.xadj[b] = g.xadj[b] + 1;
-        {
+        if (g.ascending) {
+            for (std::int64_t k = 0; k < edges; ++k)
+                r.adjncy[k] = g.adjncy[static_cast<std::size_t>(k)] + 1;
+        } else {
             IntBlock fill(std::max(1, nodes), kIntegerWork, memory);
             for (int b = 0; b < nodes; ++b)
                 fill[b] = g.xadj[b];

@@ -18,6 +18,7 @@
 // For LU every shape runs twice: on L (r x q) and on U ((r - q) x q).
 #include "NumericFactorization.h"
 
+#include "FactorMap.h"
 #include "Progress.h"
 #include "SupernodalKernels.h"
 #include "TreeSchedule.h"
@@ -86,15 +87,6 @@ void productNT(int m, int n, int k, const T* a, int lda, const T* b, int ldb, T*
     }
 }
 
-// A matrix entry on its way to the factor: permuted row and column and the
-// scaled value.
-template <class T>
-struct Entry {
-    int row;
-    int col;
-    T value;
-};
-
 // What one thread owns while it factors: the maps of its current panel, its
 // buffers and its counters. Nothing here is shared.
 template <class T>
@@ -109,12 +101,11 @@ struct ThreadWork {
     // The first failure this thread met: the supernode's place in the
     // schedule and what it means.
     int failedAt = INT_MAX;
-    int failure = 0; // kFailPivot or kFailStructure
+    int failure = 0; // kFailPivot
     int pivotStatus = 0;
 };
 
 constexpr int kFailPivot = 1;
-constexpr int kFailStructure = 2;
 // Values of the shared stop flag.
 constexpr int kRunning = 0;
 constexpr int kStopFailed = 1;
@@ -132,12 +123,14 @@ public:
     NumericResult run();
 
 private:
-    void groupEntries();
+    // The scaled values of the call's matrix and the map that places them;
+    // false when the call's pattern has no place in the analysed structure.
+    bool prepareEntries();
     std::int64_t largestScatteredUpdate() const;
     // With `done`, each source is waited for until it is marked finished;
     // false with no failure recorded when the stop flag ended the wait.
     bool factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done = nullptr);
-    bool scatter(int sn, int fst, int lst, int hs, ThreadWork<T>& w);
+    void scatter(int fst, int lst);
     void update(int d, int r, int sn, ThreadWork<T>& w);
     void formDLt(int d, int p0, int q, T* out);
     void addScattered(const ThreadWork<T>& w, T* target, int ld, int q, int rowsFrom, int rowsTo,
@@ -172,8 +165,11 @@ private:
     // (ascending source), whatever the thread that finished each source and
     // when, so the factor does not depend on the schedule.
     SourceLists sources;
-    IntBlock xentry; // n+1 starts of the entries of each factor column
-    Block<Entry<T>> entries;
+    // The analysis's map when the call's pattern is the analysed one, else
+    // one built for this call.
+    const FactorMap* map = nullptr;
+    FactorMap ownMap;
+    Block<T> values;    // the call's entries as factored (scaled), by index in a
     double largest = 0; // largest magnitude of the matrix as factored
 
     std::atomic<int> stop{kRunning};
@@ -182,54 +178,33 @@ private:
 };
 
 template <class T>
-void Worker<T>::groupEntries() {
-    const OneBased<const int> invp(h.ordering_.invp.data());
+bool Worker<T>::prepareEntries() {
     const int* ia = rq.ia;
     const int* ja = rq.ja;
     const T* a = static_cast<const T*>(rq.a);
     const std::int64_t nnz = static_cast<std::int64_t>(ia[n]) - ia[0];
+    const FactorMap& analysed = h.symbolic.factorMap;
+    if (analysed.built() && analysed.fingerprint == patternFingerprint(n, ia, ja)) {
+        map = &analysed;
+    } else {
+        if (!buildFactorMap(h, lu, ia, ja, kWorkCode, &h.memory, ownMap)) return false;
+        map = &ownMap;
+    }
     const bool scaled = h.scaling && !h.scalings.empty();
     const double* rowScale = scaled ? h.scalings.data() : nullptr;
     const double* colScale = scaled ? h.scalings.data() + (lu ? n : 0) : nullptr;
-    // Position of each original row in the matching's order (types above 10).
-    IntBlock rowPosition;
-    if (lu && h.rowPermuted) {
-        rowPosition = IntBlock(n, kWorkCode, &h.memory);
-        for (int i = 1; i <= n; ++i)
-            rowPosition[h.matchingPermutation[i - 1] - 1] = i;
-    }
-    xentry = IntBlock(static_cast<std::int64_t>(n) + 2, kWorkCode, &h.memory);
-    entries = Block<Entry<T>>(std::max<std::int64_t>(1, nnz), kWorkCode, &h.memory);
-    auto place = [&](int r, int c) {
-        // r, c zero-based original row and column -> permuted one-based.
-        const int i = rowPosition.empty() ? r + 1 : rowPosition[r];
-        return std::pair<int, int>(invp[i], invp[c + 1]);
-    };
+    values = Block<T>(std::max<std::int64_t>(1, nnz), kWorkCode, &h.memory);
+    T* v = values.data();
+    double big = 0;
     for (int r = 0; r < n; ++r)
         for (int p = ia[r] - 1; p < ia[r + 1] - 1; ++p) {
-            const auto [k, l] = place(r, ja[p] - 1);
-            ++xentry[std::min(k, l) + 1];
+            WidenedTo<T, double> x = static_cast<WidenedTo<T, double>>(a[p]);
+            if (scaled) x *= rowScale[r] * colScale[ja[p] - 1];
+            big = std::max(big, static_cast<double>(magnitude(x)));
+            v[p] = static_cast<T>(x);
         }
-    xentry[1] = 0;
-    for (int c = 1; c <= n; ++c)
-        xentry[c + 1] += xentry[c];
-    std::vector<int> fill(xentry.begin() + 1, xentry.begin() + n + 1);
-    for (int r = 0; r < n; ++r)
-        for (int p = ia[r] - 1; p < ia[r + 1] - 1; ++p) {
-            const int c = ja[p] - 1;
-            const auto [k, l] = place(r, c);
-            WidenedTo<T, double> v = static_cast<WidenedTo<T, double>>(a[p]);
-            if (scaled) v *= rowScale[r] * colScale[c];
-            largest = std::max(largest, static_cast<double>(magnitude(v)));
-            Entry<T> e{k, l, static_cast<T>(v)};
-            // An entry of the upper triangle stands for its mirror image,
-            // which is its conjugate in a Hermitian matrix.
-            if (!lu && k < l) {
-                std::swap(e.row, e.col);
-                if (hermitian) e.value = conjugate(e.value);
-            }
-            entries[fill[static_cast<std::size_t>(std::min(k, l) - 1)]++] = e;
-        }
+    largest = big;
+    return true;
 }
 
 // The largest r x q of an update that goes through the buffer, so that the
@@ -255,36 +230,21 @@ std::int64_t Worker<T>::largestScatteredUpdate() const {
 }
 
 template <class T>
-bool Worker<T>::scatter(int sn, int fst, int lst, int hs, ThreadWork<T>& w) {
-    const int ws = lst - fst + 1;
-    T* L = f.lnz + xlnz[fst] - 1;
-    T* U = lu ? f.unz + xunz[fst] - 1 : nullptr;
-    const OneBased<const int> map(w.indmap.data());
-    const int* rows = lindx.p + xlindx[sn] - 1;
-    // The factorization may be handed other arrays than the analysis saw;
-    // an entry whose row the structure of its column does not hold would be
-    // placed through a map left by another supernode, outside this panel.
-    auto local = [&](int row) {
-        const int i = hs - map[row];
-        return i >= 0 && i < hs && rows[i] == row ? i : -1;
-    };
-    const int hu = hs - ws;
-    for (int c = fst; c <= lst; ++c)
-        for (int p = xentry[c]; p < xentry[c + 1]; ++p) {
-            const Entry<T>& e = entries[p];
-            if (lu && e.row < e.col && e.col <= lst) {
-                L[static_cast<std::int64_t>(e.col - fst) * hs + (e.row - fst)] += e.value;
-                continue;
-            }
-            const bool lower = !lu || e.row >= e.col;
-            const int i = local(lower ? e.row : e.col);
-            if (i < 0) return false;
-            if (lower)
-                L[static_cast<std::int64_t>(c - fst) * hs + i] += e.value;
-            else
-                U[static_cast<std::int64_t>(e.row - fst) * hu + i - ws] += e.value;
-        }
-    return true;
+void Worker<T>::scatter(int fst, int lst) {
+    const int* xentry = map->xentry.data();
+    const int* source = map->source.data();
+    const int* target = map->target.data();
+    const T* v = values.data();
+    for (int e = xentry[fst - 1]; e < xentry[lst]; ++e) {
+        const int t = target[e];
+        const T x = v[source[e]];
+        if (t > 0)
+            f.lnz[t - 1] += x;
+        else if (lu)
+            f.unz[-t - 1] += x;
+        else
+            f.lnz[-t - 1] += hermitian ? conjugate(x) : x;
+    }
 }
 
 // out (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
@@ -433,7 +393,7 @@ bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
         }
     } else if (!lu) {
         int* piv = f.rowPivot + fst - 1;
-        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv, hermitian);
+        c = ldltPanel(L, hs, ws, rq.bunchKaufman, rule, piv, w.dlt.data(), hermitian);
         for (int k = 0; k < ws; ++k)
             piv[k] = piv[k] >= 0 ? fst + piv[k] : -(fst + (-piv[k] - 1));
     } else {
@@ -471,10 +431,7 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
     const int* rows = lindx.p + xlindx[sn] - 1;
     for (int i = 0; i < hs; ++i)
         map[rows[i]] = hs - i;
-    if (!scatter(sn, fst, lst, hs, w)) {
-        w.failure = kFailStructure;
-        return false;
-    }
+    scatter(fst, lst);
     const int* source = sources.source.data();
     const int* sourceRows = sources.rows.data();
     for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
@@ -566,9 +523,14 @@ NumericResult Worker<T>::run() {
         w.indmap = IntBlock(n, kWorkCode, &h.memory);
         w.relind = IntBlock(std::max(1, s.largestColumn), kWorkCode, &h.memory);
         w.temp = Block<T>(tempSize, kWorkCode, &h.memory);
-        w.dlt = Block<T>(panel * panel, kWorkCode, &h.memory);
+        // Also the workspace of the block kernel, which runs after the updates.
+        w.dlt = Block<T>(std::max(panel * panel, ldltWorkspace(static_cast<int>(panel))), kWorkCode,
+                         &h.memory);
     }
-    groupEntries();
+    if (!prepareEntries()) {
+        result.outsideStructure = true;
+        return result;
+    }
     rule = pivotRule<T>(rq.pivotExponent, largest);
     sources = sourceLists(s, &h.memory, kWorkCode);
 
@@ -635,10 +597,7 @@ NumericResult Worker<T>::run() {
         const ThreadWork<T>* first = nullptr;
         for (const ThreadWork<T>& w : work)
             if (w.failure != 0 && (!first || w.failedAt < first->failedAt)) first = &w;
-        if (first->failure == kFailStructure)
-            result.outsideStructure = true;
-        else
-            result.status = first->pivotStatus;
+        result.status = first->pivotStatus;
         return result;
     }
     if (reportProgress(1, 100, kStageText, kStageLength) != 0) result.status = -1;

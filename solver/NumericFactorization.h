@@ -18,7 +18,11 @@
 // indmap and relind of n integers, the update buffer of max(tmpsiz, largest
 // scattered update) scalars and a block of panelWidth^2 scalars for D L^T;
 // shared, the sources of each supernode (two integers an update) and the
-// matrix entries grouped by factor column (12 or 16 bytes an entry).
+// call's entries, scaled, one scalar each. The entries go to the factor
+// through the analysis's map (FactorMap.h) when the call's ia and ja are the
+// analysed ones; other arrays get a map of their own for the call (two more
+// integers an entry), and an entry outside the analysed structure is
+// refused before anything is factored.
 //
 // Unacceptable pivots never fail the symmetric indefinite and LU
 // factorizations: they are perturbed by pivotRule and counted, and the

@@ -163,6 +163,7 @@ DissectionGraph contractPairs(const DissectionGraph& g) {
             first[static_cast<std::size_t>(coarseOf[static_cast<std::size_t>(v)])] = v;
     std::vector<int> seen(static_cast<std::size_t>(nc), -1);
     c.members.reserve(g.members.size());
+    c.adjncy.reserve(g.adjncy.size());
     for (int cv = 0; cv < nc; ++cv) {
         const int v = first[static_cast<std::size_t>(cv)];
         const int u = match[static_cast<std::size_t>(v)];
@@ -454,24 +455,28 @@ void buildOrderingGraph(const OrderingInput& in, OrderingResult& out) {
         std::copy_n(both.data() + count[i], length[i], out.adjncy.data() + out.xadj[i] - 1);
 }
 
-bool graphFromFullPattern(int n, const int* ia, const int* ja, OrderingResult& out,
-                          MemoryCounter* memory) {
-    std::int64_t edges = 0;
+bool graphFromFullPattern(int n, IntBlock& ia, IntBlock& ja, OrderingResult& out) {
+    const int* xa = ia.data();
+    const int* aj = ja.data();
     for (int i = 0; i < n; ++i)
-        for (int k = ia[i]; k < ia[i + 1]; ++k) {
-            if (k > ia[i] && ja[k] <= ja[k - 1]) return false;
-            edges += ja[k] != i;
-        }
-    if (edges > 2147483646LL) return false;
-    out.xadj = IntBlock(static_cast<std::int64_t>(n) + 1, kGraphCode, memory);
-    out.adjncy = IntBlock(std::max<std::int64_t>(1, edges), kGraphCode, memory);
+        for (int k = xa[i] + 1; k < xa[i + 1]; ++k)
+            if (aj[k] <= aj[k - 1]) return false;
+    // Dropping the diagonal only moves entries towards the front, so the
+    // pattern becomes the graph where it lies.
+    int* x = ia.data();
+    int* adj = ja.data();
     int p = 0;
-    out.xadj[0] = 1;
+    int begin = x[0];
     for (int i = 0; i < n; ++i) {
-        for (int k = ia[i]; k < ia[i + 1]; ++k)
-            if (ja[k] != i) out.adjncy[p++] = ja[k] + 1;
-        out.xadj[i + 1] = p + 1;
+        const int end = x[i + 1];
+        x[i] = p + 1;
+        for (int k = begin; k < end; ++k)
+            if (adj[k] != i) adj[p++] = adj[k] + 1;
+        begin = end;
     }
+    x[n] = p + 1;
+    out.xadj = std::move(ia);
+    out.adjncy = std::move(ja);
     return true;
 }
 

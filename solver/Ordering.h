@@ -62,12 +62,12 @@ OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out);
 // ascending and free of duplicates); in.ia/ja are not read.
 OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out);
 
-// Puts into out.xadj/adjncy the ordering graph of a full symmetric pattern
-// (zero-based ia/ja, both triangles, diagonal allowed) by dropping its
-// diagonal, when every row is strictly ascending; returns false, leaving out
-// untouched, otherwise (the caller then builds the graph from the matrix).
-bool graphFromFullPattern(int n, const int* ia, const int* ja, OrderingResult& out,
-                          MemoryCounter* memory);
+// Turns a full symmetric pattern (zero-based ia/ja, both triangles,
+// diagonal allowed) into the ordering graph where it lies, by dropping its
+// diagonal, and moves the two blocks into out.xadj/adjncy, when every row is
+// strictly ascending; returns false, leaving everything untouched,
+// otherwise (the caller then builds the graph from the matrix).
+bool graphFromFullPattern(int n, IntBlock& ia, IntBlock& ja, OrderingResult& out);
 
 // Building blocks, exposed for the tests.
 

@@ -39,6 +39,9 @@ constexpr int kWorkCode = -1300;
 constexpr std::int64_t kSmallBlock = 4096;
 // Factors with fewer entries are swept on one thread.
 constexpr std::int64_t kParallelEntries = 50000;
+// Vectors with fewer entries are gathered and scattered on one thread: the
+// rows a thread takes must outweigh waking it.
+constexpr std::int64_t kParallelRows = 50000;
 
 enum class Kind { Cholesky, Indefinite, Lu };
 
@@ -363,11 +366,18 @@ template <class T>
 void FactorSolver<T>::solve(const T* b, T* x, int partial) {
     Impl& s = *m;
     const int n = s.n;
+    // Each entry of the gather and the scatter is one product of its own,
+    // so splitting the rows over threads changes no bit.
+    const std::int64_t count = static_cast<std::int64_t>(n) * s.nrhs;
+    const int t = count >= kParallelRows ? nrt_get_max_threads() : 1;
+    const int* gather = s.gatherIndex.data();
+    const T* gatherScale = s.gatherScale.data();
     for (int j = 0; j < s.nrhs; ++j) {
         const T* bj = b + static_cast<std::int64_t>(j) * n;
         T* yj = s.y.data() + static_cast<std::int64_t>(j) * n;
+#pragma omp parallel for schedule(static) num_threads(t) if (t > 1)
         for (int k = 0; k < n; ++k)
-            yj[k] = bj[s.gatherIndex[k]] * s.gatherScale[k];
+            yj[k] = bj[gather[k]] * gatherScale[k];
     }
     if (partial == 0 || partial == 1) s.forward();
     if (partial == 0 || partial == 2) s.diagonal();
@@ -375,15 +385,14 @@ void FactorSolver<T>::solve(const T* b, T* x, int partial) {
     // A partial solve that stops before the end leaves the vector where the
     // next one gathers it from: the inverse of the gather.
     const bool toGather = partial == 1 || partial == 2;
+    const int* scatter = toGather ? gather : s.scatterIndex.data();
+    const T* scatterScale = s.scatterScale.data();
     for (int j = 0; j < s.nrhs; ++j) {
         T* xj = x + static_cast<std::int64_t>(j) * n;
         const T* yj = s.y.data() + static_cast<std::int64_t>(j) * n;
-        if (toGather)
-            for (int k = 0; k < n; ++k)
-                xj[s.gatherIndex[k]] = yj[k] / s.gatherScale[k];
-        else
-            for (int k = 0; k < n; ++k)
-                xj[s.scatterIndex[k]] = yj[k] * s.scatterScale[k];
+#pragma omp parallel for schedule(static) num_threads(t) if (t > 1)
+        for (int k = 0; k < n; ++k)
+            xj[scatter[k]] = toGather ? yj[k] / gatherScale[k] : yj[k] * scatterScale[k];
     }
 }
 

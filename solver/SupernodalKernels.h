@@ -24,10 +24,21 @@
 // PivotRule. The solve's checked refinement (IterativeRefinement.h) then
 // either repairs the perturbation or reports the answer as untrusted. The
 // Cholesky kernel fails on the first pivot that is not positive and
-// returns its local column. No workspace is borrowed.
+// returns its local column. Only the LDL^T kernel borrows workspace, of
+// ldltWorkspace(w) elements.
+//
+// The pivoting kernels work the block by panels of a few dozen columns: the
+// pivot search and the updates inside a panel are scalar, its update of the
+// rest of the block is one matrix product. LDL^T searches the whole
+// remaining column at each step as the unblocked algorithm does (the panel's
+// columns are formed left-looking, as they are needed); LU searches the
+// remaining columns of the panel only, all rows of the block, so that its
+// complete pivoting is complete in a block no wider than a panel.
 #pragma once
 
 #include "internal/Scalar.h"
+
+#include <cstdint>
 
 namespace skyrinse::spds {
 
@@ -59,6 +70,9 @@ struct BlockCounts {
 template <class T>
 BlockCounts choleskyPanel(T* panel, int ld, int w);
 
+// Elements of workspace that ldltPanel borrows for a block of w columns.
+std::int64_t ldltWorkspace(int w);
+
 // LDL^T of the block with Bunch-Kaufman pivoting (bunchKaufman) or with the
 // largest remaining diagonal entry as pivot (1 x 1 only), then the rows
 // below become (rows P) L_B^-T D^-1. D stands on the block's diagonal, the
@@ -68,9 +82,9 @@ BlockCounts choleskyPanel(T* panel, int ld, int w);
 // Hermitian (its stored entry is the lower one), and the inertia is counted.
 template <class T>
 BlockCounts ldltPanel(T* panel, int ld, int w, bool bunchKaufman, PivotRule<T> rule, int* pivots,
-                      bool hermitian = false);
+                      T* work, bool hermitian = false);
 
-// LU of the block with complete pivoting inside it; row interchanges go to
+// LU of the block with complete pivoting inside each panel; row interchanges go to
 // rowPivots and to the columns of `upper`, column interchanges to colPivots
 // and to all rows of the panel. Then the rows below become L and `upper`
 // becomes the transposed U right of the block.

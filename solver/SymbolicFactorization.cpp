@@ -2,8 +2,12 @@
 //
 // The elimination tree is Liu's algorithm with path compression on the
 // ordering graph taken through invp, so nothing is permuted. Column counts
-// walk each row subtree of L once (marking per row), in parallel over rows
-// with private marks and counts per thread. The order delivered by the
+// come from the skeleton of the matrix (Gilbert, Ng and Peyton): in a
+// postorder of the tree, each entry that starts a new leaf of its row
+// subtree adds one to its column and takes one off the least common
+// ancestor with the previous leaf, found with a path-compressed ancestor
+// forest; the counts are then summed up the tree. The work is that of the
+// matrix, not of the factor. The order delivered by the
 // ordering is used as it stands: supernodes are chains j-1 -> j of the tree
 // with equal structure, which nested dissection and minimum degree produce
 // along their eliminated paths.
@@ -11,7 +15,11 @@
 // Supernodes follow the rule "column j joins j-1 when parent(j-1) = j and
 // colcnt(j-1) = colcnt(j) + 1", cut every maxsup columns. The run length that
 // the cut interrupts is still counted, so the largest fundamental width is
-// reported as it is in the matrix, not as the panels hold it.
+// reported as it is in the matrix, not as the panels hold it. Then, unless
+// switched off, a supernode merges into its parent when the explicit zeros
+// this stores stay within the bounds of relaxSupernodes: a few thousand
+// narrow panels become fewer wide ones, whose updates are fewer and larger
+// products. From there on colcnt describes the stored columns.
 #include "SymbolicFactorization.h"
 
 #include "internal/OneBased.h"
@@ -21,10 +29,6 @@
 #include <algorithm>
 #include <climits>
 #include <vector>
-
-#ifdef _OPENMP
-#include <omp.h>
-#endif
 
 namespace skyrinse::spds {
 
@@ -41,10 +45,6 @@ constexpr int kOocMarker = -1111111;
 
 constexpr int kStatusOverflow = -182;
 constexpr int kStatusInconsistent = -180;
-
-// Column-count work of t threads: marks and counts, 2 x t x n integers.
-constexpr std::int64_t kColumnCountBytesCap = 512000000;
-constexpr int kColumnCountMaxThreads = 16;
 
 struct Supernodes {
     int nsuper = 0;
@@ -101,6 +101,100 @@ Supernodes findSupernodes(int n, int maxsup, OneBased<const int> parent, OneBase
         r.largestSupernode = std::max(r.largestSupernode, width);
     }
     return r;
+}
+
+// Bounds of the relaxed merge, in the manner of CHOLMOD's nrelax/zrelax: with
+// w the columns of a merged supernode and z the share of explicit zeros in
+// its lower trapezoid (earlier merges included), a child joins its parent
+// when w <= 4, or it adds no zero, or w <= 16 and z < 0.8, or w <= 48 and
+// z < 0.1, or z < 0.05; never beyond the panel width.
+struct RelaxBound {
+    int width;
+    double zeros;
+};
+constexpr RelaxBound kRelaxBounds[] = {{4, 1.0}, {16, 0.8}, {48, 0.1}, {INT_MAX, 0.05}};
+
+bool relaxedJoin(std::int64_t width, double zeroShare) {
+    for (const RelaxBound& b : kRelaxBounds)
+        if (width <= b.width && zeroShare < b.zeros) return true;
+    return false;
+}
+
+// Merges each supernode into its parent when the parent starts right after
+// it (the order is not a postorder, so only such a child can share a panel
+// with it) and the explicit zeros stay within the bounds above. The rows of
+// a child below its columns lie in the parent's rows, so the merged panel
+// holds the child's columns and the parent's rows, and the child's columns
+// gain the zeros. Supernodes are visited from the last down, so a chain of
+// children folds into one panel. A merge never crosses the end of a domain
+// or separator of the dissection (`stops`), so the domains keep whole
+// supernodes, and merges whole supernodes only, so no pair is split.
+// Rewrites snode and colcnt; returns the zeros added.
+std::int64_t relaxSupernodes(int n, int maxsup, OneBased<const int> parent,
+                             const std::vector<char>& stops, OneBased<int> colcnt,
+                             OneBased<int> snode, Supernodes& sn) {
+    const int ns = sn.nsuper;
+    const auto slots = static_cast<std::size_t>(ns) + 2;
+    std::vector<int> first(slots);
+    first[slots - 1] = n + 1;
+    for (int j = n; j >= 1; --j)
+        first[static_cast<std::size_t>(snode[j])] = j;
+    // Per supernode as it stands when visited: the last column, the height
+    // and the zeros of the merged panel that it starts.
+    std::vector<int> last(slots, n), height(slots, 0);
+    std::vector<std::int64_t> zeros(slots, 0);
+    std::vector<char> joined(slots, 0);
+    height[static_cast<std::size_t>(ns)] = colcnt[first[static_cast<std::size_t>(ns)]];
+    for (int s = ns - 1; s >= 1; --s) {
+        const auto u = static_cast<std::size_t>(s);
+        const int fst = first[u];
+        const int end = first[u + 1] - 1;
+        const int p = parent[end];
+        last[u] = end;
+        height[u] = colcnt[fst];
+        if (p == 0 || p > last[u + 1] || stops[static_cast<std::size_t>(end)]) continue;
+        const std::int64_t wc = end - fst + 1;
+        const std::int64_t w = wc + (last[u + 1] - end);
+        if (w > maxsup) continue;
+        const std::int64_t h = wc + height[u + 1];
+        const std::int64_t added = wc * (h - height[u]);
+        const std::int64_t total = zeros[u] + zeros[u + 1] + added;
+        const double trapezoid = static_cast<double>(w * h - w * (w - 1) / 2);
+        if (added != 0 && !relaxedJoin(w, static_cast<double>(total) / trapezoid)) continue;
+        joined[u + 1] = 1;
+        last[u] = last[u + 1];
+        height[u] = static_cast<int>(h);
+        zeros[u] = total;
+    }
+    std::int64_t added = 0;
+    int count = 0;
+    sn.largestSupernode = 1;
+    for (int s = 1; s <= ns; ++s) {
+        const auto u = static_cast<std::size_t>(s);
+        if (joined[u]) continue;
+        ++count;
+        const int fst = first[u];
+        for (int c = fst; c <= last[u]; ++c) {
+            snode[c] = count;
+            const int rows = height[u] - (c - fst);
+            added += rows - colcnt[c];
+            colcnt[c] = rows;
+        }
+        sn.largestSupernode = std::max(sn.largestSupernode, last[u] - fst + 1);
+    }
+    sn.nsuper = count;
+    return added;
+}
+
+// Columns that end a domain or a separator of the dissection, by column.
+std::vector<char> domainEnds(int n, const OrderingResult& ord) {
+    std::vector<char> ends(static_cast<std::size_t>(n) + 1, 0);
+    const std::int64_t pairs = std::min<std::int64_t>(2 * ord.ndomains, ord.domainpairs.size() / 2);
+    for (std::int64_t p = 0; p < pairs; ++p) {
+        const int l = ord.domainpairs[2 * p + 1];
+        if (l >= 1 && l <= n) ends[static_cast<std::size_t>(l)] = 1;
+    }
+    return ends;
 }
 
 // Pairs of columns become pairs of supernodes. Returns a positive code when
@@ -160,69 +254,73 @@ void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
     }
 }
 
-void buildRowStructure(int n, const OrderingResult& ord, SymbolicResult& sym,
-                       MemoryCounter* memory) {
-    const int nsuper = sym.nsuper;
-    const OneBased<const int> xsup = oneBased(sym.xsup.data());
-    const OneBased<const int> colcnt = oneBased(sym.colcnt.data());
-    const OneBased<const int> snode = oneBased(sym.snode.data());
+// The ordering graph in the positions of the permuted matrix: the
+// neighbours of position j (one-based positions) in adj[start[j-1] ..
+// start[j]-1]. The tree, the counts and the row structure each read every
+// neighbour list in position order; taken through perm and invp, each of
+// those reads would land at a random place of the graph.
+struct PositionGraph {
+    IntBlock start;
+    IntBlock adj;
+};
+
+PositionGraph positionGraph(int n, const OrderingResult& ord, MemoryCounter* memory) {
     const OneBased<const int> perm = oneBased(ord.perm.data());
     const OneBased<const int> invp = oneBased(ord.invp.data());
     const OneBased<const int> xadj = oneBased(ord.xadj.data());
     const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
-    const OneBased<int> xlindx = oneBased(sym.xlindx.data());
+    PositionGraph g;
+    g.start = IntBlock(static_cast<std::int64_t>(n) + 1, kWorkCode, memory, kNoFill);
+    g.adj = IntBlock(std::max(1, xadj[n + 1] - 1), kWorkCode, memory, kNoFill);
+    int p = 0;
+    g.start[0] = 0;
+    for (int j = 1; j <= n; ++j) {
+        const int v = perm[j];
+        for (int k = xadj[v]; k < xadj[v + 1]; ++k)
+            g.adj[p++] = invp[adjncy[k]];
+        g.start[j] = p;
+    }
+    return g;
+}
+
+// Rows are visited in increasing order and each row is handed to the
+// supernodes of its row subtree, found by climbing the supernodal tree from
+// every entry left of the row's own supernode: each supernode receives its
+// rows already sorted, and the work is that of the stored row indices plus
+// one pass over the graph. A supernode's rows are the union over its
+// columns, which is what a joined pair asks for.
+void buildRowStructure(int n, const PositionGraph& g, SymbolicResult& sym, MemoryCounter* memory) {
+    const int nsuper = sym.nsuper;
+    const OneBased<const int> xsup = oneBased(sym.xsup.data());
+    const OneBased<const int> snode = oneBased(sym.snode.data());
+    const OneBased<const int> sparent = oneBased(sym.sparent.data());
+    const OneBased<const int> xlindx = oneBased(sym.xlindx.data());
     const OneBased<int> lindx = oneBased(sym.lindx.data());
 
-    IntBlock markBlock(static_cast<std::int64_t>(n), kWorkCode, memory);
-    IntBlock pendingBlock(2 * static_cast<std::int64_t>(nsuper), kWorkCode, memory);
-    const OneBased<int> mark = oneBased(markBlock.data());
-    // Pending lists: head[s] is the first supernode waiting to merge into s,
-    // next[d] the one after d; 0 ends a list.
-    const OneBased<int> head = oneBased(pendingBlock.data());
-    const OneBased<int> next = oneBased(pendingBlock.data() + nsuper);
-    std::vector<int> rows;
-    rows.reserve(static_cast<std::size_t>(sym.largestColumn) + 1);
+    IntBlock work(2 * static_cast<std::int64_t>(nsuper), kWorkCode, memory);
+    const OneBased<int> mark = oneBased(work.data());
+    const OneBased<int> next = oneBased(work.data() + nsuper);
     for (int s = 1; s <= nsuper; ++s) {
-        const int fst = xsup[s];
-        const int lst = xsup[s + 1] - 1;
-        const int width = lst - fst + 1;
-        const std::size_t length = static_cast<std::size_t>(colcnt[fst]);
-        rows.clear();
-        for (int r = fst; r <= lst; ++r) {
-            mark[r] = s;
-            rows.push_back(r);
-        }
-        for (int d = head[s]; d != 0 && rows.size() < length; d = next[d]) {
-            const int dwidth = xsup[d + 1] - xsup[d];
-            for (int k = xlindx[d] + dwidth; k < xlindx[d + 1]; ++k) {
-                const int r = lindx[k];
-                if (mark[r] != s) {
-                    mark[r] = s;
-                    rows.push_back(r);
-                }
+        int k = xlindx[s];
+        for (int r = xsup[s]; r < xsup[s + 1]; ++r)
+            lindx[k++] = r;
+        next[s] = k;
+    }
+    for (int i = 1; i <= n; ++i) {
+        const int own = snode[i];
+        const int first = xsup[own];
+        for (int k = g.start[i - 1]; k < g.start[i]; ++k) {
+            const int c = g.adj[k];
+            if (c >= first) continue;
+            for (int t = snode[c]; t != own && mark[t] != i; t = sparent[t]) {
+                if (t == 0 || next[t] >= xlindx[t + 1]) throw SymbolicFailure{kStatusInconsistent};
+                mark[t] = i;
+                lindx[next[t]++] = i;
             }
-        }
-        // The first column's own entries complete a fundamental supernode;
-        // a joined pair also needs those of its second column.
-        for (int c = fst; c <= lst && rows.size() < length; ++c) {
-            const int v = perm[c];
-            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-                const int r = invp[adjncy[k]];
-                if (r > lst && mark[r] != s) {
-                    mark[r] = s;
-                    rows.push_back(r);
-                }
-            }
-        }
-        if (rows.size() != length) throw SymbolicFailure{kStatusInconsistent};
-        std::sort(rows.begin() + width, rows.end());
-        std::copy(rows.begin(), rows.end(), &lindx[xlindx[s]]);
-        if (static_cast<int>(length) > width) {
-            const int target = snode[rows[static_cast<std::size_t>(width)]];
-            next[s] = head[target];
-            head[target] = s;
         }
     }
+    for (int s = 1; s <= nsuper; ++s)
+        if (next[s] != xlindx[s + 1]) throw SymbolicFailure{kStatusInconsistent};
 }
 
 // Largest update block, as rows-left x group size less the triangle above
@@ -389,20 +487,17 @@ int panelWidth(int mtype, int threads, int n) {
     return 128;
 }
 
-void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
+namespace {
+
+void eliminationTree(int n, const PositionGraph& g, int* parentStorage) {
     const OneBased<int> parent = oneBased(parentStorage);
-    const OneBased<const int> perm = oneBased(ord.perm.data());
-    const OneBased<const int> invp = oneBased(ord.invp.data());
-    const OneBased<const int> xadj = oneBased(ord.xadj.data());
-    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
     std::vector<int> ancestorStorage(static_cast<std::size_t>(n), 0);
     const OneBased<int> ancestor = oneBased(ancestorStorage.data());
     for (int j = 1; j <= n; ++j) {
         parent[j] = 0;
         ancestor[j] = 0;
-        const int v = perm[j];
-        for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-            int r = invp[adjncy[k]];
+        for (int k = g.start[j - 1]; k < g.start[j]; ++k) {
+            int r = g.adj[k];
             if (r >= j) continue;
             for (;;) {
                 const int next = ancestor[r];
@@ -418,66 +513,96 @@ void eliminationTree(int n, const OrderingResult& ord, int* parentStorage) {
     }
 }
 
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parentStorage, int threads,
+std::int64_t columnCounts(int n, const PositionGraph& g, const int* parentStorage,
                           MemoryCounter* memory, int* colcntStorage) {
     if (n <= 0) return 0;
-    const OneBased<const int> parent = oneBased(parentStorage);
-    const OneBased<int> colcnt = oneBased(colcntStorage);
-    const OneBased<const int> perm = oneBased(ord.perm.data());
-    const OneBased<const int> invp = oneBased(ord.invp.data());
-    const OneBased<const int> xadj = oneBased(ord.xadj.data());
-    const OneBased<const int> adjncy = oneBased(ord.adjncy.data());
-
-    int t = std::max(1, threads);
-    while (8LL * t * n > kColumnCountBytesCap && t > 1)
-        t /= 2;
-    t = std::min(t, kColumnCountMaxThreads);
-    IntBlock marks, counts;
-    for (;;) {
-        try {
-            marks = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
-            counts = IntBlock(static_cast<std::int64_t>(t) * n, kWorkCode, memory);
-            break;
-        } catch (const AllocationFailure&) {
-            marks.reset();
-            counts.reset();
-            if (t == 1) throw;
-            t /= 2;
-        }
+    // Zero-based from here on, -1 for "none".
+    IntBlock work(8 * static_cast<std::int64_t>(n), kWorkCode, memory, kNoFill);
+    int* parent = work.data();
+    int* post = parent + n;
+    int* first = post + n;
+    int* maxFirst = first + n;
+    int* previousLeaf = maxFirst + n;
+    int* ancestor = previousLeaf + n;
+    int* head = ancestor + n;
+    int* sibling = head + n;
+    int* delta = colcntStorage;
+    for (int j = 0; j < n; ++j) {
+        parent[j] = parentStorage[j] - 1;
+        head[j] = -1;
+        first[j] = maxFirst[j] = previousLeaf[j] = -1;
+        ancestor[j] = j;
     }
-    std::int64_t offDiagonal = 0;
-#pragma omp parallel num_threads(t) reduction(+ : offDiagonal) if (t > 1)
+    // Postorder of the tree by an explicit stack; children listed in
+    // decreasing order so that they come off it in increasing order.
+    for (int j = n - 1; j >= 0; --j)
+        if (parent[j] >= 0) {
+            sibling[j] = head[parent[j]];
+            head[parent[j]] = j;
+        }
+    int k = 0;
     {
-        int tid = 0;
-#ifdef _OPENMP
-        tid = omp_get_thread_num();
-#endif
-        const OneBased<int> mark = oneBased(marks.data() + static_cast<std::int64_t>(tid) * n);
-        const OneBased<int> count = oneBased(counts.data() + static_cast<std::int64_t>(tid) * n);
-#pragma omp for schedule(static)
-        for (int i = 2; i <= n; ++i) {
-            const int v = perm[i];
-            for (int k = xadj[v]; k < xadj[v + 1]; ++k) {
-                // Climb the row subtree of i from each entry left of the
-                // diagonal; a column already marked for i ends the climb.
-                int c = invp[adjncy[k]];
-                while (c != 0 && c < i && mark[c] < i) {
-                    mark[c] = i;
-                    ++offDiagonal;
-                    ++count[c];
-                    c = parent[c];
+        int* stack = maxFirst; // free until the postorder is complete
+        for (int root = 0; root < n; ++root) {
+            if (parent[root] >= 0) continue;
+            int top = 0;
+            stack[0] = root;
+            while (top >= 0) {
+                const int j = stack[top];
+                const int child = head[j];
+                if (child < 0) {
+                    --top;
+                    post[k++] = j;
+                } else {
+                    head[j] = sibling[child];
+                    stack[++top] = child;
                 }
             }
         }
+        std::fill(maxFirst, maxFirst + n, -1);
     }
-    for (int c = 1; c <= n; ++c) {
-        int sum = 1;
-        for (int tid = 0; tid < t; ++tid)
-            sum += counts[static_cast<std::int64_t>(tid) * n + c - 1];
-        colcnt[c] = sum;
+    // first[j]: the first postorder index in j's subtree; leaves start at 1.
+    for (k = 0; k < n; ++k) {
+        int j = post[k];
+        delta[j] = first[j] == -1 ? 1 : 0;
+        for (; j >= 0 && first[j] == -1; j = parent[j])
+            first[j] = k;
     }
-    return offDiagonal + n;
+    // A lower entry (i, j) adds to column j's count only when j is a leaf of
+    // row i's subtree; consecutive leaves overlap from their least common
+    // ancestor up, which is subtracted there.
+    for (k = 0; k < n; ++k) {
+        const int j = post[k];
+        if (parent[j] >= 0) --delta[parent[j]];
+        for (int e = g.start[j]; e < g.start[j + 1]; ++e) {
+            const int i = g.adj[e] - 1;
+            if (i <= j || first[j] <= maxFirst[i]) continue;
+            maxFirst[i] = first[j];
+            const int previous = previousLeaf[i];
+            previousLeaf[i] = j;
+            ++delta[j];
+            if (previous < 0) continue;
+            int q = previous;
+            while (q != ancestor[q])
+                q = ancestor[q];
+            for (int s = previous; s != q;) {
+                const int up = ancestor[s];
+                ancestor[s] = q;
+                s = up;
+            }
+            --delta[q];
+        }
+        if (parent[j] >= 0) ancestor[j] = parent[j];
+    }
+    std::int64_t total = 0;
+    for (int j = 0; j < n; ++j) {
+        if (parent[j] >= 0) delta[parent[j]] += delta[j];
+        total += delta[j];
+    }
+    return total;
 }
+
+} // namespace
 
 SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord,
                                     SymbolicResult& out) {
@@ -489,14 +614,18 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
     out.parent = IntBlock(n, kTreeCode, in.memory);
     out.colcnt = IntBlock(n, kTreeCode, in.memory);
     out.snode = IntBlock(n, kTreeCode, in.memory);
-    eliminationTree(n, ord, out.parent.data());
-    out.colcountSum =
-        columnCounts(n, ord, out.parent.data(), in.threads, in.memory, out.colcnt.data());
+    const PositionGraph graph = positionGraph(n, ord, in.memory);
+    eliminationTree(n, graph, out.parent.data());
+    out.colcountSum = columnCounts(n, graph, out.parent.data(), in.memory, out.colcnt.data());
     out.colcountSum += joinPairs(n, in.pairStart, oneBased<const int>(out.parent.data()),
                                  oneBased(out.colcnt.data()));
-    const Supernodes sn = findSupernodes(
+    Supernodes sn = findSupernodes(
         n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()),
         oneBased<const int>(out.colcnt.data()), in.pairStart, oneBased(out.snode.data()));
+    if (in.relax)
+        out.relaxedZeros = relaxSupernodes(
+            n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()), domainEnds(n, ord),
+            oneBased(out.colcnt.data()), oneBased(out.snode.data()), sn);
     out.nsuper = sn.nsuper;
     out.largestFundamental = sn.largestFundamental;
     out.largestSupernode = sn.largestSupernode;
@@ -544,8 +673,8 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
         xlindx[nsuper + 1] = static_cast<int>(pos);
         out.lindxSize = pos - 1;
     }
-    out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory);
-    buildRowStructure(n, ord, out, in.memory);
+    out.lindx = IntBlock(std::max<std::int64_t>(1, out.lindxSize), kIndexCode, in.memory, kNoFill);
+    buildRowStructure(n, graph, out, in.memory);
     out.tmpsiz = updateBufferSize(n, out);
     countUpdates(out, oneBased(out.nmod.data()));
     countTopRows(ord, out);

@@ -10,11 +10,10 @@
 // Writes SymbolicResult (see Handle.h) and converts ord.domainpairs from
 // columns to supernodes.
 //
-// Workspace: the column counts borrow two arrays of t x n integers (t threads,
-// at most 16 and at most 512000000 bytes for both), halving t when they
-// cannot be had; the row-structure pass borrows n marks. Both under WORK_I0
-// (-500). Failures: AllocationFailure when the column-count work cannot be
-// had even for one thread; SymbolicFailure with status -182 when the factor
+// Workspace: the ordering graph in permuted positions (n + 1 integers and
+// one per edge), 8 x n integers for the column counts, 2 x nsuper for the
+// row structure; all under WORK_I0 (-500), and their failure is an
+// AllocationFailure. SymbolicFailure with status -182 when the factor
 // does not fit 32-bit positions, -180 for an inconsistent structure. A
 // domain list that does not map onto supernodes is not a failure: it sets
 // domainsUnusable and the analysis goes on.
@@ -40,6 +39,9 @@ struct SymbolicInput {
     // supernode: its first column takes the structure of the second (the
     // extra entries are explicit zeros), and no panel cut falls between them.
     const int* pairStart = nullptr;
+    // Merge supernodes into their parents within the bounds on explicit
+    // zeros (SymbolicFactorization.cpp); off: fundamental supernodes.
+    bool relax = true;
     MemoryCounter* memory = nullptr;
 };
 
@@ -55,14 +57,9 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
 // Panel width (maxsup) for a matrix type, thread count and size.
 int panelWidth(int mtype, int threads, int n);
 
-// Building blocks, exposed for the tests. Arrays are one-based with an unused
-// slot 0 where they are indexed by position.
-void eliminationTree(int n, const OrderingResult& ord, int* parent);
-// Column pointers xlnz/xunz from snode, xsup and colcnt; throws
-// SymbolicFailure{-182} when a pointer would pass the 32-bit range.
+// Column pointers xlnz/xunz from snode, xsup and colcnt (one-based, with
+// an unused slot 0 where indexed by position); throws SymbolicFailure{-182}
+// when a pointer would pass the 32-bit range. Exposed for the tests.
 void layoutValues(int n, SymbolicResult& sym);
-// Returns the number of entries of L, diagonal included.
-std::int64_t columnCounts(int n, const OrderingResult& ord, const int* parent, int threads,
-                          MemoryCounter* memory, int* colcnt);
 
 } // namespace skyrinse::spds

@@ -123,12 +123,16 @@ PairOrder symmetricPairOrder(const SparseView<T>& stored, const SparseView<T>& f
 
     // Merged rows of each block, with the pattern of the full matrix.
     IntBlock xadj(static_cast<std::int64_t>(blocks) + 1, kWork, counter);
-    IntBlock adjncy(std::max<std::int64_t>(1, full.nnz), kWork, counter);
-    IntBlock mark(blocks, kWork, counter);
+    IntBlock adjncy(std::max<std::int64_t>(1, full.nnz), kWork, counter, kNoFill);
+    IntBlock mark(blocks, kWork, counter, kNoFill);
     std::fill(mark.begin(), mark.end(), -1);
     int edges = 0;
+    // Without pairs the rows come out in the order of the pattern's rows,
+    // often ascending already; the orderer then need not sort them.
+    bool ascending = true;
     for (int b = 0; b < blocks; ++b) {
         mark[b] = b;
+        int previous = -1;
         for (int pos = firstOf[b]; pos < firstOf[b + 1]; ++pos) {
             const int x = cb.list[pos];
             for (std::int64_t k = full.begin(x); k < full.end(x); ++k) {
@@ -136,6 +140,8 @@ PairOrder symmetricPairOrder(const SparseView<T>& stored, const SparseView<T>& f
                 if (mark[c] == b) continue;
                 mark[c] = b;
                 adjncy[edges++] = c;
+                ascending = ascending && c > previous;
+                previous = c;
             }
         }
         xadj[b + 1] = edges;
@@ -144,7 +150,7 @@ PairOrder symmetricPairOrder(const SparseView<T>& stored, const SparseView<T>& f
 
     const CompressedGraph graph{
         blocks, xadj.span(), std::span<const int>(adjncy.data(), static_cast<std::size_t>(edges)),
-        weights.span()};
+        weights.span(), ascending};
     CompressedOrdering co = order(graph);
 
     PairOrder r;

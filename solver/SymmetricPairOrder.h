@@ -55,6 +55,7 @@ struct CompressedGraph {
     std::span<const int> xadj;   // nodes + 1
     std::span<const int> adjncy; // xadj[nodes]
     std::span<const int> weights;
+    bool ascending = false; // every row's neighbours in increasing order
 };
 
 // What the ordering of the compressed graph delivers.

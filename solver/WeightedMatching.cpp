@@ -346,22 +346,12 @@ void completePermutation(std::span<int> match, std::span<const int> colOfRow) {
     }
 }
 
-} // namespace
-
+// The search on a cost graph whose column maxima (as logarithms) are in v;
+// match and u are cleared.
 template <class T>
-MatchingResult weightedMatching(const SparseView<T>& A, std::span<int> match, std::span<T> u,
-                                std::span<T> v, MemoryCounter* counter) {
-    const int n = A.rows;
-    std::fill(match.begin(), match.end(), -1);
-    std::fill(u.begin(), u.end(), T(0));
-    CsrMatrix<T> cost;
-    try {
-        cost = buildCostGraph(A, v, counter); // v holds log max_j until the end
-    } catch (const AllocationFailure&) {
-        std::fill(v.begin(), v.end(), T(0));
-        return {-2, 0};
-    }
-
+MatchingResult matchOnCosts(const CsrMatrix<T>& cost, std::span<int> match, std::span<T> u,
+                            std::span<T> v, MemoryCounter* counter) {
+    const int n = cost.n;
     IntBlock colOfRow(n, kIntegerWork, counter);
     std::fill(colOfRow.begin(), colOfRow.end(), -1);
     Block<T> colDual(n, kCostWork, counter);
@@ -397,10 +387,122 @@ MatchingResult weightedMatching(const SparseView<T>& A, std::span<int> match, st
     return {0, count};
 }
 
+} // namespace
+
+template <class T>
+MatchingResult weightedMatching(const SparseView<T>& A, std::span<int> match, std::span<T> u,
+                                std::span<T> v, MemoryCounter* counter) {
+    std::fill(match.begin(), match.end(), -1);
+    std::fill(u.begin(), u.end(), T(0));
+    CsrMatrix<T> cost;
+    try {
+        cost = buildCostGraph(A, v, counter); // v holds log max_j until the end
+    } catch (const AllocationFailure&) {
+        std::fill(v.begin(), v.end(), T(0));
+        return {-2, 0};
+    }
+    return matchOnCosts(cost, match, u, v, counter);
+}
+
+template <class T>
+MatchingResult symmetricWeightedMatching(const SparseView<T>& stored, SparseView<T>& full,
+                                         std::span<int> match, std::span<T> u, std::span<T> v,
+                                         MemoryCounter* counter) {
+    const int n = stored.rows;
+    std::fill(match.begin(), match.end(), -1);
+    std::fill(u.begin(), u.end(), T(0));
+    // Row counts of the full matrix and the largest magnitude of each
+    // column (v, until the end), which a mirrored entry gives to its row's
+    // column as well.
+    IntBlock ia(checkedAdd(n, 1), kIntegerWork, counter);
+    std::fill(v.begin(), v.end(), T(0));
+    bool clean = true;
+    for (int i = 0; i < n; ++i)
+        for (std::int64_t k = stored.begin(i); k < stored.end(i); ++k) {
+            const int j = stored.col(k);
+            ++ia[i + 1];
+            if (j != i) ++ia[j + 1];
+            if (!usable(stored.a[k])) {
+                clean = false;
+                continue;
+            }
+            const T m = std::abs(stored.a[k]);
+            v[j] = std::max(v[j], m);
+            v[i] = std::max(v[i], m);
+        }
+    if (!clean) {
+        // Entries that take no part leave holes in the cost graph: the
+        // general path drops them from a copy.
+        ia.reset();
+        full = expandSymmetric(stored, counter, kIntegerWork);
+        return weightedMatching<T>(full, match, u, v, counter);
+    }
+    for (int i = 0; i < n; ++i)
+        ia[i + 1] += ia[i];
+    const int nnz = ia[n];
+    IntBlock ja(nnz, kIntegerWork, counter, kNoFill);
+    Block<T> costs;
+    try {
+        costs = Block<T>(nnz, kCostWork, counter, kNoFill);
+    } catch (const AllocationFailure&) {
+        std::fill(v.begin(), v.end(), T(0));
+        return {-2, 0};
+    }
+    {
+        // Each row receives its mirrored entries (from the rows above it)
+        // before its own, so sorted rows stay sorted; one logarithm serves
+        // an entry and its mirror.
+        IntBlock next(n, kIntegerWork, counter, kNoFill);
+        std::copy_n(ia.data(), n, next.data());
+        int* pj = ja.data();
+        T* pc = costs.data();
+        for (int i = 0; i < n; ++i)
+            for (std::int64_t k = stored.begin(i); k < stored.end(i); ++k) {
+                const int j = stored.col(k);
+                const T lg = std::log(std::abs(stored.a[k]));
+                if (j != i) {
+                    pj[next[j]] = i;
+                    pc[next[j]++] = lg;
+                }
+                pj[next[i]] = j;
+                pc[next[i]++] = lg;
+            }
+    }
+    for (T& x : v)
+        x = x > T(0) ? std::log(x) : T(0);
+    for (int k = 0; k < nnz; ++k)
+        costs[k] = std::max(T(0), v[ja[k]] - costs[k]);
+
+    CsrMatrix<T> cost;
+    cost.n = n;
+    cost.nnz = nnz;
+    cost.ia = std::move(ia);
+    cost.ja = std::move(ja);
+    cost.m = std::move(costs);
+    const MatchingResult r = matchOnCosts(cost, match, u, v, counter);
+    full = SparseView<T>{};
+    full.rows = full.columns = n;
+    full.nnz = nnz;
+    full.base = 0;
+    full.ownIa = std::move(cost.ia);
+    full.ownJa = std::move(cost.ja);
+    full.ia = full.ownIa.data();
+    full.ja = full.ownJa.data();
+    return r;
+}
+
 template MatchingResult weightedMatching<float>(const SparseView<float>&, std::span<int>,
                                                 std::span<float>, std::span<float>, MemoryCounter*);
 template MatchingResult weightedMatching<double>(const SparseView<double>&, std::span<int>,
                                                  std::span<double>, std::span<double>,
                                                  MemoryCounter*);
+template MatchingResult symmetricWeightedMatching<float>(const SparseView<float>&,
+                                                         SparseView<float>&, std::span<int>,
+                                                         std::span<float>, std::span<float>,
+                                                         MemoryCounter*);
+template MatchingResult symmetricWeightedMatching<double>(const SparseView<double>&,
+                                                          SparseView<double>&, std::span<int>,
+                                                          std::span<double>, std::span<double>,
+                                                          MemoryCounter*);
 
 } // namespace skyrinse::spds

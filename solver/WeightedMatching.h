@@ -40,11 +40,30 @@ template <class T>
 MatchingResult weightedMatching(const SparseView<T>& A, std::span<int> match, std::span<T> u,
                                 std::span<T> v, MemoryCounter* counter = nullptr);
 
+// The same matching for a symmetric matrix given by one triangle, as
+// weightedMatching of its full matrix would find it, with one logarithm per
+// stored entry instead of two. `full` receives the full pattern, zero-based
+// (what expandSymmetric gives; its values only when an entry of the
+// triangle is zero or not finite). The pattern's blocks fail with
+// AllocationFailure -401.
+template <class T>
+MatchingResult symmetricWeightedMatching(const SparseView<T>& stored, SparseView<T>& full,
+                                         std::span<int> match, std::span<T> u, std::span<T> v,
+                                         MemoryCounter* counter = nullptr);
+
 extern template MatchingResult weightedMatching<float>(const SparseView<float>&, std::span<int>,
                                                        std::span<float>, std::span<float>,
                                                        MemoryCounter*);
 extern template MatchingResult weightedMatching<double>(const SparseView<double>&, std::span<int>,
                                                         std::span<double>, std::span<double>,
                                                         MemoryCounter*);
+extern template MatchingResult symmetricWeightedMatching<float>(const SparseView<float>&,
+                                                                SparseView<float>&, std::span<int>,
+                                                                std::span<float>, std::span<float>,
+                                                                MemoryCounter*);
+extern template MatchingResult symmetricWeightedMatching<double>(const SparseView<double>&,
+                                                                 SparseView<double>&,
+                                                                 std::span<int>, std::span<double>,
+                                                                 std::span<double>, MemoryCounter*);
 
 } // namespace skyrinse::spds

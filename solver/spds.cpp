@@ -180,6 +180,7 @@ extern "C" int spds_get_analysis_info(void* const pt[64], spds_analysis_info* in
     info->nnz_l = s.lnzSize;
     info->nnz_u = h->symmetricStorage ? 0 : s.unzSize;
     info->nnz_l_columns = s.colcountSum;
+    info->relaxed_zeros = s.relaxedZeros;
     info->lindx_size = s.lindxSize;
     info->tmpsiz = s.tmpsiz;
     info->memory_peak_kb = static_cast<int>(std::min<long long>(h->analysisPeakKb, 2147483647));

@@ -52,6 +52,7 @@ typedef struct spds_analysis_info {
     long long nnz_l;         /* entries of L, diagonal blocks included */
     long long nnz_u;         /* entries of U outside the diagonal blocks (0: symmetric) */
     long long nnz_l_columns; /* entries of L counted column by column, diagonal included */
+    long long relaxed_zeros; /* explicit zeros stored because supernodes were merged */
     long long lindx_size;    /* row indices stored for the whole factor */
     int tmpsiz;              /* update buffer size, in elements */
     int memory_peak_kb;      /* iparm[14] */

@@ -10,11 +10,12 @@
 //   decode+encode  IFL decodes the file and encodes it again (quality 95);
 //   skyrinse       the command itself: plug-in loaded, file in, file out.
 // Wall time, CPU time and peak resident memory of each, and the ratios.
-// Then the stages of one run in this process (decode, working copy from
-// converted rows, estimate, refinement with its sparse solve, the bands that
-// convert, remove the haze and convert back, encoding with metadata), and the
-// full-size passes on an RGBA float picture against the memory bandwidth
-// measured in the same run.
+// Then the stages of one run in a process of their own (decode, working copy
+// from converted rows, estimate, refinement with its sparse solve, the bands
+// that convert, remove the haze and convert back, encoding with metadata),
+// with the resident memory and its peak after each, and the full-size passes
+// on an RGBA float picture against the memory bandwidth measured in the same
+// run.
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze.h"
@@ -160,44 +161,95 @@ QString makePhotograph(const QString& folder, double megapixels) {
     return path;
 }
 
+// Resident and peak resident memory of this process, in MiB.
+struct Resident {
+    double now = 0.0;
+    double peak = 0.0;
+};
+
+Resident residentMemory() {
+    Resident r;
+    std::FILE* status = std::fopen("/proc/self/status", "r");
+    if (!status) return r;
+    char line[256];
+    while (std::fgets(line, sizeof line, status)) {
+        long kib = 0;
+        if (std::sscanf(line, "VmRSS: %ld kB", &kib) == 1) r.now = kib / 1024.0;
+        if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1) r.peak = kib / 1024.0;
+    }
+    std::fclose(status);
+    return r;
+}
+
 struct Stage {
     const char* name;
     double wall;
     double cpu;
+    Resident memory; // after the stage
 };
 
-// One run of the plug-in's road through the stages, timed stage by stage:
+// One run of the plug-in's road through the stages, timed stage by stage,
+// in a process of its own so that its memory figures are the run's own:
 // decode, the whole haze removal into 8 bits (runHazeRemovalInto), encode.
 // Its first three stages are also timed on their own beforehand ("of
-// which"); the bands that follow them are the full-size pass measured apart.
-std::vector<Stage> stagesOf(const QString& path, const QString& out) {
+// which"), their results dropped before the whole run; the bands that
+// follow them are the full-size pass measured apart.
+int printStages(const char* in, const char* out, int threads) {
+    const QString path = QString::fromLocal8Bit(in);
     std::vector<Stage> stages;
     auto time = [&](const char* name, auto&& body) {
         const double cpu = processCpuSeconds();
         const auto start = Clock::now();
         body();
-        stages.push_back({name, seconds(start), processCpuSeconds() - cpu});
+        stages.push_back({name, seconds(start), processCpuSeconds() - cpu, residentMemory()});
     };
-    ZImage source, working, output;
+    threadCount = threads;
+    ZImage source, output;
     HazeSettings settings;
     settings.strength = 60;
-    std::unique_ptr<float[]> map;
     time("decode", [&] { source.Load(path); });
-    const HazeWorkingSize size = hazeWorkingSize(source.Width(), source.Height());
-    time(" of which: working copy",
-         [&] { source.ResizeAsFloatTo(working, size.width, size.height); });
-    time(" of which: estimate", [&] { map = working.estimateDarkChannel(settings.airlight); });
-    time(" of which: refine (solve)", [&] {
-        const Quiet quiet;
-        working.refineDarkChannel(
-            std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
-    });
+    {
+        const HazeWorkingSize size = hazeWorkingSize(source.Width(), source.Height());
+        ZImage working;
+        std::unique_ptr<float[]> map;
+        time(" of which: working copy",
+             [&] { source.ResizeAsFloatTo(working, size.width, size.height); });
+        time(" of which: estimate", [&] { map = working.estimateDarkChannel(settings.airlight); });
+        time(" of which: refine (solve)", [&] {
+            const Quiet quiet;
+            working.refineDarkChannel(
+                std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
+        });
+    }
     time("haze removal, all", [&] {
         const Quiet quiet;
         runHazeRemovalInto(source, settings, output, ZImage::RGB, 8);
     });
-    time("encode+meta", [&] { output.Save(out, QStringLiteral("jpg"), -1, path); });
-    return stages;
+    // What encode+meta spends on reading the source's header and metadata
+    // again, on its own.
+    time(" of which: metadata read", [&] {
+        IflLoadParams load;
+        iflGetDefaultLoadParams(load);
+        load.flags |= IFL_LOAD_METADATA | IFL_LOAD_HEADER_ONLY;
+        IflBitmap* loaded = nullptr;
+        IflFileInformation information;
+        iflLoadBitmap(in, &loaded, load, &information);
+        const IflBitmapPtr owned(loaded);
+        iflFreeFileInformation(&information);
+    });
+    time("encode+meta",
+         [&] { output.Save(QString::fromLocal8Bit(out), QStringLiteral("jpg"), -1, path); });
+
+    double total = 0.0;
+    for (const Stage& s : stages)
+        if (s.name[0] != ' ') total += s.wall;
+    std::printf("  stages in a process of their own (%.2f s), resident memory after each:\n",
+                total);
+    for (const Stage& s : stages)
+        std::printf("    %-25s %7.1f ms (cpu %7.1f)  %5.1f %%  %4.0f MiB, peak %4.0f\n", s.name,
+                    s.wall * 1e3, s.cpu * 1e3, 100.0 * s.wall / total, s.memory.now, s.memory.peak);
+    std::fflush(stdout);
+    return 0;
 }
 
 // The full-size passes alone, on the decoded photograph as RGBA float.
@@ -260,6 +312,8 @@ std::vector<double> parseSizes(const char* text) {
 int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "--decode-encode") == 0)
         return decodeEncode(argv[2], argv[3]);
+    if (argc == 5 && std::strcmp(argv[1], "--stages") == 0)
+        return printStages(argv[2], argv[3], std::max(1, std::atoi(argv[4])));
 
     std::vector<double> sizes{1, 12, 24, 48};
     int runs = 3;
@@ -298,7 +352,18 @@ int main(int argc, char** argv) {
         const std::string in = photo.toStdString();
         const std::string plain = (folder + QStringLiteral("/plain.jpg")).toStdString();
         const std::string out = in.substr(0, in.size() - 4) + "_dehazed.jpg";
-        std::printf("%.0f MP: %s\n", mp, qPrintable(QFileInfo(photo).fileName()));
+        {
+            IflLoadParams load;
+            iflGetDefaultLoadParams(load);
+            load.flags |= IFL_LOAD_HEADER_ONLY;
+            IflBitmap* header = nullptr;
+            IflFileInformation information;
+            iflLoadBitmap(in.c_str(), &header, load, &information);
+            const IflBitmapPtr owned(header);
+            std::printf("%.0f MP: %s, %d x %d, the bundled photograph (3088 x 2056) resampled\n",
+                        mp, qPrintable(QFileInfo(photo).fileName()), header ? header->width : 0,
+                        header ? header->height : 0);
+        }
 
         const Run base = bestOf(runs, {benchPath, "--decode-encode", in, plain});
         const Run sky = bestOf(
@@ -317,16 +382,18 @@ int main(int argc, char** argv) {
                         "rawtherapee's; %.2fx darktable's memory, %.2fx rawtherapee's\n",
                         sky.wall / 3.93, sky.wall / 5.36, sky.peakMiB / 1381, sky.peakMiB / 660);
 
-        threadCount = threads;
-        const std::vector<Stage> stages = stagesOf(photo, folder + QStringLiteral("/stages.jpg"));
-        threadCount = 1;
-        double total = 0.0;
-        for (const Stage& s : stages)
-            if (s.name[0] != ' ') total += s.wall;
-        std::printf("  stages in this process (%.2f s):\n", total);
-        for (const Stage& s : stages)
-            std::printf("    %-25s %7.1f ms (cpu %7.1f)  %4.1f %%\n", s.name, s.wall * 1e3,
-                        s.cpu * 1e3, 100.0 * s.wall / total);
+        std::fflush(stdout);
+        const std::string stagesOut = (folder + QStringLiteral("/stages.jpg")).toStdString();
+        const std::string threadText = std::to_string(threads);
+        if (const pid_t pid = ::fork(); pid == 0) {
+            ::execl(benchPath.c_str(), benchPath.c_str(), "--stages", in.c_str(), stagesOut.c_str(),
+                    threadText.c_str(), nullptr);
+            ::_exit(127);
+        } else if (pid > 0) {
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+        }
+        std::remove(stagesOut.c_str());
         std::printf("  full-size passes, %d threads:\n", threads);
         fullSizePasses(photo, threads, triad);
         std::printf("\n");

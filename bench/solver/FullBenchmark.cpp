@@ -8,6 +8,7 @@
 // the peers solve once.
 #include "FullBenchmark.h"
 
+#include "Handle.h"
 #include "MatrixMarket.h"
 #include "Peers.h"
 
@@ -105,14 +106,6 @@ Problem laplacian3d(int k) {
     return fromUpperRows("3D Laplacian " + std::to_string(k) + "^3", n, true, rows);
 }
 
-} // namespace bench
-
-namespace {
-
-using bench::laplacian2d;
-using bench::laplacian3d;
-using bench::photoProblem;
-
 // [K B^T; B 0]: K a 2D Laplacian, B one difference of neighbours per
 // constraint, the constraints on distinct pairs so that the system is regular.
 Problem saddlePoint(int w, int h, int constraints) {
@@ -139,12 +132,25 @@ Problem saddlePoint(int w, int h, int constraints) {
     return fromUpperRows("saddle point " + std::to_string(n), n, false, rows);
 }
 
+} // namespace bench
+
+namespace {
+
+using bench::laplacian2d;
+using bench::laplacian3d;
+using bench::photoProblem;
+using bench::saddlePoint;
+
 // What the checked solve reports besides the times.
 struct SolveFigures {
     int perturbed = -1;
     int steps = 0;
     double backwardError = -1;
 };
+
+// --fundamental: SPDS keeps the fundamental supernodes (no merging), for the
+// comparison.
+bool g_fundamental = false;
 
 template <class T>
 Timing runSpds(const Problem& p, const std::vector<double>& b, int repetitions,
@@ -159,6 +165,15 @@ Timing runSpds(const Problem& p, const std::vector<double>& b, int repetitions,
         std::vector<T> rhs(b.begin(), b.end()), x(b.size());
         double times[3] = {};
         const int phases[3] = {11, 22, 33};
+        if (g_fundamental) {
+            // The switch lives on the handle, which the first call makes.
+            int phase = 11;
+            spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), p.ia.data(), p.ja.data(),
+                 nullptr, &nrhs, iparm, &msglvl, rhs.data(), x.data(), &error);
+            if (skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt))
+                h->relaxedSupernodes = false;
+            iparm[17] = -1;
+        }
         for (int k = 0; k < 3 && error == 0; ++k) {
             int phase = phases[k];
             const double t0 = nrt_seconds();
@@ -254,6 +269,8 @@ int fullBenchmark(int argc, char** argv) {
             reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--quick"))
             quick = true;
+        else if (!std::strcmp(argv[i], "--fundamental"))
+            g_fundamental = true;
         else if (!std::strcmp(argv[i], "--write-photo-mtx") && i + 2 < argc)
             return writePhotoSystem(argv[i + 1], argv[i + 2]);
     }

@@ -19,12 +19,18 @@ int parallelBenchmark(int argc, char** argv);
 // bench_solver --complex [--threads N] [--reps R]: complex Helmholtz-like
 // systems against MUMPS's complex solver.
 int complexBenchmark(int argc, char** argv);
+// The numeric factorization alone, wall and processor time (KernelBenchmark.cpp).
+int kernelBenchmark(int argc, char** argv);
+// The kernel benchmark on two threads against each OpenBLAS build installed.
+int blasBuildsBenchmark(int argc, char** argv);
 
 namespace bench {
 // The matting system the photo tool solves for a photograph.
 Problem photoProblem(const std::string& path);
 Problem laplacian2d(int w, int h);
 Problem laplacian3d(int k);
+// [K B^T; B 0] with a 2D Laplacian K on w x h and `constraints` rows of B.
+Problem saddlePoint(int w, int h, int constraints);
 // A path inside the source tree.
 std::string sourceFile(const char* relative);
 } // namespace bench

@@ -7,7 +7,8 @@
 // and the speed-up it predicts for 4, 8, 16 and 64 threads. The default
 // schedule gives each thread disjoint subtrees and shares the top of the
 // tree through a cursor; the update-queue scheme (pnlsch by a cursor, every
-// update waited for) runs on two threads for comparison.
+// update waited for) runs on two threads for comparison, and so does an
+// analysis that keeps the fundamental supernodes (no merging).
 #include "FullBenchmark.h"
 
 #include "Handle.h"
@@ -66,6 +67,10 @@ struct Run {
     double mflop = 0;
     bool identical = false;
     int error = 0;
+    // The same with the fundamental supernodes (no merging), 1 and 2 threads.
+    double fundamental[3] = {1e30, 1e30, 1e30};
+    double nnzRelaxed = 0, nnzFundamental = 0;
+    int supernodesRelaxed = 0, supernodesFundamental = 0;
 };
 
 // The photo tool's parameters (mtype -2, matching and scaling, Bunch-Kaufman,
@@ -90,6 +95,9 @@ Run measure(const Problem& p, int reps, std::vector<double>* model) {
     useThreads(2);
     call(11);
     run.mflop = iparm[18];
+    run.nnzRelaxed = iparm[17];
+    if (const skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt))
+        run.supernodesRelaxed = h->symbolic.nsuper;
     std::vector<std::byte> first;
     for (int t = 1; t <= 2 && run.error == 0; ++t) {
         useThreads(t);
@@ -113,6 +121,23 @@ Run measure(const Problem& p, int reps, std::vector<double>* model) {
         h->queueSchedule = false;
         const std::byte* v = h->factors[0].values.data();
         run.queuedIdentical = std::memcmp(first.data(), v, first.size()) == 0;
+    }
+    if (run.error == 0) {
+        skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt);
+        h->relaxedSupernodes = false;
+        useThreads(2);
+        iparm[17] = -1;
+        call(11);
+        run.nnzFundamental = iparm[17];
+        run.supernodesFundamental = h->symbolic.nsuper;
+        for (int t = 1; t <= 2 && run.error == 0; ++t) {
+            useThreads(t);
+            for (int r = 0; r < reps && run.error == 0; ++r)
+                run.fundamental[t] = std::min(run.fundamental[t], call(22));
+        }
+        h->relaxedSupernodes = true;
+        useThreads(2);
+        call(11);
     }
     if (model && run.error == 0) {
         const skyrinse::spds::Handle* h = skyrinse::spds::handleOf(pt);
@@ -144,6 +169,11 @@ void printRun(const char* precision, const Run& r, double gemm2) {
                 std::is_same_v<T, float> ? "sgemm" : "dgemm", r.identical ? "identical" : "differ");
     std::printf("          queue scheme on 2 threads: factor %7.3f  x%.2f   bits %s\n", r.queued,
                 r.factor[1] / r.queued, r.queuedIdentical ? "identical" : "differ");
+    std::printf("          fundamental supernodes: factor %7.3f %7.3f (merged x%.2f x%.2f); "
+                "nnz(L) %.2fM -> %.2fM merged, supernodes %d -> %d\n",
+                r.fundamental[1], r.fundamental[2], r.fundamental[1] / r.factor[1],
+                r.fundamental[2] / r.factor[2], r.nnzFundamental / 1e6, r.nnzRelaxed / 1e6,
+                r.supernodesFundamental, r.supernodesRelaxed);
 }
 
 } // namespace

@@ -1,18 +1,28 @@
 // Speed of SPDS against its peers, in one run with one thread count.
 //
-//   bench_solver [--threads N] [--reps R] [--quick]
+//   bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
 //        full benchmark: matting Laplacians of three photographs at the
 //        working size, a 2D and a 3D Laplacian and a saddle-point system;
 //        analysis, factorization and solve of SPDS (single and double, the
 //        parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
 //        simplicial LDL^T; best of R repetitions (default 3), each peer's
-//        time as a ratio to SPDS single, and the residuals.
+//        time as a ratio to SPDS single, and the residuals; --fundamental:
+//        SPDS without merging supernodes
 //   bench_solver --write-photo-mtx PHOTO FILE
 //        writes the matting Laplacian of a photograph for spds-solve
 //   bench_solver --analysis [WIDTH HEIGHT]
 //        analysis only (phase 11) on a matting-shaped pattern, against
 //        CHOLMOD's analysis of the same pattern
 //   bench_solver --write-mtx FILE [W H]  writes that pattern's system
+//   bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
+//                [--threads N] [--analysis-only]
+//        the photo tool's call on the three photographs (one thread unless
+//        --threads), for
+//        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
+//        analysis, factorization and solve times, nnz(L) and the factor's
+//        operations, against CHOLMOD's analysis with METIS and AMD.
+//        --photo K runs photograph K (0..2) only; --analysis-only stops
+//        after phase 11 (for instruction counts under callgrind)
 //   bench_solver --parallel [--reps R] [--quick]
 //        thread scaling: factorization and solve on 1 and 2 threads of one
 //        analysis (single and double), the factor's rate against the
@@ -21,6 +31,11 @@
 //   bench_solver --complex [--threads N] [--reps R]
 //        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
 //        against MUMPS's complex solver, complex double for both
+//   bench_solver --kernels [--threads N] [--reps R] [--quick]
+//        the numeric factorization alone on 1 and N threads, wall and
+//        processor time (KernelBenchmark.cpp)
+//   bench_solver --blas-builds [--reps R] [--quick]
+//        that on 2 threads with each OpenBLAS build installed
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -29,10 +44,13 @@
 
 #include <cholmod.h>
 
+extern "C" void openblas_set_num_threads(int);
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 namespace {
@@ -130,6 +148,123 @@ Result cholmodAnalysis(const skyrinse::mm::Csr& upperRows, int method) {
     return r;
 }
 
+// Processor time of the process: on a loaded machine it tells the work of a
+// one-thread phase better than the wall clock does.
+double processSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+// One photograph, one ordering: each phase's best time over the rounds.
+struct PhotoRun {
+    double analysis = 1e30, analysisCpu = 1e30, factor = 1e30, solve = 1e30;
+    double nnzL = 0, mflop = 0;
+    int error = 0;
+};
+
+PhotoRun spdsPhotoRun(const bench::Problem& p, int ordering, int reps, bool analysisOnly) {
+    PhotoRun r;
+    const std::vector<float> a(p.a.begin(), p.a.end());
+    std::vector<float> b(static_cast<std::size_t>(p.n), 1.0f), x(b.size());
+    for (int round = 0; round < reps; ++round) {
+        void* pt[64] = {};
+        int iparm[64] = {};
+        photoToolParameters(iparm, true);
+        iparm[1] = ordering;
+        iparm[18] = -1;
+        int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
+        const int phases[3] = {11, 22, 33};
+        double* times[3] = {&r.analysis, &r.factor, &r.solve};
+        for (int k = 0; k < (analysisOnly ? 1 : 3) && error == 0; ++k) {
+            int phase = phases[k];
+            const double t0 = nrt_seconds();
+            const double c0 = processSeconds();
+            spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), p.ia.data(), p.ja.data(),
+                 nullptr, &nrhs, iparm, &msglvl, b.data(), x.data(), &error);
+            *times[k] = std::min(*times[k], nrt_seconds() - t0);
+            if (k == 0) {
+                r.analysisCpu = std::min(r.analysisCpu, processSeconds() - c0);
+                r.nnzL = iparm[17];
+                r.mflop = iparm[18];
+            }
+        }
+        r.error = error;
+        int phase = -1;
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
+             iparm, &msglvl, nullptr, nullptr, &error);
+        if (r.error != 0) break;
+    }
+    return r;
+}
+
+// The upper triangle of a photograph's system as CHOLMOD's pattern input.
+skyrinse::mm::Csr upperPattern(const bench::Problem& p) {
+    skyrinse::mm::Csr c;
+    c.n = p.n;
+    c.ia = p.ia;
+    c.ja = p.ja;
+    return c;
+}
+
+int photoAnalysis(int argc, char** argv) {
+    int reps = 3, only = -1, threads = 1;
+    bool analysisOnly = false;
+    std::vector<int> orderings = {3, 0};
+    for (int i = 2; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) {
+            reps = std::max(1, std::atoi(argv[++i]));
+        } else if (!std::strcmp(argv[i], "--photo") && i + 1 < argc) {
+            only = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc) {
+            threads = std::max(1, std::atoi(argv[++i]));
+        } else if (!std::strcmp(argv[i], "--analysis-only")) {
+            analysisOnly = true;
+        } else if (!std::strcmp(argv[i], "--orderings") && i + 1 < argc) {
+            orderings.clear();
+            for (const char* s = argv[++i]; *s; ++s)
+                if (*s >= '0' && *s <= '3') orderings.push_back(*s - '0');
+        }
+    }
+    nrt_set_num_threads(threads);
+    openblas_set_num_threads(threads);
+    const char* photos[] = {"data/aitzgorri_by_Aitzol_Berasategi.jpg",
+                            "tests/data/metadata/large_outdoor_iptc_xmp_badexif.jpg",
+                            "data/meadows-foggy-smokey-sunbeams.jpg"};
+    std::printf("The photo tool's call (single, mtype -2, matching and symmetric scaling), %d "
+                "thread(s), best of %d; seconds\n",
+                threads, reps);
+    std::printf("  %-17s %8s %8s %8s %8s %8s %10s %10s\n", "", "analysis", "(cpu)", "factor",
+                "solve", "total", "nnz(L)", "Mflop");
+    for (int k = 0; k < 3; ++k) {
+        if (only >= 0 && k != only) continue;
+        const bench::Problem p = bench::photoProblem(bench::sourceFile(photos[k]));
+        std::printf("%s: n %d, nnz(upper) %zu\n", p.name.c_str(), p.n, p.ja.size());
+        for (int ordering : orderings) {
+            const PhotoRun r = spdsPhotoRun(p, ordering, reps, analysisOnly);
+            if (r.error != 0) {
+                std::printf("  SPDS iparm[1] = %d: error %d\n", ordering, r.error);
+                continue;
+            }
+            std::printf("  SPDS iparm[1] = %d %8.3f %8.3f", ordering, r.analysis, r.analysisCpu);
+            if (!analysisOnly)
+                std::printf(" %8.3f %8.3f %8.3f", r.factor, r.solve,
+                            r.analysis + r.factor + r.solve);
+            else
+                std::printf(" %8s %8s %8s", "-", "-", "-");
+            std::printf(" %9.2fM %10.0f\n", r.nnzL / 1e6, r.mflop);
+        }
+        if (analysisOnly) continue;
+        const skyrinse::mm::Csr upper = upperPattern(p);
+        const Result cm = cholmodAnalysis(upper, CHOLMOD_METIS);
+        const Result ca = cholmodAnalysis(upper, CHOLMOD_AMD);
+        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD METIS", cm.seconds, cm.nnzL / 1e6);
+        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD AMD", ca.seconds, ca.nnzL / 1e6);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 } // namespace
 
 int analysisTable(int argc, char** argv) {
@@ -181,8 +316,11 @@ int analysisTable(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--analysis-photos")) return photoAnalysis(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--parallel")) return parallelBenchmark(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--complex")) return complexBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--kernels")) return kernelBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--blas-builds")) return blasBuildsBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

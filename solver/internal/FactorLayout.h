@@ -12,7 +12,13 @@
 //              the row swapped with in both of its entries
 //   colPivot   n integers: column interchanges of the LU kernels
 // The factorization writes all four; the solve only reads them.
+//
+// FactorMap says where each entry of the caller's matrix lands in lnz or
+// unz. It depends on the pattern only, so the analysis builds it once and
+// every factorization of the same pattern scatters through it.
 #pragma once
+
+#include "Memory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -47,6 +53,28 @@ struct FactorLayout {
         return {reinterpret_cast<T*>(base + lnzOffset), reinterpret_cast<T*>(base + unzOffset),
                 reinterpret_cast<int*>(base + rowPivotOffset),
                 reinterpret_cast<int*>(base + colPivotOffset)};
+    }
+};
+
+struct FactorMap {
+    // Entries xentry[c-1] .. xentry[c]-1 go to factor column c (one-based),
+    // in the order of the caller's arrays, so repeated entries add up in the
+    // same order at every factorization.
+    IntBlock xentry;
+    IntBlock source; // index of the entry in a, zero-based
+    // One-based position in lnz; negative: in unz for LU, or, for the
+    // symmetric types, the entry stands for its mirror image (conjugated in
+    // a Hermitian matrix) at that position of lnz.
+    IntBlock target;
+    // Of the pattern the map was built for (FactorMap.h).
+    std::uint64_t fingerprint = 0;
+
+    bool built() const { return !xentry.empty(); }
+    void reset() {
+        xentry.reset();
+        source.reset();
+        target.reset();
+        fingerprint = 0;
     }
 };
 

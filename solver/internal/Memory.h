@@ -71,28 +71,23 @@ inline std::int64_t checkedAdd(std::int64_t a, std::int64_t b) {
 void* allocateAligned(std::size_t bytes);
 void releaseAligned(void* p);
 
+// Asks a Block of plain values to leave them unset: for arrays that are
+// written in full before anything reads them, where the zero fill would be
+// a pass over the memory for nothing.
+struct NoFill {};
+inline constexpr NoFill kNoFill{};
+
 // An owned array of count elements of T on the aligned heap.
 template <class T>
 class Block {
 public:
     Block() = default;
     // Zero-initialised (value-initialised for class types).
-    Block(std::int64_t count, int failureCode, MemoryCounter* counter) : m_counter(counter) {
-        if (count < 0 ||
-            count >
-                std::numeric_limits<std::int64_t>::max() / static_cast<std::int64_t>(sizeof(T)) - 1)
-            throw AllocationFailure{failureCode, std::numeric_limits<std::int64_t>::max()};
-        const std::int64_t bytes = std::max<std::int64_t>(1, count) * sizeof(T);
-        void* p = allocateAligned(static_cast<std::size_t>(bytes));
-        if (!p) throw AllocationFailure{failureCode, bytes};
-        m_data = static_cast<T*>(p);
-        m_count = count;
-        m_bytes = bytes;
-        if constexpr (std::is_trivially_default_constructible_v<T>)
-            std::memset(p, 0, static_cast<std::size_t>(bytes));
-        else
-            std::uninitialized_value_construct_n(m_data, count);
-        if (m_counter) m_counter->add(m_bytes);
+    Block(std::int64_t count, int failureCode, MemoryCounter* counter)
+        : Block(count, failureCode, counter, true) {}
+    Block(std::int64_t count, int failureCode, MemoryCounter* counter, NoFill)
+        : Block(count, failureCode, counter, false) {
+        static_assert(std::is_trivially_default_constructible_v<T>);
     }
     Block(const Block&) = delete;
     Block& operator=(const Block&) = delete;
@@ -134,6 +129,27 @@ public:
     const T* end() const { return m_data + m_count; }
 
 private:
+    Block(std::int64_t count, int failureCode, MemoryCounter* counter, bool fill)
+        : m_counter(counter) {
+        if (count < 0 ||
+            count >
+                std::numeric_limits<std::int64_t>::max() / static_cast<std::int64_t>(sizeof(T)) - 1)
+            throw AllocationFailure{failureCode, std::numeric_limits<std::int64_t>::max()};
+        const std::int64_t bytes = std::max<std::int64_t>(1, count) * sizeof(T);
+        void* p = allocateAligned(static_cast<std::size_t>(bytes));
+        if (!p) throw AllocationFailure{failureCode, bytes};
+        m_data = static_cast<T*>(p);
+        m_count = count;
+        m_bytes = bytes;
+        if constexpr (std::is_trivially_default_constructible_v<T>) {
+            if (fill) std::memset(p, 0, static_cast<std::size_t>(bytes));
+        } else {
+            (void)fill;
+            std::uninitialized_value_construct_n(m_data, count);
+        }
+        if (m_counter) m_counter->add(m_bytes);
+    }
+
     T* m_data = nullptr;
     std::int64_t m_count = 0;
     std::int64_t m_bytes = 0;

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -18,62 +19,37 @@ using hazetest::Rgba;
 
 namespace {
 
-TEST(ApplyHazeRemoval, TransmissionHasAFloorOfOneTenth) {
-    ZImage image = hazetest::makeImage(1, 1, [](int, int) {
-        return Rgba{0.78f, 0.6f, 0.5f, 1.0f};
-    });
+// One pixel per case: the floor of the transmission, the model above it (a
+// negative map brightens), the clamp below zero but not above one, alpha
+// kept, a transparent pixel untouched.
+TEST(ApplyHazeRemoval, FloorModelClampsAndTransparency) {
+    struct Case {
+        const char* what;
+        std::array<float, 4> in;
+        float map;
+        float strength;
+        float t; // the transmission the model should use
+    };
     const std::array<float, 3> a{0.8f, 0.55f, 0.45f};
-    const float map = 0.95f; // 1 - 0.95 would be 0.05
-    image.applyHazeRemoval(&map, a, 1.0f);
-    const float* p = hazetest::pixel(image, 0, 0);
-    EXPECT_EQ((0.78f - 0.8f) / 0.1f + 0.8f, p[0]);
-    EXPECT_EQ((0.6f - 0.55f) / 0.1f + 0.55f, p[1]);
-    EXPECT_EQ((0.5f - 0.45f) / 0.1f + 0.45f, p[2]);
-}
-
-TEST(ApplyHazeRemoval, FollowsTheHazeModelAboveTheFloor) {
-    ZImage image = hazetest::makeImage(3, 1, [](int x, int) {
-        return Rgba{0.2f + 0.1f * static_cast<float>(x), 0.4f, 0.9f, 0.5f};
-    });
-    const std::array<float, 3> a{0.5f, 0.6f, 0.7f};
-    const std::vector<float> map{0.2f, 0.5f, -0.5f};
-    image.applyHazeRemoval(map.data(), a, 0.6f);
-    for (int x = 0; x < 3; ++x) {
-        const float t = static_cast<float>(1.0 - map[x] * 0.6f);
-        const float* p = hazetest::pixel(image, x, 0);
-        EXPECT_FLOAT_EQ((0.2f + 0.1f * static_cast<float>(x) - 0.5f) / t + 0.5f, p[0]);
-        EXPECT_FLOAT_EQ((0.4f - 0.6f) / t + 0.6f, p[1]);
-        EXPECT_FLOAT_EQ((0.9f - 0.7f) / t + 0.7f, p[2]);
-        EXPECT_EQ(0.5f, p[3]) << "alpha is never changed";
+    const Case cases[] = {
+        {"1 - 0.95 floored to 0.1", {0.78f, 0.6f, 0.5f, 1.0f}, 0.95f, 1.0f, 0.1f},
+        {"above the floor, alpha kept", {0.3f, 0.4f, 0.9f, 0.5f}, 0.5f, 0.6f, 0.7f},
+        {"negative map", {0.3f, 0.4f, 0.9f, 1.0f}, -0.5f, 0.6f, 1.3f},
+        {"below zero, above one", {0.1f, 0.1f, 0.99f, 1.0f}, 0.8f, 1.0f, 0.2f},
+        {"transparent", {0.3f, 0.2f, 0.1f, 0.0f}, 0.5f, 1.0f, 1.0f},
+    };
+    for (const Case& c : cases) {
+        ZImage image = hazetest::makeImage(1, 1, [&](int, int) {
+            return Rgba{c.in[0], c.in[1], c.in[2], c.in[3]};
+        });
+        image.applyHazeRemoval(&c.map, a, c.strength);
+        const float* p = hazetest::pixel(image, 0, 0);
+        for (int k = 0; k < 3; ++k) {
+            const float j = c.in[3] == 0.0f ? c.in[k] : (c.in[k] - a[k]) / c.t + a[k];
+            EXPECT_FLOAT_EQ(std::max(j, 0.0f), p[k]) << c.what << ", channel " << k;
+        }
+        EXPECT_EQ(c.in[3], p[3]) << c.what;
     }
-}
-
-TEST(ApplyHazeRemoval, ClampsBelowZeroButNotAboveOne) {
-    // With t = 0.2 the pixels give -3.1, -0.6 (both to 0) and 1.35.
-    const float values[3] = {0.1f, 0.6f, 0.99f};
-    ZImage image = hazetest::makeImage(3, 1, [&](int x, int) {
-        return Rgba{values[x], values[x], values[x], 1.0f};
-    });
-    const std::array<float, 3> a{0.9f, 0.9f, 0.9f};
-    const std::vector<float> map(3, 0.8f);
-    image.applyHazeRemoval(map.data(), a, 1.0f);
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(0.0f, hazetest::pixel(image, 0, 0)[c]);
-        EXPECT_EQ(0.0f, hazetest::pixel(image, 1, 0)[c]);
-        EXPECT_GT(hazetest::pixel(image, 2, 0)[c], 1.0f);
-    }
-}
-
-TEST(ApplyHazeRemoval, TransparentPixelsStayBitForBit) {
-    ZImage image = hazetest::makeImage(2, 2, [](int x, int y) {
-        return Rgba{0.3f, 0.2f, 0.1f, x == y ? 0.0f : 1.0f};
-    });
-    const std::array<float, 3> a{0.9f, 0.9f, 0.9f};
-    const std::vector<float> map(4, 0.5f);
-    image.applyHazeRemoval(map.data(), a, 1.0f);
-    EXPECT_EQ(0.3f, hazetest::pixel(image, 0, 0)[0]);
-    EXPECT_EQ(0.1f, hazetest::pixel(image, 1, 1)[2]);
-    EXPECT_NE(0.3f, hazetest::pixel(image, 1, 0)[0]);
 }
 
 TEST(ApplyHazeRemoval, RejectsOtherFormats) {
@@ -202,6 +178,8 @@ TEST(RunHazeRemovalInto, SameBytesAsConvertingRemovingAndConvertingBack) {
         {150, 90, ZImage::Gray, 16, ZImage::RGBA, 32, 100, 1, false}, // enlarged working copy
         {70, 40, ZImage::RGBA, 16, ZImage::RGB, 8, 0, 2, false},      // strength 0: only converted
         {70, 40, ZImage::RGB, 32, ZImage::Gray, 16, 45, 1, true},     // the cached map
+        {90, 50, ZImage::RGBA, 8, ZImage::RGBA, 8, 60, 1, false},     // bytes with alpha
+        {90, 50, ZImage::RGB, 8, ZImage::RGBA, 32, 60, 1, false},     // bytes in, floats out
     };
     unsigned seed = 95;
     for (const Case& c : cases) {

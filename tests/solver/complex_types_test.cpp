@@ -184,6 +184,10 @@ const Case kCases[] = {
     {"complex symmetric, zero block", 6, 60},
     {"unsymmetric, badly scaled", 13, 60},
     {"unsymmetric, diagonal", 13, 60, true},
+    // Filled in to supernodes several panels of the block kernels wide.
+    {"Hermitian indefinite, zero block, wide", -4, 150},
+    {"complex symmetric, zero block, wide", 6, 150},
+    {"unsymmetric, wide", 13, 150},
 };
 
 // Each type, each solve it offers (A, A^H, A^T), against zgesv.

@@ -13,7 +13,10 @@
 using namespace spdstest;
 using skyrinse::spds::AllocationFailure;
 using skyrinse::spds::borrowView;
+using skyrinse::spds::expandSymmetric;
 using skyrinse::spds::MatchingResult;
+using skyrinse::spds::SparseView;
+using skyrinse::spds::symmetricWeightedMatching;
 using skyrinse::spds::weightedMatching;
 
 namespace {
@@ -129,6 +132,34 @@ TYPED_TEST(WeightedMatchingTest, StructurallySingularMatrixReportsMatchedCount) 
             EXPECT_EQ(r.v[i], T(0));
         }
     }
+}
+
+TYPED_TEST(WeightedMatchingTest, StoredTriangleMatchesLikeItsFullMatrix) {
+    // The triangle's own path must find exactly what the full matrix gives,
+    // to the bit, and hand out the same full pattern; stored zeros on the
+    // diagonal take the general path.
+    using T = TypeParam;
+    std::mt19937 rng(31);
+    for (int n : {1, 5, 80, 300})
+        for (bool zeroDiagonal : {false, true}) {
+            SCOPED_TRACE(::testing::Message() << "n=" << n << " zeros=" << zeroDiagonal);
+            const Csr<T> m = randomMatrix<T>(n, 3, rng, true, zeroDiagonal);
+            const auto stored = borrowView(n, m.ia.data(), m.ja.data(), m.a.data());
+            const SparseView<T> expanded = expandSymmetric(stored, nullptr, -401);
+            std::vector<int> match(n), fullMatch(n);
+            std::vector<T> u(n), v(n), fullU(n), fullV(n);
+            SparseView<T> full;
+            const MatchingResult r = symmetricWeightedMatching<T>(stored, full, match, u, v);
+            const MatchingResult e = weightedMatching<T>(expanded, fullMatch, fullU, fullV);
+            EXPECT_EQ(r.status, e.status);
+            EXPECT_EQ(r.matched, e.matched);
+            EXPECT_EQ(match, fullMatch);
+            EXPECT_EQ(u, fullU);
+            EXPECT_EQ(v, fullV);
+            ASSERT_EQ(full.nnz, expanded.nnz);
+            EXPECT_TRUE(std::equal(full.ia, full.ia + n + 1, expanded.ia));
+            EXPECT_TRUE(std::equal(full.ja, full.ja + full.nnz, expanded.ja));
+        }
 }
 
 } // namespace

@@ -24,23 +24,75 @@ void plainPivoting(SpdsRun<T>& run, int exponent, int bunchKaufman) {
     run.iparm[20] = bunchKaufman;
 }
 
-TEST(Inertia, MatchesDenseEigenvalueCount) {
+// Small systems and systems whose fill makes a supernode several panels
+// wide (the panels, their trailing products, a 2 x 2 pair at a panel's
+// edge), factored without the matching so that the blocks' own pivoting
+// decides: the refined answer against the dense solve, the inertia against
+// the dense eigenvalue count when no pivot was perturbed.
+TEST(Pivoting, MatchesDenseSolveAndInertia) {
     std::mt19937 rng(77);
     std::vector<System> systems;
-    for (int k = 0; k < 2; ++k)
-        systems.push_back(fromEntries("random indefinite", -2, 60 + 10 * k,
-                                      symmetricEntries(60 + 10 * k, 0.08, rng, 0.5, true)));
+    for (int n : {60, 70, 160})
+        systems.push_back(fromEntries("random indefinite " + std::to_string(n), -2, n,
+                                      symmetricEntries(n, n > 100 ? 0.4 : 0.08, rng, 0.5, true)));
     systems.push_back(fromEntries("saddle", -2, 100 + 20, saddleEntries(10, 10, 20, rng)));
+    Entries zeroDiagonal = symmetricEntries(150, 0.4, rng, 0.0, false);
+    for (int i = 0; i < 150; ++i)
+        zeroDiagonal[{i, i}] = 0.0;
+    systems.push_back(fromEntries("zero diagonal", -2, 150, zeroDiagonal));
+    systems.push_back(fromEntries("unsymmetric", 11, 150, unsymmetricEntries(150, 0.4, rng)));
     for (const System& s : systems) {
         for (int bk : {1, 0}) {
+            // Without 2 x 2 pivots a zero diagonal leaves nothing to pivot on.
+            if (bk == 0 && (s.mtype == 11 || s.name == "zero diagonal")) continue;
             SCOPED_TRACE(s.name + (bk ? ", Bunch-Kaufman" : ", diagonal pivoting"));
             SpdsRun<double> run(s);
-            run.iparm[20] = bk;
-            ASSERT_EQ(run.call(12), 0);
-            if (run.iparm[13] != 0) continue; // a perturbed pivot may flip a sign
+            plainPivoting(run, 8, bk);
+            const std::vector<double> b = randomVector(static_cast<std::size_t>(s.n), 5);
+            std::vector<double> bb = b, x(b.size());
+            ASSERT_EQ(run.call(13, &bb, &x), 0);
+            EXPECT_LE(backwardError(s, x, b), 1e-13);
+            EXPECT_LE(relativeDifference(x, denseSolve(s, b, 1)), 1e-9);
+            if (s.mtype == 11 || run.iparm[13] != 0) continue; // a perturbed pivot may flip a sign
             const auto [pos, neg] = denseInertia(s);
             EXPECT_EQ(run.iparm[21], pos);
             EXPECT_EQ(run.iparm[22], neg);
+        }
+    }
+}
+
+// A dense matrix of rank r in a block of several panels: after r pivots
+// what remains is rounding noise, and every 1 x 1 pivot of it is perturbed
+// and counted but the last, which has nothing below it to grow.
+TEST(Perturbation, CountsTheNoiseOfARankDeficientBlock) {
+    const int n = 150, r = 50;
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<double> f(static_cast<std::size_t>(n) * r), g(f.size());
+    for (std::size_t k = 0; k < f.size(); ++k) {
+        f[k] = u(rng);
+        g[k] = u(rng);
+    }
+    for (int mtype : {-2, 11}) {
+        SCOPED_TRACE(mtype);
+        const std::vector<double>& right = mtype == -2 ? f : g;
+        Entries e;
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j) {
+                double v = 0;
+                for (int k = 0; k < r; ++k)
+                    v += f[static_cast<std::size_t>(k) * n + i] *
+                         right[static_cast<std::size_t>(k) * n + j] * (k % 2 ? -1.0 : 1.0);
+                e[{i, j}] = v;
+            }
+        const System s = fromEntries("rank 50", mtype, n, e);
+        SpdsRun<double> run(s);
+        plainPivoting(run, 8, 0);
+        ASSERT_EQ(run.call(12), 0);
+        EXPECT_GE(run.iparm[13], n - r - 1);
+        EXPECT_LE(run.iparm[13], n - r);
+        if (mtype == -2) {
+            EXPECT_EQ(run.iparm[21] + run.iparm[22], n);
         }
     }
 }

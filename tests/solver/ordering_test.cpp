@@ -50,10 +50,16 @@ TEST(OrderingGraph, IsTheSymmetrisedPatternWithoutDiagonalOrDuplicates) {
 
 TEST(OrderingGraph, TakenFromAFullPatternOnlyWhenEveryRowAscendsStrictly) {
     // The couplings above as a zero-based full pattern with its diagonal.
+    auto block = [](const std::vector<int>& v) {
+        IntBlock b(static_cast<std::int64_t>(v.size()), -400, nullptr);
+        std::copy(v.begin(), v.end(), b.data());
+        return b;
+    };
     const std::vector<int> ia = {0, 3, 6, 8, 10};
-    const std::vector<int> clean = {0, 1, 2, 0, 1, 3, 0, 2, 1, 3};
+    IntBlock xa = block(ia), clean = block({0, 1, 2, 0, 1, 3, 0, 2, 1, 3});
     OrderingResult out;
-    ASSERT_TRUE(graphFromFullPattern(4, ia.data(), clean.data(), out, nullptr));
+    ASSERT_TRUE(graphFromFullPattern(4, xa, clean, out));
+    EXPECT_TRUE(xa.empty() && clean.empty());
     std::vector<std::vector<int>> rows;
     for (int i = 0; i < 4; ++i)
         rows.emplace_back(out.adjncy.data() + out.xadj[i] - 1,
@@ -62,9 +68,11 @@ TEST(OrderingGraph, TakenFromAFullPatternOnlyWhenEveryRowAscendsStrictly) {
     // A repeated or a descending entry: the graph must be built from the matrix.
     for (const std::vector<int>& bad : {std::vector<int>{0, 1, 1, 0, 1, 3, 0, 2, 1, 3},
                                         std::vector<int>{0, 1, 2, 0, 1, 3, 2, 0, 1, 3}}) {
+        IntBlock badIa = block(ia), badJa = block(bad);
         OrderingResult refused;
-        EXPECT_FALSE(graphFromFullPattern(4, ia.data(), bad.data(), refused, nullptr));
+        EXPECT_FALSE(graphFromFullPattern(4, badIa, badJa, refused));
         EXPECT_TRUE(refused.xadj.empty());
+        EXPECT_TRUE(std::equal(bad.begin(), bad.end(), badJa.data()));
     }
 }
 

@@ -153,6 +153,7 @@ private:
     void resetForAnalysis();
     void analyse();
     void finishAnalysisFigures(bool factorsWanted, bool operationsWanted);
+    bool decideStorage();
     int factorAndSolve(int lastDigit);
     bool iterate(const FactorRow& row);
     // The caller's system as this call hands it to the solve stages.
@@ -430,6 +431,53 @@ void Call<T>::finishAnalysisFigures(bool factorsWanted, bool operationsWanted) {
                    MemoryCounter::kilobytes(maps);
 }
 
+// In core or out of core, from iparm[59] and the configured limit, after the
+// memory estimate of the analysis; fills iparm[60..62] and iparm[55]. False
+// with status -9 when the limit cannot hold even the smallest window.
+template <class T>
+bool Call<T>::decideStorage() {
+    int* iparm = a.iparm;
+    const int requested = iparm[59] == 1 || iparm[59] == 2 ? iparm[59] : 0;
+    if (requested != 0) h->ooc.configure(*a.msglvl);
+    const SymbolicResult& s = h->symbolic;
+    const bool lu = !h->symmetricStorage;
+    const std::int64_t scalar = sizeof(T);
+    OocFigures f;
+    f.analysisKb = h->analysisPermanentKb;
+    f.factorBytes = (s.lnzSize + (lu ? s.unzSize : 0)) * scalar;
+    // The factorization's own arrays besides the values, and the matrix
+    // entries it groups by column.
+    f.workBytes = std::max<std::int64_t>(0, h->numericKb * 1024 - f.factorBytes) +
+                  static_cast<std::int64_t>(h->nnz) * (8 + scalar);
+    f.lindxSize = s.lindxSize;
+    // Sizes, offsets, uses and the window's slot of each supernode.
+    f.tableBytes = static_cast<std::int64_t>(s.nsuper + 1) * 80;
+    for (int sn = 1; sn <= s.nsuper; ++sn) {
+        const int fst = s.xsup[sn - 1];
+        const std::int64_t ws = s.xsup[sn] - fst;
+        const std::int64_t hs = s.xlnz[fst] - s.xlnz[fst - 1];
+        f.largestPanel = std::max(f.largestPanel, (lu ? 2 * hs - ws : hs) * ws * scalar);
+    }
+    const OocPlan plan = planOutOfCore(requested, h->ooc.config.maxCoreMb, f);
+    iparm[60] = plan.inCoreMb;
+    iparm[61] = plan.factorMb;
+    iparm[62] = plan.workMb;
+    if (*a.msglvl > 0 && plan.message != 0) spds_message(0, plan.message, 0);
+    h->ooc.active = plan.active && plan.error == 0;
+    h->ooc.mode = h->ooc.active ? plan.mode : -1;
+    h->ooc.windowBytes = plan.windowBytes;
+    h->ooc.stagingBytes = plan.stagingBytes;
+    h->oocMode = h->ooc.mode;
+    iparm[55] = h->ooc.mode;
+    if (plan.error != 0) {
+        h->ooc.status = plan.error;
+        status = plan.error;
+        iparm[14] = clampToInt(plan.neededKb);
+        return false;
+    }
+    return true;
+}
+
 template <class T>
 int Call<T>::run() {
     int* iparm = a.iparm;
@@ -448,6 +496,7 @@ int Call<T>::run() {
     const int lastDigit = stagePhase >= 10 ? stagePhase % 10 : stagePhase;
 
     h = handleOf(a.pt);
+    if (h) h->ooc.status = 0;
     markTimers();
     bool created = false;
     if (!h) {
@@ -568,6 +617,7 @@ int Call<T>::run() {
         try {
             analyse();
             if (status == 0) finishAnalysisFigures(factorsWanted, operationsWanted);
+            if (status == 0) decideStorage();
         } catch (const AllocationFailure& f) {
             status = kStatusMemory;
             internal = f.code;
@@ -748,7 +798,11 @@ int Call<T>::factorAndSolve(int lastDigit) {
     } catch (const SizeOverflow&) {
         status = kStatusOverflow;
         iparm[29] = -182;
+    } catch (const OocFailure& f) {
+        h->ooc.status = f.error;
+        status = f.error;
     }
+    if (h->ooc.active) iparm[55] = h->ooc.mode;
     return exit();
 }
 
@@ -782,7 +836,8 @@ template <class T>
 int Call<T>::exit() {
     int* iparm = a.iparm;
     if (h) {
-        iparm[14] = clampToInt(h->analysisPeakKb);
+        // After -9, iparm[14] holds the memory the limit would need.
+        if (h->ooc.status != kOocNotEnoughMemory) iparm[14] = clampToInt(h->analysisPeakKb);
         iparm[15] = clampToInt(h->analysisPermanentKb);
         iparm[16] = clampToInt(h->numericKb);
         h->status = status;

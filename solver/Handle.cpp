@@ -56,6 +56,7 @@ bool Handle::releaseFactor(int index) {
     FactorRow& row = factors[index];
     const bool held = !row.values.empty();
     row.values.reset();
+    row.outOfCore.reset();
     row.state = kNotComputed;
     return held;
 }

@@ -11,6 +11,7 @@
 // stage timers keep the slot numbers under which the statistics report them.
 #pragma once
 
+#include "OutOfCoreStore.h"
 #include "internal/FactorLayout.h"
 #include "internal/Memory.h"
 
@@ -27,6 +28,9 @@ struct FactorRow {
     Block<std::byte> values; // numeric values of L and U, written by phase 22
     int state = kNotComputed;
     int scalarWords = 1;
+    // Out of core: the files that hold L and U; `values` then holds only the
+    // interchanges (FactorLayout with no panels).
+    std::unique_ptr<OutOfCoreFactor> outOfCore;
 };
 
 // Timer slots, as the statistics number them.
@@ -142,6 +146,7 @@ struct Handle {
     std::int64_t graphWork = 0;
     bool singlePrecision = false;
     int oocMode = -1;
+    OutOfCoreState ooc;
 
     // status of the last stage and the internal code that names it
     int status = 0;

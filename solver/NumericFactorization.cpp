@@ -19,6 +19,7 @@
 #include "NumericFactorization.h"
 
 #include "FactorMap.h"
+#include "OutOfCoreStore.h"
 #include "Progress.h"
 #include "SupernodalKernels.h"
 #include "TreeSchedule.h"
@@ -101,11 +102,13 @@ struct ThreadWork {
     // The first failure this thread met: the supernode's place in the
     // schedule and what it means.
     int failedAt = INT_MAX;
-    int failure = 0; // kFailPivot
+    int failure = 0; // kFailPivot or kFailFiles
     int pivotStatus = 0;
+    int fileError = 0; // with kFailFiles: -10 or -11, 0 for memory
 };
 
 constexpr int kFailPivot = 1;
+constexpr int kFailFiles = 2;
 // Values of the shared stop flag.
 constexpr int kRunning = 0;
 constexpr int kStopFailed = 1;
@@ -122,15 +125,29 @@ public:
 
     NumericResult run();
 
+    // Out of core: panels live in this factor's files and a window of them
+    // in memory instead of in f.lnz / f.unz.
+    OutOfCoreFactor* outOfCore = nullptr;
+    std::int64_t windowBytes = 0;
+
 private:
     // The scaled values of the call's matrix and the map that places them;
     // false when the call's pattern has no place in the analysed structure.
     bool prepareEntries();
+    // The L panel of supernode sn (ld its height) and its U panel.
+    T* lpanel(int sn) const {
+        if (window) return reinterpret_cast<T*>(window->at(sn));
+        return f.lnz + xlnz[xsup[sn]] - 1;
+    }
+    T* upanel(int sn) const {
+        if (window) return reinterpret_cast<T*>(window->at(sn) + outOfCore->lBytes(sn));
+        return f.unz + xunz[xsup[sn]] - 1;
+    }
     std::int64_t largestScatteredUpdate() const;
     // With `done`, each source is waited for until it is marked finished;
     // false with no failure recorded when the stop flag ended the wait.
     bool factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done = nullptr);
-    void scatter(int fst, int lst);
+    void scatter(int sn, int fst, int lst);
     void update(int d, int r, int sn, ThreadWork<T>& w);
     void formDLt(int d, int p0, int q, T* out);
     void addScattered(const ThreadWork<T>& w, T* target, int ld, int q, int rowsFrom, int rowsTo,
@@ -148,6 +165,22 @@ private:
     void runShared(const int* order, int from, int to, std::atomic<int>& cursor, ThreadWork<T>& w,
                    bool reports, std::atomic<int>* done);
     bool reportIfGrown();
+    // factorSupernode, with a failure of the files (which throws) turned
+    // into a failure of the thread, so that nothing is thrown out of a
+    // parallel region; run() throws it again after the region.
+    bool guarded(int sn, ThreadWork<T>& w, const std::atomic<int>* done) {
+        if (!window) return factorSupernode(sn, w, done);
+        try {
+            return factorSupernode(sn, w, done);
+        } catch (const OocFailure& e) {
+            w.failure = kFailFiles;
+            w.fileError = e.error;
+        } catch (const std::bad_alloc&) {
+            w.failure = kFailFiles;
+            w.fileError = 0;
+        }
+        return false;
+    }
 
     Handle& h;
     const NumericRequest& rq;
@@ -171,6 +204,8 @@ private:
     FactorMap ownMap;
     Block<T> values;    // the call's entries as factored (scaled), by index in a
     double largest = 0; // largest magnitude of the matrix as factored
+
+    std::unique_ptr<PanelWindow> window;
 
     std::atomic<int> stop{kRunning};
     std::atomic<std::int64_t> finishedEntries{0};
@@ -230,20 +265,26 @@ std::int64_t Worker<T>::largestScatteredUpdate() const {
 }
 
 template <class T>
-void Worker<T>::scatter(int fst, int lst) {
+void Worker<T>::scatter(int sn, int fst, int lst) {
     const int* xentry = map->xentry.data();
     const int* source = map->source.data();
     const int* target = map->target.data();
     const T* v = values.data();
+    // The map holds places in the whole factor; the panel may be a window's
+    // copy out of core, so each place is taken relative to the panel's start.
+    T* L = lpanel(sn);
+    T* U = lu ? upanel(sn) : nullptr;
+    const std::int64_t lfirst = static_cast<std::int64_t>(xlnz[fst]);
+    const std::int64_t ufirst = lu ? static_cast<std::int64_t>(xunz[fst]) : 0;
     for (int e = xentry[fst - 1]; e < xentry[lst]; ++e) {
         const int t = target[e];
         const T x = v[source[e]];
         if (t > 0)
-            f.lnz[t - 1] += x;
+            L[t - lfirst] += x;
         else if (lu)
-            f.unz[-t - 1] += x;
+            U[-t - ufirst] += x;
         else
-            f.lnz[-t - 1] += hermitian ? conjugate(x) : x;
+            L[-t - lfirst] += hermitian ? conjugate(x) : x;
     }
 }
 
@@ -254,7 +295,7 @@ void Worker<T>::formDLt(int d, int p0, int q, T* w) {
     const int fd = xsup[d];
     const int wd = xsup[d + 1] - fd;
     const int hd = xlnz[fd + 1] - xlnz[fd];
-    const T* L = f.lnz + xlnz[fd] - 1;
+    const T* L = lpanel(d);
     const int* piv = f.rowPivot + fd - 1;
     for (int t = 0; t < wd;) {
         const T* lt = L + static_cast<std::int64_t>(t) * hd + p0;
@@ -314,8 +355,8 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
     int q = 0;
     while (q < r && rows[q] <= ls)
         ++q;
-    const T* Ld = f.lnz + xlnz[fd] - 1;
-    T* Ls = f.lnz + xlnz[fs] - 1;
+    const T* Ld = lpanel(d);
+    T* Ls = lpanel(sn);
     const int c0 = rows[0] - fs;
     const int i0 = hs - map[rows[0]];
     const int i1 = hs - map[rows[r - 1]];
@@ -355,9 +396,9 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
     // LU: the L part (r x q) and the U part ((r - q) x q) of the target.
     (void)ws;
     const int hud = hd - wd;
-    const T* Ud = f.unz + xunz[fd] - 1 + (p0 - wd);
+    const T* Ud = upanel(d) + (p0 - wd);
     const int hus = hs - ws;
-    T* Us = f.unz + xunz[fs] - 1;
+    T* Us = upanel(sn);
     const bool contiguous = i1 - i0 == r - 1;
     if (!contiguous)
         for (int t = 0; t < r; ++t)
@@ -383,7 +424,8 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
 
 template <class T>
 bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
-    T* L = f.lnz + xlnz[fst] - 1;
+    const int sn = snode[fst];
+    T* L = lpanel(sn);
     BlockCounts c;
     if (cholesky) {
         c = choleskyPanel(L, hs, ws);
@@ -399,7 +441,7 @@ bool Worker<T>::factorBlock(int fst, int hs, int ws, ThreadWork<T>& w) {
     } else {
         int* rp = f.rowPivot + fst - 1;
         int* cp = f.colPivot + fst - 1;
-        c = luPanel(L, hs, ws, f.unz + xunz[fst] - 1, hs - ws, rule, rp, cp);
+        c = luPanel(L, hs, ws, upanel(sn), hs - ws, rule, rp, cp);
         for (int k = 0; k < ws; ++k) {
             rp[k] += fst;
             cp[k] += fst;
@@ -421,17 +463,18 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
     const int lst = xsup[sn + 1] - 1;
     const int ws = lst - fst + 1;
     const int hs = xlnz[fst + 1] - xlnz[fst];
-    T* L = f.lnz + xlnz[fst] - 1;
+    if (window) window->target(sn);
+    T* L = lpanel(sn);
     std::fill(L, L + static_cast<std::int64_t>(hs) * ws, T(0));
     if (lu) {
-        T* U = f.unz + xunz[fst] - 1;
+        T* U = upanel(sn);
         std::fill(U, U + static_cast<std::int64_t>(hs - ws) * ws, T(0));
     }
     const OneBased<int> map(w.indmap.data());
     const int* rows = lindx.p + xlindx[sn] - 1;
     for (int i = 0; i < hs; ++i)
         map[rows[i]] = hs - i;
-    scatter(fst, lst);
+    scatter(sn, fst, lst);
     const int* source = sources.source.data();
     const int* sourceRows = sources.rows.data();
     for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
@@ -445,12 +488,15 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
             else
                 std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
+        if (window) window->load(source[e]);
         update(source[e], sourceRows[e], sn, w);
+        if (window) window->used(source[e]);
     }
     if (!factorBlock(fst, hs, ws, w)) {
         w.failure = kFailPivot;
         return false;
     }
+    if (window) window->finish(sn);
     return true;
 }
 
@@ -475,7 +521,7 @@ bool Worker<T>::runList(const int* order, int from, int to, ThreadWork<T>& w, bo
     for (int i = from; i < to; ++i) {
         if (stop.load(std::memory_order_relaxed) != kRunning) return false;
         const int sn = order[i];
-        if (!factorSupernode(sn, w)) {
+        if (!guarded(sn, w, nullptr)) {
             w.failedAt = std::min(w.failedAt, i);
             int expected = kRunning;
             stop.compare_exchange_strong(expected, kStopFailed, std::memory_order_relaxed);
@@ -497,7 +543,7 @@ void Worker<T>::runShared(const int* order, int from, int to, std::atomic<int>& 
         const int i = from + cursor.fetch_add(1, std::memory_order_relaxed);
         if (i >= to) return;
         const int sn = order[i];
-        if (!factorSupernode(sn, w, done)) {
+        if (!guarded(sn, w, done)) {
             if (w.failure == 0) return; // the stop flag ended a wait
             w.failedAt = std::min(w.failedAt, i);
             int expected = kRunning;
@@ -514,6 +560,8 @@ void Worker<T>::runShared(const int* order, int from, int to, std::atomic<int>& 
 template <class T>
 NumericResult Worker<T>::run() {
     NumericResult result;
+    // Out of core the schedule is that of in core, so that the dense
+    // kernels run on as many threads and the factor is the same bits.
     const TreeSchedule plan = scheduleTree(s, std::max(1, rq.threads), lu);
     const int t = rq.queueSchedule ? std::max(1, rq.threads) : plan.threads;
     const std::int64_t tempSize = std::max<std::int64_t>(s.tmpsiz, largestScatteredUpdate());
@@ -533,6 +581,31 @@ NumericResult Worker<T>::run() {
     }
     rule = pivotRule<T>(rq.pivotExponent, largest);
     sources = sourceLists(s, &h.memory, kWorkCode);
+    if (outOfCore) {
+        // Who reads each panel, by place in the schedule, so that the window
+        // keeps the panels that are read next.
+        std::vector<int> place(static_cast<std::size_t>(nsuper) + 1, 0);
+        for (int i = 0; i < nsuper; ++i)
+            place[static_cast<std::size_t>(plan.order[static_cast<std::size_t>(i)])] = i;
+        std::vector<int> xreaders(static_cast<std::size_t>(nsuper) + 2, 0);
+        const int updates = sources.xsource[nsuper];
+        for (int e = 0; e < updates; ++e)
+            ++xreaders[static_cast<std::size_t>(sources.source[e]) + 1];
+        for (int d = 1; d <= nsuper; ++d)
+            xreaders[static_cast<std::size_t>(d) + 1] += xreaders[static_cast<std::size_t>(d)];
+        std::vector<int> readers(static_cast<std::size_t>(std::max(1, updates)));
+        std::vector<int> fill(xreaders.begin(), xreaders.end() - 1);
+        for (int t = 1; t <= nsuper; ++t)
+            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e)
+                readers[static_cast<std::size_t>(
+                    fill[static_cast<std::size_t>(sources.source[e])]++)] =
+                    place[static_cast<std::size_t>(t)];
+        for (int d = 1; d <= nsuper; ++d)
+            std::sort(readers.begin() + xreaders[static_cast<std::size_t>(d)],
+                      readers.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+        window = std::make_unique<PanelWindow>(*outOfCore, windowBytes, std::move(xreaders),
+                                               std::move(readers));
+    }
 
     if (reportProgress(1, 0, kStageText, kStageLength) != 0) {
         result.status = -1;
@@ -597,6 +670,10 @@ NumericResult Worker<T>::run() {
         const ThreadWork<T>* first = nullptr;
         for (const ThreadWork<T>& w : work)
             if (w.failure != 0 && (!first || w.failedAt < first->failedAt)) first = &w;
+        if (first->failure == kFailFiles) {
+            if (first->fileError == 0) throw AllocationFailure{kFactorCode, s.largestSupernode};
+            throw OocFailure{first->fileError};
+        }
         result.status = first->pivotStatus;
         return result;
     }
@@ -645,15 +722,38 @@ template <class T>
 NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRow& row) {
     const SymbolicResult& s = h.symbolic;
     const bool lu = isLu(rq.mtype);
-    const FactorLayout layout(s.lnzSize, lu ? s.unzSize : 1, rq.n, sizeof(T));
-    if (row.values.size() < layout.bytes) {
+    // Out of core the block keeps the interchanges only; the panels go to
+    // files that replace those of an earlier factorization of the slot.
+    const bool ooc = h.ooc.active;
+    row.outOfCore.reset();
+    const FactorLayout layout(ooc ? 0 : s.lnzSize, ooc ? 0 : lu ? s.unzSize : 1, rq.n, sizeof(T));
+    if (row.values.size() < layout.bytes || (ooc && row.values.size() > layout.bytes)) {
         row.values.reset();
         row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory);
     }
     row.state = kNotComputed;
     Worker<T> worker(h, rq, layout.view<T>(row.values.data()));
-    const NumericResult r = worker.run();
-    if (r.status == 0 && !r.outsideStructure) row.state = 0;
+    if (ooc) {
+        const int slot = static_cast<int>(&row - h.factors.data()) + 1;
+        row.outOfCore = std::make_unique<OutOfCoreFactor>(
+            h.ooc, slot, lu, s.xsup.data(), s.xlnz.data(), s.nsuper, sizeof(T), &h.ooc.io);
+        row.outOfCore->createFiles();
+        worker.outOfCore = row.outOfCore.get();
+        worker.windowBytes = h.ooc.windowBytes;
+    }
+    NumericResult r;
+    try {
+        r = worker.run();
+        if (ooc && r.status == 0 && !r.outsideStructure) row.outOfCore->finishWriting();
+    } catch (...) {
+        // Files of a factorization that did not finish are of no use.
+        row.outOfCore.reset();
+        throw;
+    }
+    if (r.status == 0 && !r.outsideStructure)
+        row.state = 0;
+    else
+        row.outOfCore.reset();
     row.scalarWords = 1;
     return r;
 }

@@ -16,6 +16,7 @@
 // read rows outside them. No row is written by two threads.
 #include "Solve.h"
 
+#include "OutOfCoreStore.h"
 #include "TreeSchedule.h"
 #include "internal/Blas.h"
 #include "internal/FactorLayout.h"
@@ -67,6 +68,18 @@ struct FactorSolver<T>::Impl {
     TreeSchedule plan;
     SourceLists sources;
     std::vector<Block<T>> buffers; // per thread: the rows below one block
+    // Out of core: the factor's files, and the panels of the supernode at
+    // hand as the reader hands them out.
+    const OutOfCoreFactor* ooc = nullptr;
+    const T* currentL = nullptr;
+    const T* currentU = nullptr;
+
+    const T* lpanel(int sn) const {
+        return ooc ? currentL : f.lnz + s.xlnz[s.xsup[sn - 1] - 1] - 1;
+    }
+    const T* upanel(int sn) const {
+        return ooc ? currentU : f.unz + s.xunz[s.xsup[sn - 1] - 1] - 1;
+    }
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
         : h(handle), s(handle.symbolic), n(handle.n), nrhs(rhs) {
@@ -75,12 +88,18 @@ struct FactorSolver<T>::Impl {
         hermitian = h.mtype == 4 || h.mtype == -4;
         backTrans = hermitian ? 'C' : 'T';
         transpose = transposed && kind == Kind::Lu;
-        const FactorLayout layout(s.lnzSize, kind == Kind::Lu ? s.unzSize : 1, n, sizeof(T));
+        ooc = row.outOfCore.get();
+        const FactorLayout layout(ooc ? 0 : s.lnzSize,
+                                  ooc                ? 0
+                                  : kind == Kind::Lu ? s.unzSize
+                                                     : 1,
+                                  n, sizeof(T));
         f = layout.view<T>(const_cast<std::byte*>(row.values.data()));
         y = Block<T>(checkedMul(n, nrhs), kWorkCode, &h.memory);
         buffer = Block<T>(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode, &h.memory);
         // A small factor is swept faster than a team of threads wakes up.
-        const int threads = s.lnzSize >= kParallelEntries ? nrt_get_max_threads() : 1;
+        // Out of core the panels come in one stream, on one thread.
+        const int threads = s.lnzSize >= kParallelEntries && !ooc ? nrt_get_max_threads() : 1;
         plan = scheduleTree(s, threads, kind == Kind::Lu);
         sources = sourceLists(s, &h.memory, kWorkCode);
         for (int k = 1; k < plan.threads; ++k)
@@ -107,6 +126,10 @@ struct FactorSolver<T>::Impl {
             gatherScale[k] = static_cast<T>(scaled ? (transpose ? C[g] : R[g]) : 1.0);
             scatterScale[k] = static_cast<T>(scaled ? (transpose ? R[t] : C[t]) : 1.0);
         }
+        if (ooc) ooc->openForReading();
+    }
+    ~Impl() {
+        if (ooc) ooc->closeFiles();
     }
 
     void swapRows(int a, int b) {
@@ -196,24 +219,54 @@ struct FactorSolver<T>::Impl {
             const bool upper = kind == Kind::Lu && transpose;
             const T* p = upper ? f.unz + xunz[fd] - 1 + (p0 - wd) : f.lnz + xlnz[fd] - 1 + p0;
             const int ldp = upper ? hd - wd : hd;
-            const T* yd = y.data() + fd - 1;
-            if (nrhs == 1) {
-                for (int j = 0; j < wd; ++j) {
-                    const T v = yd[j];
-                    if (v == T(0)) continue;
-                    const T* pj = p + static_cast<std::int64_t>(j) * ldp;
-                    for (int i = 0; i < q; ++i)
-                        y[rows[i] - 1] -= pj[i] * v;
-                }
-                continue;
-            }
-            blas::gemm('N', 'N', q, nrhs, wd, T(1), p, ldp, yd, n, T(0), buf, q);
-            for (int j = 0; j < nrhs; ++j) {
-                T* yj = y.data() + static_cast<std::int64_t>(j) * n;
-                const T* bj = buf + static_cast<std::int64_t>(j) * q;
+            subtractUpdate(p, ldp, rows, q, wd, y.data() + fd - 1, buf);
+        }
+    }
+
+    // Y(rows) -= P Y(block of the source), P the q x wd part of the
+    // source's panel at p.
+    void subtractUpdate(const T* p, int ldp, const int* rows, int q, int wd, const T* yd, T* buf) {
+        if (nrhs == 1) {
+            for (int j = 0; j < wd; ++j) {
+                const T v = yd[j];
+                if (v == T(0)) continue;
+                const T* pj = p + static_cast<std::int64_t>(j) * ldp;
                 for (int i = 0; i < q; ++i)
-                    yj[rows[i] - 1] -= bj[i];
+                    y[rows[i] - 1] -= pj[i] * v;
             }
+            return;
+        }
+        blas::gemm('N', 'N', q, nrhs, wd, T(1), p, ldp, yd, n, T(0), buf, q);
+        for (int j = 0; j < nrhs; ++j) {
+            T* yj = y.data() + static_cast<std::int64_t>(j) * n;
+            const T* bj = buf + static_cast<std::int64_t>(j) * q;
+            for (int i = 0; i < q; ++i)
+                yj[rows[i] - 1] -= bj[i];
+        }
+    }
+
+    // The forward sweep by pushing: once the block of sn is solved, its
+    // panel updates the rows below, one target supernode at a time. Each
+    // row takes the same products in the same order as when the targets
+    // pull them (ascending source), so the bits do not change; this way a
+    // panel is needed once, when it streams by.
+    void pushBelow(int sn, T* buf) {
+        const OneBased<const int> xsup(s.xsup.data()), xlindx(s.xlindx.data());
+        const int fst = xsup[sn];
+        const int ws = xsup[sn + 1] - fst;
+        const int hs = s.xlnz[fst] - s.xlnz[fst - 1];
+        const int m = hs - ws;
+        const int* rows = s.lindx.data() + xlindx[sn] - 1 + ws;
+        const bool upper = kind == Kind::Lu && transpose;
+        for (int k = 0; k < m;) {
+            const int target = s.snode[rows[k] - 1];
+            const int last = xsup[target + 1] - 1;
+            int q = 0;
+            while (k + q < m && rows[k + q] <= last)
+                ++q;
+            const T* p = upper ? upanel(sn) + k : lpanel(sn) + ws + k;
+            subtractUpdate(p, upper ? m : hs, rows + k, q, ws, y.data() + fst - 1, buf);
+            k += q;
         }
     }
 
@@ -246,8 +299,8 @@ struct FactorSolver<T>::Impl {
         const int fst = xsup[sn];
         const int ws = xsup[sn + 1] - fst;
         const int hs = xlnz[fst + 1] - xlnz[fst];
-        const T* L = f.lnz + xlnz[fst] - 1;
-        pullFromSources(sn, buf);
+        const T* L = lpanel(sn);
+        if (!ooc) pullFromSources(sn, buf);
         if (kind == Kind::Cholesky) {
             blockSolve(L, hs, ws, fst, 'L', 'N', 'N');
         } else if (kind == Kind::Indefinite) {
@@ -264,6 +317,69 @@ struct FactorSolver<T>::Impl {
 
     T* bufferOf(int k) {
         return k == 0 ? buffer.data() : buffers[static_cast<std::size_t>(k) - 1].data();
+    }
+
+    // Y(block of sn) := D^-1 Y(block), the columns of sn one by one, as
+    // diagonal() does for all of them.
+    void diagonalBlock(int sn) {
+        if (kind != Kind::Indefinite) return;
+        const int fst = s.xsup[sn - 1];
+        const int lst = s.xsup[sn] - 1;
+        const int hs = s.xlnz[fst] - s.xlnz[fst - 1];
+        const T* L = lpanel(sn);
+        for (int j = 0; j < nrhs; ++j) {
+            T* yj = y.data() + static_cast<std::int64_t>(j) * n;
+            for (int c = fst; c <= lst;) {
+                const int off = c - fst;
+                const T* col = L + static_cast<std::int64_t>(off) * hs;
+                if (f.rowPivot[c - 1] > 0) {
+                    yj[c - 1] /= col[off];
+                    ++c;
+                } else {
+                    const T* col1 = col + hs;
+                    const T d11 = col[off], d21 = col1[off], d22 = col1[off + 1];
+                    const T d12 = hermitian ? conjugate(d21) : d21;
+                    const T det = d11 * d22 - d21 * d12;
+                    const T u = yj[c - 1], v = yj[c];
+                    yj[c - 1] = (u * d22 - v * d12) / det;
+                    yj[c] = (v * d11 - u * d21) / det;
+                    c += 2;
+                }
+            }
+        }
+    }
+
+    // One pass over the files, in the order the panels were written or its
+    // reverse; `step` runs for each supernode with its panels at hand.
+    template <class Step>
+    void stream(bool ascending, Step step) {
+        std::vector<int> order(static_cast<std::size_t>(s.nsuper));
+        for (int i = 0; i < s.nsuper; ++i)
+            order[static_cast<std::size_t>(i)] = ascending ? i + 1 : s.nsuper - i;
+        // Two chunks in flight, each a quarter of the window at most.
+        const std::int64_t chunk = std::clamp<std::int64_t>(
+            h.ooc.windowBytes / 4, std::int64_t(64) << 10, std::int64_t(64) << 20);
+        PanelReader reader(*ooc, std::move(order), chunk);
+        for (int i = 0; i < s.nsuper; ++i) {
+            const PanelReader::Panels p = reader.next();
+            currentL = reinterpret_cast<const T*>(p.l);
+            currentU = reinterpret_cast<const T*>(p.u);
+            step(p.sn);
+        }
+        currentL = currentU = nullptr;
+    }
+
+    void sweepOutOfCore(int partial) {
+        if (partial == 0 || partial == 1)
+            stream(true, [&](int sn) {
+                forwardNode(sn, buffer.data());
+                pushBelow(sn, buffer.data());
+                if (partial == 0) diagonalBlock(sn);
+            });
+        if (partial == 2 && kind == Kind::Indefinite)
+            stream(true, [&](int sn) { diagonalBlock(sn); });
+        if (partial == 0 || partial == 3)
+            stream(false, [&](int sn) { backwardNode(sn, buffer.data()); });
     }
 
     void forward() {
@@ -316,7 +432,7 @@ struct FactorSolver<T>::Impl {
         const int fst = xsup[sn];
         const int ws = xsup[sn + 1] - fst;
         const int hs = xlnz[fst + 1] - xlnz[fst];
-        const T* L = f.lnz + xlnz[fst] - 1;
+        const T* L = lpanel(sn);
         const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
         if (kind == Kind::Cholesky) {
             pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf, backTrans);
@@ -326,7 +442,7 @@ struct FactorSolver<T>::Impl {
             blockSolve(L, hs, ws, fst, 'L', backTrans, 'U');
             undoSwaps(fst, ws, f.rowPivot, true);
         } else if (!transpose) {
-            pullBelow(f.unz + xunz[fst] - 1, hs - ws, hs - ws, ws, fst, below, buf);
+            pullBelow(upanel(sn), hs - ws, hs - ws, ws, fst, below, buf);
             blockSolve(L, hs, ws, fst, 'U', 'N', 'N');
             undoSwaps(fst, ws, f.colPivot, false);
         } else {
@@ -379,9 +495,13 @@ void FactorSolver<T>::solve(const T* b, T* x, int partial) {
         for (int k = 0; k < n; ++k)
             yj[k] = bj[gather[k]] * gatherScale[k];
     }
-    if (partial == 0 || partial == 1) s.forward();
-    if (partial == 0 || partial == 2) s.diagonal();
-    if (partial == 0 || partial == 3) s.backward();
+    if (s.ooc) {
+        s.sweepOutOfCore(partial);
+    } else {
+        if (partial == 0 || partial == 1) s.forward();
+        if (partial == 0 || partial == 2) s.diagonal();
+        if (partial == 0 || partial == 3) s.backward();
+    }
     // A partial solve that stops before the end leaves the vector where the
     // next one gathers it from: the inverse of the gather.
     const bool toGather = partial == 1 || partial == 2;

@@ -52,7 +52,6 @@ typedef struct spds_analysis_info {
     long long nnz_l;         /* entries of L, diagonal blocks included */
     long long nnz_u;         /* entries of U outside the diagonal blocks (0: symmetric) */
     long long nnz_l_columns; /* entries of L counted column by column, diagonal included */
-    long long relaxed_zeros; /* explicit zeros stored because supernodes were merged */
     long long lindx_size;    /* row indices stored for the whole factor */
     int tmpsiz;              /* update buffer size, in elements */
     int memory_peak_kb;      /* iparm[14] */
@@ -63,6 +62,9 @@ typedef struct spds_analysis_info {
     double time_sfinit;      /* elimination tree, column counts, supernodes */
     double time_symbolic;    /* row structure and layout of the factor */
     double time_update_lists;
+    /* Added after the first release: last, so the fields before it keep
+     * their offsets. */
+    long long relaxed_zeros; /* explicit zeros stored because supernodes were merged */
 } spds_analysis_info;
 
 /* Fills `info` from the last analysis kept by the handle. Returns 0, or -1

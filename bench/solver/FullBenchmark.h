@@ -23,6 +23,9 @@ int complexBenchmark(int argc, char** argv);
 int kernelBenchmark(int argc, char** argv);
 // The kernel benchmark on two threads against each OpenBLAS build installed.
 int blasBuildsBenchmark(int argc, char** argv);
+// bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]: out of core against
+// in core (OutOfCoreBenchmark.cpp).
+int outOfCoreBenchmark(int argc, char** argv);
 
 namespace bench {
 // The matting system the photo tool solves for a photograph.

@@ -36,6 +36,9 @@
 //        processor time (KernelBenchmark.cpp)
 //   bench_solver --blas-builds [--reps R] [--quick]
 //        that on 2 threads with each OpenBLAS build installed
+//   bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
+//        factorization and solve with the factor in files (limit a quarter
+//        of the factor) against in core, the bytes written and read
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -322,5 +325,6 @@ int main(int argc, char** argv) {
     if (argc >= 2 && !std::strcmp(argv[1], "--complex")) return complexBenchmark(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--kernels")) return kernelBenchmark(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--blas-builds")) return blasBuildsBenchmark(argc, argv);
+    if (argc >= 2 && !std::strcmp(argv[1], "--ooc")) return outOfCoreBenchmark(argc, argv);
     return fullBenchmark(argc, argv);
 }

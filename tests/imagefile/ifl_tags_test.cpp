@@ -131,7 +131,9 @@ TEST(TagsThroughSkyrinse, NothingIsLostThatTheFormatHolds) {
          {QStringLiteral(SKYRINSE_PHOTO_DATA), QStringLiteral(SKYRINSE_TEST_DATA "/metadata")})
         for (const QString& name :
              QDir(dir).entryList({QStringLiteral("*.jpg"), QStringLiteral("*.tiff")}))
-            sources.push_back(QDir(dir).filePath(name).toStdString());
+            // `make demo` leaves its result beside the photograph.
+            if (!name.contains(QStringLiteral("_dehazed")))
+                sources.push_back(QDir(dir).filePath(name).toStdString());
     sources.push_back(work.filePath(QStringLiteral("photoshop.jpg")).toStdString());
     jpegWithPhotoshopBlock(sources.back());
     ASSERT_GE(sources.size(), 7u);

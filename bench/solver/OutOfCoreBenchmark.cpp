@@ -1,0 +1,151 @@
+// bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]: the factorization
+// and the solve with the factor in files against the same in memory, on the
+// same matrix, threads and precision (double, the photo tool's parameters
+// otherwise). The limit is a quarter of the factor, so most panels stream.
+// Printed per system: seconds in core and out of core and their ratio, the
+// bytes written by one factorization and read by one solve (with its
+// refinement steps), whether the answers agree to the last bit. The solve
+// runs twice: with the files as the factorization left them (in the page
+// cache of a machine with memory to spare) and after they were written out
+// and dropped from the cache, so that every byte comes from the disk.
+#include "FullBenchmark.h"
+
+#include "Handle.h"
+#include "runtime/nrt.h"
+#include "spds.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using bench::Problem;
+
+struct Measured {
+    double factor = 1e30;
+    double solve = 1e30;
+    double coldSolve = 1e30;
+    std::int64_t written = 0;
+    std::int64_t readBack = 0; // by the factorization, of panels dropped from the window
+    std::int64_t read = 0;
+    int factorMb = 0;
+    int mode = -1;
+    int error = 0;
+    std::vector<double> x;
+};
+
+// Writes the files out and drops them from the page cache.
+void dropFromCache(const skyrinse::spds::Handle* h) {
+    const auto* files = h->factors[0].outOfCore.get();
+    if (!files) return;
+    for (const std::string& path : files->paths()) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) continue;
+        ::fdatasync(fd);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+        ::close(fd);
+    }
+}
+
+Measured run(const Problem& p, int ooc, int reps) {
+    Measured m;
+    std::vector<double> b(static_cast<std::size_t>(p.n), 1.0);
+    m.x.assign(b.size(), 0.0);
+    void* pt[64] = {};
+    int iparm[64] = {};
+    photoToolParameters(iparm, false);
+    iparm[59] = ooc;
+    int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
+    auto call = [&](int phase) {
+        const double t0 = nrt_seconds();
+        spds(pt, &maxfct, &mnum, &mtype, &phase, &n, p.a.data(), p.ia.data(), p.ja.data(), nullptr,
+             &nrhs, iparm, &msglvl, b.data(), m.x.data(), &error);
+        if (error != 0 && m.error == 0) m.error = error;
+        return nrt_seconds() - t0;
+    };
+    call(11);
+    m.factorMb = iparm[61];
+    m.mode = iparm[55];
+    auto* h = skyrinse::spds::handleOf(pt);
+    for (int r = 0; r < reps && m.error == 0; ++r) {
+        const auto before = h->ooc.io;
+        m.factor = std::min(m.factor, call(22));
+        m.written = h->ooc.io.bytesWritten - before.bytesWritten;
+        m.readBack = h->ooc.io.bytesRead - before.bytesRead;
+        const auto mid = h->ooc.io;
+        m.solve = std::min(m.solve, call(33));
+        m.read = h->ooc.io.bytesRead - mid.bytesRead;
+        if (ooc != 0) {
+            dropFromCache(h);
+            m.coldSolve = std::min(m.coldSolve, call(33));
+        }
+    }
+    int phase = -1;
+    spds(pt, &maxfct, &mnum, &mtype, &phase, &n, nullptr, nullptr, nullptr, nullptr, &nrhs, iparm,
+         &msglvl, nullptr, nullptr, &error);
+    return m;
+}
+
+} // namespace
+
+int outOfCoreBenchmark(int argc, char** argv) {
+    int reps = 3;
+    bool quick = false;
+    std::string dir = std::filesystem::temp_directory_path().string();
+    for (int i = 2; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--reps") && i + 1 < argc)
+            reps = std::max(1, std::atoi(argv[++i]));
+        else if (!std::strcmp(argv[i], "--dir") && i + 1 < argc)
+            dir = argv[++i];
+        else if (!std::strcmp(argv[i], "--quick"))
+            quick = true;
+    }
+    const std::string stem = dir + "/bench_ooc";
+    ::setenv("SPDS_OOC_PATH", stem.c_str(), 1);
+    ::setenv("SPDS_OOC_KEEP_FILE", "0", 1);
+    std::printf("SPDS out of core against in core, best of %d, double, mtype -2, photo tool's "
+                "parameters (2 refinement steps), %d threads; files under %s\n",
+                reps, nrt_get_max_threads(), dir.c_str());
+    std::printf("columns: factor MB and the limit; factorization s in core / out of core (ratio); "
+                "solve s in core / out of core, files in the page cache (ratio) / read from disk "
+                "(ratio); MB written and read back by a factorization, read by a solve; same bits\n");
+    std::vector<Problem> problems;
+    problems.push_back(bench::laplacian3d(quick ? 30 : 40));
+    if (!quick) {
+        problems.push_back(
+            bench::photoProblem(bench::sourceFile("data/aitzgorri_by_Aitzol_Berasategi.jpg")));
+        problems.push_back(bench::laplacian3d(50));
+    }
+    for (const Problem& p : problems) {
+        ::setenv("SPDS_OOC_MAX_CORE_SIZE", "2000", 1);
+        const Measured in = run(p, 0, reps);
+        const int limit = std::max(1, in.factorMb / 4);
+        ::setenv("SPDS_OOC_MAX_CORE_SIZE", std::to_string(limit).c_str(), 1);
+        const Measured out = run(p, 2, reps);
+        if (in.error != 0 || out.error != 0) {
+            std::printf("%s: error %d in core, %d out of core\n", p.name.c_str(), in.error,
+                        out.error);
+            continue;
+        }
+        const bool same = in.x.size() == out.x.size() &&
+                          std::memcmp(in.x.data(), out.x.data(), in.x.size() * sizeof(double)) == 0;
+        std::printf("%s: n %d, factor %d MB, limit %d MB (mode %d)\n", p.name.c_str(), p.n,
+                    in.factorMb, limit, out.mode);
+        std::printf("  factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f) / %.3f s "
+                    "(x%.2f); written %.1f MB, read back %.1f MB; solve read %.1f MB; same bits: %s\n",
+                    in.factor, out.factor, out.factor / in.factor, in.solve, out.solve,
+                    out.solve / in.solve, out.coldSolve, out.coldSolve / in.solve,
+                    out.written / 1048576.0, out.readBack / 1048576.0, out.read / 1048576.0,
+                    same ? "yes" : "NO");
+        std::fflush(stdout);
+    }
+    return 0;
+}

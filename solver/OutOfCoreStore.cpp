@@ -1,0 +1,586 @@
+// The out-of-core factor; the contract is in OutOfCoreStore.h.
+#include "OutOfCoreStore.h"
+
+#include "Messages.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace skyrinse::spds {
+
+namespace {
+
+std::atomic<int> g_nextSerial{1};
+
+// The clock of the I/O statistics: read around every panel, so the cheapest.
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// System calls move at most this much at once.
+constexpr std::int64_t kLargestCall = std::int64_t(1) << 30;
+
+std::int64_t megabytesUp(std::int64_t bytes) {
+    return bytes / (std::int64_t(1) << 20) + 1;
+}
+
+int clampInt(std::int64_t v) {
+    return v > 2147483647 ? 2147483647 : static_cast<int>(v);
+}
+
+[[noreturn]] void fail(int error, int msglvl, int row, const char* tag) {
+    if (msglvl > 0) spds_message(0, row, 1, tag);
+    throw OocFailure{error};
+}
+
+} // namespace
+
+void OutOfCoreState::configure(int level) {
+    msglvl = level;
+    if (configured) return;
+    config = readOocConfig(level);
+    serial = g_nextSerial.fetch_add(1, std::memory_order_relaxed);
+    configured = true;
+}
+
+OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
+    OocPlan plan;
+    const std::int64_t workKb = f.workBytes / 1024 + 1;
+    const std::int64_t factorKb = f.factorBytes / 1024 + 1;
+    plan.inCoreMb = clampInt((f.analysisKb + workKb + factorKb) / 1024 + 1);
+    plan.factorMb = clampInt(factorKb / 1024 + 1);
+    plan.workMb = clampInt(workKb / 1024 + 1);
+    if (requested == 0) return plan;
+    const std::int64_t limit = limitMb;
+    if (requested == 1) {
+        // In core when the limit holds everything, and the work arrays with
+        // the index of every panel besides.
+        const std::int64_t indexMb = megabytesUp(8 * f.lindxSize);
+        if (limit > plan.inCoreMb && limit > plan.workMb + indexMb + 2) {
+            plan.message = 987;
+            return plan;
+        }
+        plan.message = 988;
+    } else {
+        plan.message = 990;
+    }
+    plan.active = true;
+    // The limit is for the factor's panels: the window, the staging of the
+    // files, the tables that say where each panel lies. The analysis and
+    // the factorization's work arrays (iparm[62]) come on top, as in core.
+    // The window must hold a target and one of its sources.
+    const std::int64_t base = f.tableBytes;
+    const std::int64_t least = 2 * f.largestPanel + 2 * kLeastStaging;
+    std::int64_t available = limit * (std::int64_t(1) << 20) - base;
+    if (available < least) {
+        plan.error = kOocNotEnoughMemory;
+        plan.neededKb = (base + least) / 1024 + 1;
+        return plan;
+    }
+    // A sixteenth of the window for each file's staging, within bounds.
+    plan.stagingBytes = std::clamp(available / 16, kLeastStaging, kStagingBytes);
+    available -= 2 * plan.stagingBytes;
+    plan.windowBytes = available;
+    plan.mode = available >= f.factorBytes ? 0 : 2;
+    return plan;
+}
+
+// ---- PanelBlock ----
+
+PanelBlock::PanelBlock(std::int64_t bytes) : m_bytes(std::max<std::int64_t>(1, bytes)) {
+    constexpr std::int64_t kMapFrom = std::int64_t(64) << 10;
+    if (m_bytes >= kMapFrom) {
+        void* p = ::mmap(nullptr, static_cast<std::size_t>(m_bytes), PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) throw std::bad_alloc();
+        m_data = static_cast<std::byte*>(p);
+        m_mapped = true;
+    } else {
+        m_data = static_cast<std::byte*>(::operator new(static_cast<std::size_t>(m_bytes)));
+    }
+}
+
+void PanelBlock::reset() {
+    if (!m_data) return;
+    if (m_mapped)
+        ::munmap(m_data, static_cast<std::size_t>(m_bytes));
+    else
+        ::operator delete(m_data);
+    m_data = nullptr;
+}
+
+// ---- OocFile ----
+
+void OocFile::create(const char* tag, int msglvl) {
+    close();
+    // The name is this handle's: what lies there is a file it kept from an
+    // earlier factor, or one of a dead process that had the same pid. The
+    // new factor replaces it; O_EXCL then makes sure that the file written
+    // is a new one, not something put in its place (a link elsewhere).
+    ::unlink(m_path.c_str());
+    m_fd = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+}
+
+void OocFile::openRead(const char* tag, int msglvl) {
+    close();
+    m_fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+    ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
+void OocFile::close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+}
+
+void OocFile::remove() {
+    close();
+    if (!m_path.empty()) ::unlink(m_path.c_str());
+}
+
+bool OocFile::exists() const {
+    struct stat st {};
+    return !m_path.empty() && ::stat(m_path.c_str(), &st) == 0;
+}
+
+void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl) {
+    const char* p = static_cast<const char*>(data);
+    while (bytes > 0) {
+        const ssize_t w =
+            ::pwrite(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+        if (w < 0 && errno == EINTR) continue;
+        // A full disk, or the process's file size limit, ends here.
+        if (w <= 0) fail(kOocReadWriteFailure, msglvl, 986, "spds_write_ooc_file: Write error");
+        p += w;
+        bytes -= w;
+        offset += w;
+    }
+}
+
+void OocFile::readAt(void* data, std::int64_t bytes, std::int64_t offset, int msglvl) const {
+    char* p = static_cast<char*>(data);
+    while (bytes > 0) {
+        const ssize_t r =
+            ::pread(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+        if (r < 0 && errno == EINTR) continue;
+        // A file cut short reads 0 bytes before the panel ends.
+        if (r <= 0) fail(kOocReadWriteFailure, msglvl, 981, "spds_read_ooc_file: Read error");
+        p += r;
+        bytes -= r;
+        offset += r;
+    }
+}
+
+// ---- OutOfCoreFactor ----
+
+OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu, const int* xsup,
+                                 const int* xlnz, int nsuper, std::int64_t scalarBytes,
+                                 OocCounters* io)
+    : m_nsuper(nsuper), m_lu(lu), m_keep(state.config.keepFile != 0), m_msglvl(state.msglvl),
+      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_io(io) {
+    char unique[48];
+    if (slot > 1)
+        std::snprintf(unique, sizeof unique, "_%ld_%d_%d", static_cast<long>(::getpid()),
+                      state.serial, slot);
+    else
+        std::snprintf(unique, sizeof unique, "_%ld_%d", static_cast<long>(::getpid()),
+                      state.serial);
+    const std::string stem = state.config.stem + unique;
+    m_lnz.setPath(stem + ".lnz");
+    m_unz.setPath(lu ? stem + ".unz" : std::string());
+    const std::size_t count = static_cast<std::size_t>(nsuper) + 1;
+    m_lBytes.assign(count, 0);
+    m_uBytes.assign(count, 0);
+    m_lOffset.assign(count, -1);
+    m_uOffset.assign(count, -1);
+    for (int sn = 1; sn <= nsuper; ++sn) {
+        const int fst = xsup[sn - 1];
+        const std::int64_t ws = xsup[sn] - fst;
+        const std::int64_t hs = xlnz[fst] - xlnz[fst - 1];
+        m_lBytes[static_cast<std::size_t>(sn)] = hs * ws * scalarBytes;
+        m_uBytes[static_cast<std::size_t>(sn)] = lu ? (hs - ws) * ws * scalarBytes : 0;
+        m_largest = std::max(m_largest, panelBytes(sn));
+        m_total += panelBytes(sn);
+    }
+}
+
+OutOfCoreFactor::~OutOfCoreFactor() {
+    m_lnz.close();
+    m_unz.close();
+    if (m_keep && m_complete) return;
+    m_lnz.remove();
+    m_unz.remove();
+}
+
+std::vector<std::string> OutOfCoreFactor::paths() const {
+    std::vector<std::string> out{m_lnz.path()};
+    if (m_lu) out.push_back(m_unz.path());
+    return out;
+}
+
+void OutOfCoreFactor::createFiles() {
+    m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
+    if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
+    m_lw.staging = PanelBlock(m_staging);
+    if (m_lu) m_uw.staging = PanelBlock(m_staging);
+}
+
+std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
+                                  std::int64_t bytes) {
+    const std::int64_t offset = w.end;
+    if (bytes >= m_staging) {
+        flush(file, w);
+        const double t0 = wallSeconds();
+        file.writeAt(data, bytes, offset, m_msglvl);
+        m_io->writeSeconds += wallSeconds() - t0;
+        m_io->bytesWritten += bytes;
+        w.flushed = w.end = offset + bytes;
+        return offset;
+    }
+    if (w.staged + bytes > m_staging) flush(file, w);
+    std::memcpy(w.staging.get() + w.staged, data, static_cast<std::size_t>(bytes));
+    w.staged += bytes;
+    w.end += bytes;
+    return offset;
+}
+
+void OutOfCoreFactor::flush(OocFile& file, Writer& w) {
+    if (w.staged == 0) return;
+    const double t0 = wallSeconds();
+    file.writeAt(w.staging.get(), w.staged, w.flushed, m_msglvl);
+    m_io->writeSeconds += wallSeconds() - t0;
+    m_io->bytesWritten += w.staged;
+    w.flushed += w.staged;
+    w.staged = 0;
+}
+
+void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
+                          std::int64_t offset) {
+    if (offset >= w.flushed) {
+        std::memcpy(to, w.staging.get() + (offset - w.flushed), static_cast<std::size_t>(bytes));
+        return;
+    }
+    const double t0 = wallSeconds();
+    file.readAt(to, bytes, offset, m_msglvl);
+    m_io->factorReadSeconds += wallSeconds() - t0;
+    m_io->bytesRead += bytes;
+}
+
+void OutOfCoreFactor::append(int sn, const std::byte* panel) {
+    const std::size_t k = static_cast<std::size_t>(sn);
+    m_lOffset[k] = put(m_lnz, m_lw, panel, m_lBytes[k]);
+    if (m_lu) m_uOffset[k] = put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k]);
+}
+
+void OutOfCoreFactor::readBack(int sn, std::byte* panel) {
+    const std::size_t k = static_cast<std::size_t>(sn);
+    get(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
+    if (m_lu) get(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
+}
+
+void OutOfCoreFactor::finishWriting() {
+    flush(m_lnz, m_lw);
+    if (m_lu) flush(m_unz, m_uw);
+    m_lw.staging.reset();
+    m_uw.staging.reset();
+    m_lnz.close();
+    m_unz.close();
+    m_complete = true;
+}
+
+void OutOfCoreFactor::openForReading() const {
+    m_lnz.openRead("solution step: open file for reading lnz", m_msglvl);
+    if (m_lu) m_unz.openRead("solution step: open file for reading unz", m_msglvl);
+}
+
+void OutOfCoreFactor::closeFiles() const {
+    m_lnz.close();
+    m_unz.close();
+}
+
+void OutOfCoreFactor::readL(void* to, std::int64_t bytes, std::int64_t offset) const {
+    m_lnz.readAt(to, bytes, offset, m_msglvl);
+}
+
+void OutOfCoreFactor::readU(void* to, std::int64_t bytes, std::int64_t offset) const {
+    m_unz.readAt(to, bytes, offset, m_msglvl);
+}
+
+// ---- PanelWindow ----
+
+PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
+                         std::vector<int> readers)
+    : m_files(files), m_budget(budget), m_xreaders(std::move(xreaders)),
+      m_readers(std::move(readers)), m_read(m_xreaders.begin(), m_xreaders.end() - 1),
+      m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
+      m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
+
+// A block is kept for a later panel of about its size, as long as the
+// budget has room: mapping fresh pages for every panel read back costs more
+// than the read. A panel dropped for room hands its block on when it fits.
+void PanelWindow::drop(int sn) {
+    Slot& s = m_slots[static_cast<std::size_t>(sn)];
+    if (!s.data) return;
+    if (s.listed) m_idle.erase(s.place);
+    s.listed = false;
+    m_at[static_cast<std::size_t>(sn)] = nullptr;
+    m_resident -= s.capacity;
+    if (m_resident + m_pooled + s.capacity <= m_budget) {
+        m_pooled += s.capacity;
+        m_pool.emplace(s.capacity, std::move(s.data));
+    }
+    s.data.reset();
+    s.capacity = 0;
+}
+
+std::byte* PanelWindow::allocate(int sn) {
+    const std::int64_t bytes = std::max<std::int64_t>(1, m_files.panelBytes(sn));
+    auto fits = [bytes](std::int64_t capacity) {
+        return capacity >= bytes && capacity <= 2 * bytes;
+    };
+    Slot& s = m_slots[static_cast<std::size_t>(sn)];
+    auto reuse = m_pool.lower_bound(bytes);
+    if (reuse != m_pool.end() && fits(reuse->first)) {
+        s.capacity = reuse->first;
+        s.data = std::move(reuse->second);
+        m_pooled -= reuse->first;
+        m_pool.erase(reuse);
+    }
+    // Room: pooled blocks go first, then the idle panels read last. Only
+    // idle panels are dropped, so the budget is exceeded by what the
+    // threads hold at once when it must be.
+    const std::int64_t wanted = s.data ? 0 : bytes;
+    while (m_resident + m_pooled + wanted > m_budget) {
+        const int victim = m_idle.empty() ? 0 : std::prev(m_idle.end())->second;
+        Slot& v = m_slots[static_cast<std::size_t>(victim)];
+        if (victim != 0 && !s.data && fits(v.capacity)) {
+            const std::int64_t capacity = v.capacity;
+            s.data = std::move(v.data);
+            s.capacity = capacity;
+            v.capacity = 0;
+            m_idle.erase(v.place);
+            v.listed = false;
+            m_at[static_cast<std::size_t>(victim)] = nullptr;
+            m_resident -= capacity;
+            break;
+        }
+        if (!m_pool.empty()) {
+            auto largest = std::prev(m_pool.end());
+            m_pooled -= largest->first;
+            m_pool.erase(largest);
+            continue;
+        }
+        if (victim == 0) break;
+        drop(victim);
+    }
+    if (!s.data) {
+        s.data = PanelBlock(bytes);
+        s.capacity = bytes;
+    }
+    s.pins = 1;
+    m_at[static_cast<std::size_t>(sn)] = s.data.get();
+    m_resident += s.capacity;
+    m_peak = std::max(m_peak, m_resident + m_pooled);
+    return s.data.get();
+}
+
+void PanelWindow::release(int sn) {
+    Slot& s = m_slots[static_cast<std::size_t>(sn)];
+    if (--s.pins > 0) return;
+    const int next = nextReader(sn);
+    if (next == INT_MAX) {
+        drop(sn);
+        return;
+    }
+    s.place = m_idle.emplace(next, sn).first;
+    s.listed = true;
+}
+
+std::byte* PanelWindow::target(int sn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return allocate(sn);
+}
+
+std::byte* PanelWindow::load(int d) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Slot& s = m_slots[static_cast<std::size_t>(d)];
+    if (s.data) {
+        if (s.listed) m_idle.erase(s.place);
+        s.listed = false;
+        ++s.pins;
+        return s.data.get();
+    }
+    // Read under the lock: another thread that wants d waits for it rather
+    // than reading it twice.
+    std::byte* p = allocate(d);
+    m_files.readBack(d, p);
+    return p;
+}
+
+void PanelWindow::used(int d) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_read[static_cast<std::size_t>(d)];
+    release(d);
+}
+
+void PanelWindow::finish(int sn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_files.append(sn, m_slots[static_cast<std::size_t>(sn)].data.get());
+    release(sn);
+}
+
+// ---- PanelReader ----
+
+PanelReader::PanelReader(const OutOfCoreFactor& files, std::vector<int> order,
+                         std::int64_t chunkBytes)
+    : m_files(files), m_order(std::move(order)) {
+    const std::int64_t limit = std::max(chunkBytes, files.largestPanel());
+    std::int64_t sum = 0;
+    m_bounds.push_back(0);
+    for (std::size_t i = 0; i < m_order.size(); ++i) {
+        const std::int64_t b = files.panelBytes(m_order[i]);
+        if (sum > 0 && sum + b > limit) {
+            m_bounds.push_back(i);
+            m_capacity = std::max(m_capacity, sum);
+            sum = 0;
+        }
+        sum += b;
+    }
+    m_capacity = std::max(m_capacity, sum);
+    m_bounds.push_back(m_order.size());
+    const std::size_t chunks = m_bounds.size() - 1;
+    for (std::size_t k = 0; k < 2 && k < chunks; ++k)
+        m_chunks[k].data =
+            PanelBlock(static_cast<std::size_t>(std::max<std::int64_t>(1, m_capacity)));
+    m_thread = std::thread([this] { run(); });
+}
+
+PanelReader::~PanelReader() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
+    m_thread.join();
+}
+
+// Reads chunk c (its `first` and `last` set) into its block: per file one
+// read of the span when the chunk's panels fill it exactly, else one read
+// a panel.
+void PanelReader::fill(Chunk& c) {
+    const std::size_t count = c.last - c.first;
+    c.l.assign(count, nullptr);
+    c.u.assign(count, nullptr);
+    std::byte* base = c.data.get();
+    auto readSide = [&](bool upper, std::byte* at) {
+        std::int64_t lo = INT64_MAX, hi = 0, sum = 0;
+        for (std::size_t i = c.first; i < c.last; ++i) {
+            const int sn = m_order[i];
+            const std::int64_t off = upper ? m_files.uOffset(sn) : m_files.lOffset(sn);
+            const std::int64_t b = upper ? m_files.uBytes(sn) : m_files.lBytes(sn);
+            lo = std::min(lo, off);
+            hi = std::max(hi, off + b);
+            sum += b;
+        }
+        std::vector<const std::byte*>& ptr = upper ? c.u : c.l;
+        if (sum == 0) {
+            std::fill(ptr.begin(), ptr.end(), at);
+            return at;
+        }
+        if (hi - lo == sum) {
+            upper ? m_files.readU(at, sum, lo) : m_files.readL(at, sum, lo);
+            for (std::size_t i = c.first; i < c.last; ++i) {
+                const int sn = m_order[i];
+                ptr[i - c.first] = at + ((upper ? m_files.uOffset(sn) : m_files.lOffset(sn)) - lo);
+            }
+        } else {
+            std::byte* p = at;
+            for (std::size_t i = c.first; i < c.last; ++i) {
+                const int sn = m_order[i];
+                const std::int64_t b = upper ? m_files.uBytes(sn) : m_files.lBytes(sn);
+                upper ? m_files.readU(p, b, m_files.uOffset(sn))
+                      : m_files.readL(p, b, m_files.lOffset(sn));
+                ptr[i - c.first] = p;
+                p += b;
+            }
+        }
+        return at + sum;
+    };
+    std::byte* after = readSide(false, base);
+    if (m_files.lu()) readSide(true, after);
+}
+
+void PanelReader::run() {
+    OocCounters& io = m_files.counters();
+    const std::size_t chunks = m_bounds.size() - 1;
+    for (std::size_t k = 0; k < chunks; ++k) {
+        Chunk& c = m_chunks[k % 2];
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [&] { return m_stop || !c.ready; });
+            if (m_stop) return;
+        }
+        c.first = m_bounds[k];
+        c.last = m_bounds[k + 1];
+        int error = 0;
+        const double t0 = wallSeconds();
+        try {
+            fill(c);
+        } catch (const OocFailure& f) {
+            error = f.error;
+        }
+        std::int64_t bytes = 0;
+        for (std::size_t i = c.first; i < c.last; ++i)
+            bytes += m_files.panelBytes(m_order[i]);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            io.solveReadSeconds += wallSeconds() - t0;
+            io.bytesRead += bytes;
+            m_error = error;
+            c.ready = error == 0;
+        }
+        m_changed.notify_all();
+        if (error != 0) return;
+    }
+}
+
+PanelReader::Panels PanelReader::next() {
+    // The caller has worked on the last panel handed out until now: a
+    // finished chunk goes back to the reader.
+    if (m_holding && m_position == m_bounds[m_chunk + 1]) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_chunks[m_chunk % 2].ready = false;
+        }
+        m_changed.notify_all();
+        m_holding = false;
+        ++m_chunk;
+    }
+    Chunk& c = m_chunks[m_chunk % 2];
+    if (!m_holding) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [&] { return c.ready || m_error != 0; });
+        if (!c.ready) throw OocFailure{m_error};
+        m_holding = true;
+    }
+    const std::size_t i = m_position - c.first;
+    ++m_position;
+    return {m_order[m_position - 1], c.l[i], c.u[i]};
+}
+
+} // namespace skyrinse::spds

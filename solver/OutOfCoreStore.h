@@ -1,0 +1,338 @@
+// The out-of-core factor: panels of L (and U) in temporary files.
+//
+// When a handle's analysis decides on the out-of-core mode (planOutOfCore,
+// from iparm[59] and the memory limit of OutOfCoreConfig.h), the numeric
+// factorization keeps only a window of panels in memory (PanelWindow) and
+// appends every finished panel to the files of its factor slot; the solve
+// streams them back in order with read-ahead (PanelReader). Everything else
+// (structure, pivots, work arrays) stays in memory as in core.
+//
+// Files. Per factor slot one file of L panels (".lnz") and, for LU, one of
+// U panels (".unz"), raw scalars in machine order, no header. Names are
+// <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
+// the others: created with O_EXCL, so two handles or two processes never
+// share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
+// -1, a new analysis, a new factorization of the slot, a failed one)
+// removes them, unless keeping was asked for and the factor is complete.
+// Files are closed between calls and reopened by name by the solve, so a
+// file removed in between is an open failure, not a stale read.
+//
+// Errors are thrown as OocFailure inside the solver and never cross the C
+// entry: -10 a file cannot be created or opened, -11 a read or write failed
+// (disk full, file size limit, short file). -9 comes from the plan: the
+// limit leaves no room for the two largest panels.
+//
+// Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
+// in-core values: the window, the staging buffers, the reader's chunks and
+// the per-supernode tables. The analysis's arrays and the factorization's
+// work arrays (update buffer, index maps, the matrix entries by column;
+// iparm[62] estimates them) are needed in core as well and come on top.
+// The window holds at most its budget in panels (more only while the
+// threads hold more at once), the staging buffer of each file (a sixteenth
+// of the window, 64 KB to 2 MB) turns small panels into large writes, and
+// the reader holds two chunks of consecutive panels, each at most a quarter
+// of the window or one panel when that is larger. Panel blocks are mapped
+// from the system (PanelBlock), outside the handle's counters.
+//
+// Threads: the factorization's threads share the window (one lock; reads
+// and writes of the files happen under it, so the files see one stream);
+// the solve uses the reader from one thread, whose own thread only fills
+// chunks.
+#pragma once
+
+#include "OutOfCoreConfig.h"
+
+#include <climits>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace skyrinse::spds {
+
+inline constexpr int kOocNotEnoughMemory = -9;
+inline constexpr int kOocOpenFailure = -10;
+inline constexpr int kOocReadWriteFailure = -11;
+inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
+inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+
+struct OocFailure {
+    int error; // -9, -10 or -11
+};
+
+// A block of bytes for panels. Large blocks are mapped from the system and
+// given back whole, so that the process's size follows what the window
+// holds rather than what the heap once held.
+class PanelBlock {
+public:
+    PanelBlock() = default;
+    explicit PanelBlock(std::int64_t bytes);
+    ~PanelBlock() { reset(); }
+    PanelBlock(PanelBlock&& other) noexcept { swap(other); }
+    PanelBlock& operator=(PanelBlock&& other) noexcept {
+        PanelBlock(std::move(other)).swap(*this);
+        return *this;
+    }
+    void reset();
+    void swap(PanelBlock& other) noexcept {
+        std::swap(m_data, other.m_data);
+        std::swap(m_bytes, other.m_bytes);
+        std::swap(m_mapped, other.m_mapped);
+    }
+    std::byte* get() const { return m_data; }
+    explicit operator bool() const { return m_data != nullptr; }
+
+private:
+    std::byte* m_data = nullptr;
+    std::int64_t m_bytes = 0;
+    bool m_mapped = false;
+};
+
+struct OocCounters {
+    std::int64_t bytesWritten = 0;
+    std::int64_t bytesRead = 0; // factorization and solve
+    double writeSeconds = 0;
+    double factorReadSeconds = 0;
+    double solveReadSeconds = 0;
+};
+
+// What a handle knows of the out-of-core mode.
+struct OutOfCoreState {
+    bool configured = false;
+    OocConfig config;
+    int serial = 0;      // this handle's number in the process
+    bool active = false; // the current analysis keeps its factors in files
+    int mode = -1;       // iparm[55]: -1 none, 0 the window holds every panel, 2 panels stream
+    std::int64_t windowBytes = 0;
+    std::int64_t stagingBytes = 0;
+    int status = 0; // -9, -10, -11 of the last call, 0 otherwise
+    int msglvl = 0;
+    OocCounters io;
+
+    // Reads the configuration the first time the mode is asked for.
+    void configure(int msglvl);
+};
+
+// The sizes the decision needs, from the analysis.
+struct OocFigures {
+    std::int64_t analysisKb = 0;   // permanent memory of the analysis
+    std::int64_t factorBytes = 0;  // values of L and U
+    std::int64_t workBytes = 0;    // the factorization's other arrays
+    std::int64_t lindxSize = 0;    // row indices of the supernodes
+    std::int64_t largestPanel = 0; // bytes of the largest L+U panel
+    std::int64_t tableBytes = 0;   // where each panel lies, how often it is read
+};
+
+struct OocPlan {
+    bool active = false;
+    int mode = -1;
+    std::int64_t windowBytes = 0;
+    std::int64_t stagingBytes = 0;
+    int error = 0;             // -9 when the limit is too small
+    std::int64_t neededKb = 0; // with -9: what the limit would have to hold
+    int inCoreMb = 0;          // iparm[60]
+    int factorMb = 0;          // iparm[61]
+    int workMb = 0;            // iparm[62]
+    int message = 0;           // 987 to 990, 0 for none
+};
+
+// requested: iparm[59] (0, 1 or 2); limitMb: the configured limit.
+OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& figures);
+
+// One temporary file; closing does not remove it (its owner decides).
+class OocFile {
+public:
+    OocFile() = default;
+    explicit OocFile(std::string path) : m_path(std::move(path)) {}
+    ~OocFile() { close(); }
+    OocFile(const OocFile&) = delete;
+    OocFile& operator=(const OocFile&) = delete;
+
+    void create(const char* tag, int msglvl);   // exclusive; -10
+    void openRead(const char* tag, int msglvl); // by name; -10
+    void close();
+    void remove();
+    void writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl);
+    void readAt(void* data, std::int64_t bytes, std::int64_t offset, int msglvl) const;
+    const std::string& path() const { return m_path; }
+    void setPath(std::string path) {
+        close();
+        m_path = std::move(path);
+    }
+    bool exists() const;
+
+private:
+    std::string m_path;
+    int m_fd = -1;
+};
+
+// The files of one factor slot and where each supernode's panels lie.
+class OutOfCoreFactor {
+public:
+    // xsup, xlnz: the structure (one-based values, zero-based arrays).
+    OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu, const int* xsup,
+                    const int* xlnz, int nsuper, std::int64_t scalarBytes, OocCounters* io);
+    ~OutOfCoreFactor();
+    OutOfCoreFactor(const OutOfCoreFactor&) = delete;
+    OutOfCoreFactor& operator=(const OutOfCoreFactor&) = delete;
+
+    int nsuper() const { return m_nsuper; }
+    bool lu() const { return m_lu; }
+    std::int64_t lBytes(int sn) const { return m_lBytes[static_cast<std::size_t>(sn)]; }
+    std::int64_t uBytes(int sn) const { return m_uBytes[static_cast<std::size_t>(sn)]; }
+    std::int64_t panelBytes(int sn) const { return lBytes(sn) + uBytes(sn); }
+    std::int64_t largestPanel() const { return m_largest; }
+    std::int64_t totalBytes() const { return m_total; }
+    std::vector<std::string> paths() const;
+
+    // Factorization: create, append each finished panel (L then U, in one
+    // block of panelBytes), read one back, finish.
+    void createFiles();
+    void append(int sn, const std::byte* panel);
+    void readBack(int sn, std::byte* panel);
+    void finishWriting();
+
+    // Solve: open by name; chunk reads of consecutive panels.
+    void openForReading() const;
+    void closeFiles() const;
+    std::int64_t lOffset(int sn) const { return m_lOffset[static_cast<std::size_t>(sn)]; }
+    std::int64_t uOffset(int sn) const { return m_uOffset[static_cast<std::size_t>(sn)]; }
+    void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
+    void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
+    OocCounters& counters() const { return *m_io; }
+    bool complete() const { return m_complete; }
+
+private:
+    struct Writer {
+        PanelBlock staging;
+        std::int64_t staged = 0;
+        std::int64_t flushed = 0; // bytes in the file
+        std::int64_t end = 0;     // bytes in file and staging
+    };
+    std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
+    void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
+             std::int64_t offset);
+    void flush(OocFile& file, Writer& w);
+
+    int m_nsuper;
+    bool m_lu;
+    bool m_keep;
+    int m_msglvl;
+    std::int64_t m_staging;
+    bool m_complete = false;
+    std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
+    std::vector<std::int64_t> m_lOffset, m_uOffset;
+    std::int64_t m_largest = 0;
+    std::int64_t m_total = 0;
+    mutable OocFile m_lnz, m_unz;
+    Writer m_lw, m_uw;
+    OocCounters* m_io;
+};
+
+// The factorization's panels in memory: the targets being built, and the
+// finished ones that later targets still read, up to a budget. When room is
+// needed, the panel whose next reader comes last in the schedule goes first
+// (it would stay unread the longest), and a panel that no target needs any
+// more goes at once; a dropped panel's block serves a later panel of about
+// its size while the budget has room. A panel is held from target() to
+// finish(), or from load() to used(), and is never dropped while held.
+// Several threads may call at once.
+class PanelWindow {
+public:
+    // The places in the schedule of the targets that read supernode d
+    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending.
+    PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
+                std::vector<int> readers);
+
+    std::byte* target(int sn); // a block for sn's panels
+    std::byte* load(int d);    // d's panels, read back if they were dropped
+    void used(int d);          // d has served one more target
+    void finish(int sn);       // writes sn's panels
+    // The panels of a held supernode.
+    std::byte* at(int sn) const { return m_at[static_cast<std::size_t>(sn)]; }
+    std::int64_t peakBytes() const { return m_peak; }
+
+private:
+    struct Slot {
+        PanelBlock data;
+        std::set<std::pair<int, int>>::iterator place;
+        bool listed = false;
+        int pins = 0;
+        std::int64_t capacity = 0; // bytes of data, at least the panel's
+    };
+    // Place of the next reader of d, past every place when none is left.
+    int nextReader(int d) const {
+        const std::size_t k = static_cast<std::size_t>(d);
+        return m_read[k] < m_xreaders[k + 1] ? m_readers[static_cast<std::size_t>(m_read[k])]
+                                             : INT_MAX;
+    }
+    void drop(int sn);
+    void release(int sn);
+    std::byte* allocate(int sn);
+
+    OutOfCoreFactor& m_files;
+    std::int64_t m_budget;
+    std::vector<int> m_xreaders, m_readers;
+    std::vector<int> m_read; // per supernode: next entry of readers
+    std::vector<Slot> m_slots;
+    std::vector<std::byte*> m_at;
+    std::set<std::pair<int, int>> m_idle; // (next reader, supernode) of panels nobody holds
+    std::multimap<std::int64_t, PanelBlock> m_pool; // blocks of dropped panels, by size
+    std::int64_t m_resident = 0;
+    std::int64_t m_pooled = 0;
+    std::int64_t m_peak = 0;
+    std::mutex m_mutex;
+};
+
+// The panels of a factor in a given order of supernodes, read ahead by a
+// thread in chunks of consecutive panels (one read per file and chunk when
+// they lie side by side, as they do in the order they were written or its
+// reverse).
+class PanelReader {
+public:
+    PanelReader(const OutOfCoreFactor& files, std::vector<int> order, std::int64_t chunkBytes);
+    ~PanelReader();
+    PanelReader(const PanelReader&) = delete;
+    PanelReader& operator=(const PanelReader&) = delete;
+
+    struct Panels {
+        int sn;
+        const std::byte* l;
+        const std::byte* u;
+    };
+    // The next supernode of the order; throws OocFailure(-11) on a failed read.
+    Panels next();
+
+private:
+    struct Chunk {
+        std::size_t first = 0, last = 0; // positions in the order
+        PanelBlock data;
+        std::vector<const std::byte*> l, u; // by position from `first`
+        bool ready = false;
+    };
+    void fill(Chunk& c);
+    void run();
+
+    const OutOfCoreFactor& m_files;
+    std::vector<int> m_order;
+    std::vector<std::size_t> m_bounds; // chunk k: positions m_bounds[k] .. m_bounds[k+1]-1
+    std::int64_t m_capacity = 0;
+    Chunk m_chunks[2];
+    std::size_t m_chunk = 0;    // chunk being handed out
+    bool m_holding = false;     // the caller may read m_chunks[m_chunk % 2]
+    std::size_t m_position = 0; // next position handed out
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_stop = false;
+    int m_error = 0;
+    std::thread m_thread;
+};
+
+} // namespace skyrinse::spds

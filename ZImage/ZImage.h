@@ -144,8 +144,9 @@ void CheckForDiskSpace(const QString& fileName, qint64 size, const QString& loca
 // CheckBeforeSave: `format` (a name or suffix) is one Save writes, and the
 // folder of fileName exists and may be written (an existing fileName too).
 void CheckBeforeSave(const QString& fileName, const QString& format, const QString& location);
-// CheckForMemory: `bytes` more can be taken now; `subject` names the file
-// that needs them in the message.
+// CheckForMemory: `bytes` more can be taken now, and under an address-space
+// limit also the space each thread of the run reserves; `subject` names the
+// file that needs them in the message.
 void CheckForMemory(qint64 bytes, const QString& subject, const QString& location);
 // Bytes the process may still take: the least of the system's available
 // memory, its cgroup's room and its address-space limit; -1 when unknown.

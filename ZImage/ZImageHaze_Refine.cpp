@@ -34,6 +34,7 @@
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
 #include "runtime/nrt.h"
+#include "runtime/nrt_work.h"
 
 #include <algorithm>
 #include <atomic>
@@ -126,7 +127,7 @@ WindowStats windowStats(const ZImage& image, int wx, int wy) {
 }
 
 int teamSize(int rows) {
-    return std::max(1, std::min(threadCount, rows / kMinRowsPerThread));
+    return nrt_threads_for_work(rows, kMinRowsPerThread, std::max(1, threadCount));
 }
 
 // The first exception of a parallel region, kept for the calling thread.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ZImage/ThreadCount.h"
+#include "runtime/nrt_work.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -32,9 +33,9 @@ inline int candidateRows(int height) {
 // costs more than it saves, and when the other core is busy the barrier waits
 // far longer than the work takes. Results never depend on the team size.
 inline int regionThreads(std::size_t pixels) {
-    constexpr std::size_t minPixelsPerThread = std::size_t{1} << 18;
-    const std::size_t useful = std::max<std::size_t>(1, pixels / minPixelsPerThread);
-    return static_cast<int>(std::min<std::size_t>(std::max(1, threadCount), useful));
+    constexpr long long minPixelsPerThread = 1LL << 18;
+    return nrt_threads_for_work(static_cast<long long>(pixels), minPixelsPerThread,
+                                std::max(1, threadCount));
 }
 
 // Joint bilateral weights. The range weight is the normal density with

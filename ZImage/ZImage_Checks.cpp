@@ -1,12 +1,15 @@
 // Checks before work: the output can be written and the memory is there.
+#include "ZImage/ThreadCount.h"
 #include "ZImage/ZFileName.h"
 #include "ZImage/ZImage.h"
 #include "imagefile/Ifl.h"
+#include "runtime/nrt_work.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/resource.h>
@@ -44,6 +47,22 @@ qint64 readNumber(const char* path, const QByteArray& key = QByteArray()) {
 
 } // namespace
 
+namespace {
+
+// The room under the address-space limit (ulimit -v), which counts what is
+// mapped already; -1 without a limit.
+qint64 addressSpaceLeft() {
+    rlimit space{};
+    if (::getrlimit(RLIMIT_AS, &space) != 0 || space.rlim_cur == RLIM_INFINITY) return -1;
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    qint64 mapped = 0;
+    if (statm.open(QIODevice::ReadOnly))
+        mapped = statm.readAll().split(' ').value(0).toLongLong() * ::sysconf(_SC_PAGESIZE);
+    return std::max<qint64>(0, static_cast<qint64>(space.rlim_cur) - mapped);
+}
+
+} // namespace
+
 qint64 AvailableMemory() {
     qint64 available = readNumber("/proc/meminfo", "MemAvailable:");
     auto least = [&](qint64 value) {
@@ -53,26 +72,29 @@ qint64 AvailableMemory() {
     const qint64 limit = readNumber("/sys/fs/cgroup/memory.max");
     const qint64 used = readNumber("/sys/fs/cgroup/memory.current");
     if (limit >= 0 && used >= 0) least(std::max<qint64>(0, limit - used));
-    // An address-space limit (ulimit -v) counts what is mapped already.
-    rlimit space{};
-    if (::getrlimit(RLIMIT_AS, &space) == 0 && space.rlim_cur != RLIM_INFINITY) {
-        QFile statm(QStringLiteral("/proc/self/statm"));
-        qint64 mapped = 0;
-        if (statm.open(QIODevice::ReadOnly))
-            mapped = statm.readAll().split(' ').value(0).toLongLong() * ::sysconf(_SC_PAGESIZE);
-        least(std::max<qint64>(0, static_cast<qint64>(space.rlim_cur) - mapped));
-    }
+    least(addressSpaceLeft());
     return available;
 }
 
 void CheckForMemory(qint64 bytes, const QString& subject, const QString& location) {
-    const qint64 available = AvailableMemory();
-    if (available < 0 || bytes <= available) return;
+    qint64 available = AvailableMemory();
+    qint64 needed = bytes;
+    // Each thread of the run also maps a work buffer, a stack and an
+    // allocator arena. They are hardly touched, so only an address-space
+    // limit feels them; there, a run that ignored them would stall in the
+    // BLAS library instead of being refused here.
+    const qint64 reservedBytes = static_cast<qint64>(nrt_thread_reserve_bytes(threadCount));
+    const qint64 space = addressSpaceLeft();
+    if (space >= 0 && bytes + reservedBytes > space) {
+        available = space;
+        needed = bytes + reservedBytes;
+    }
+    if (available < 0 || needed <= available) return;
     constexpr qint64 mebibyte = 1024 * 1024;
     throw ZException(tr("Not enough memory for \"%1\": it needs about %2 MiB, and %3 MiB are "
                         "available")
                          .arg(QFileInfo(subject).absoluteFilePath())
-                         .arg((bytes + mebibyte - 1) / mebibyte)
+                         .arg((needed + mebibyte - 1) / mebibyte)
                          .arg(available / mebibyte),
                      location);
 }

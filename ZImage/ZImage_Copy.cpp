@@ -28,6 +28,7 @@
 #include "ZImage/ZImage.h"
 #include "primitives/DepthConvert.h"
 #include "primitives/PixelOps.h"
+#include "runtime/nrt_work.h"
 
 #include <QImage>
 #include <omp.h>
@@ -407,9 +408,13 @@ void ZImage::Copy(int srcX, int srcY, int width, int height, ZImage& target, int
     const int bandRows =
         static_cast<int>(std::clamp<std::uint64_t>(kBandBytes / bytesPerRow, 1, height));
     const int bands = (height + bandRows - 1) / bandRows;
-    // Small windows are not worth waking a team for.
+    // Small windows are not worth waking a team for: each thread takes at
+    // least two bands' worth.
     const std::uint64_t work = bytesPerRow * static_cast<std::uint64_t>(height);
-    const int teamSize = work < 4 * kBandBytes ? 1 : std::clamp(threadCount, 1, bands);
+    const int teamSize =
+        std::min(bands, nrt_threads_for_work(static_cast<long long>(work),
+                                             static_cast<long long>(2 * kBandBytes),
+                                             std::max(1, threadCount)));
 
     std::vector<ScratchImage> scratch;
     if (chain.scratch.channels != 0) {

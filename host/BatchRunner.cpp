@@ -2,8 +2,8 @@
 
 #include "ZImage/ZException.h"
 #include "ZImage/ZFileName.h"
+#include "host/HostServices.h"
 #include "host/PluginHost.h"
-#include "host/SkyrinseApplication.h"
 #include "imagefile/Ifl.h"
 #include "plugin/ZIPluginLibrary.h"
 #include "plugin/ZIPluginOne2One.h"
@@ -26,18 +26,6 @@
 
 namespace {
 
-const QString kProcessId = QStringLiteral("6A2F91C4-38DE-4B07-A15C-7E04D3C2B81F");
-const QString kStrengthKey = QStringLiteral("hazeRemove");
-constexpr int kDefaultStrength = 60;
-
-bool parseBounded(const QString& text, int low, int high, int& value) {
-    bool ok = false;
-    const int parsed = text.trimmed().toInt(&ok, 10);
-    if (!ok || parsed < low || parsed > high) return false;
-    value = parsed;
-    return true;
-}
-
 void report(const QString& line) {
     std::fprintf(stderr, "%s\n", qPrintable(line));
     std::fflush(stderr);
@@ -49,7 +37,7 @@ public:
     RunSettings(ZIPluginOne2One* process, int strength) : m_process(process) {
         QDomDocument document(process->name());
         QDomElement element = document.createElement(process->name());
-        element.setAttribute(kStrengthKey, strength);
+        element.setAttribute(HostServices::kStrengthKey, strength);
         m_settings = process->loadSettings(element);
     }
     ~RunSettings() { m_process->freeSettings(m_settings); }
@@ -172,31 +160,7 @@ QString absolute(const QString& path) {
 
 } // namespace
 
-bool parseStrength(bool given, const QString& text, int& strength, QString& error) {
-    if (!given) {
-        strength = -1;
-        return true;
-    }
-    if (parseBounded(text, 0, 100, strength)) return true;
-    error = QCoreApplication::translate("main",
-                                        "--strength takes a whole number from 0 to 100, not \"%1\"")
-                .arg(text);
-    return false;
-}
-
-bool parseThreads(bool given, const QString& text, int& threads, QString& error) {
-    if (!given) {
-        threads = 0;
-        return true;
-    }
-    if (parseBounded(text, 1, 1024, threads)) return true;
-    error = QCoreApplication::translate("main",
-                                        "--threads takes a whole number from 1 to 1024, not \"%1\"")
-                .arg(text);
-    return false;
-}
-
-int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& files,
+int runBatch(HostServices& app, PluginHost& host, const QStringList& files,
              const BatchOptions& options) {
     const QList<ZIPluginProcess*> processes = host.library()->plugins(true);
     auto* process =
@@ -209,9 +173,9 @@ int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& file
 
     int strength = options.strength;
     if (strength < 0)
-        strength = app.hasValue(kProcessId, kStrengthKey)
-                       ? app.value(kProcessId, kStrengthKey, kDefaultStrength).toInt()
-                       : kDefaultStrength;
+        strength = app.value(HostServices::kHazeProcessId, HostServices::kStrengthKey,
+                             HostServices::kDefaultStrength)
+                       .toInt();
     if (options.verbose) {
         report(QCoreApplication::translate("main", "plug-in %1 %2 from %3")
                    .arg(process->name(), process->version(), host.fileName()));

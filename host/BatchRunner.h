@@ -1,11 +1,11 @@
-// The command-line run: options and the batch over the files given.
+// The console run: its options and the batch over the files given.
 #pragma once
 
 #include <QString>
 #include <QStringList>
 
 class PluginHost;
-class SkyrinseApplication;
+class HostServices;
 
 struct BatchOptions {
     int strength = -1; // -1: the stored default, else 60
@@ -14,15 +14,10 @@ struct BatchOptions {
     bool overwrite = false; // replace outputs that exist; without it they are kept
 };
 
-// Parse the option texts; false with a message for the user when they are not
-// whole numbers in range (strength 0 to 100, threads 1 to 1024).
-bool parseStrength(bool given, const QString& text, int& strength, QString& error);
-bool parseThreads(bool given, const QString& text, int& threads, QString& error);
-
 // Dehazes every file through the plug-in, one line per file on standard
 // error. Before any work, outputs that two sources (or a source and an
 // output) would share are refused together. Returns the process exit status:
 // 0 when all were written, 1 when one failed or its output was kept, 2 when
 // outputs collide, 3 when the plug-in offers no process.
-int runBatch(SkyrinseApplication& app, PluginHost& host, const QStringList& files,
+int runBatch(HostServices& app, PluginHost& host, const QStringList& files,
              const BatchOptions& options);

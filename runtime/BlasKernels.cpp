@@ -18,11 +18,14 @@
 #include <atomic>
 #include <complex>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <type_traits>
 
 #include <cblas.h>
 #include <omp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 extern "C" void openblas_set_num_threads(int num_threads);
 
@@ -53,6 +56,45 @@ public:
 private:
     std::atomic<Fn> slot_{nullptr};
     Fn variant_;
+};
+
+// OpenBLAS takes a work buffer for each call; it keeps the buffers it made
+// for reuse, and when it cannot map a new one it tries again without end. A
+// call that may need one more buffer than any before it (more calls at once
+// than ever, or the first call of a thread) is let through only when the
+// address-space limit can hold that buffer: a process that cannot go on says
+// so at once instead of spinning.
+std::atomic<int> callsInFlight{0};
+std::atomic<int> mostInFlight{0};
+thread_local bool threadHasCalled = false;
+
+class BufferClaim {
+public:
+    BufferClaim() noexcept {
+        const int inFlight = callsInFlight.fetch_add(1, std::memory_order_acq_rel) + 1;
+        if (!threadHasCalled || inFlight > mostInFlight.load(std::memory_order_acquire))
+            [[unlikely]]
+            admit(inFlight);
+    }
+    ~BufferClaim() { callsInFlight.fetch_sub(1, std::memory_order_acq_rel); }
+    BufferClaim(const BufferClaim&) = delete;
+    BufferClaim& operator=(const BufferClaim&) = delete;
+
+private:
+    static void admit(int inFlight) noexcept {
+        std::lock_guard guard(runtimeLock());
+        const long long left = addressSpaceLeft();
+        if (left >= 0 && left < static_cast<long long>(kBlasBufferBytes)) {
+            std::fprintf(stderr,
+                         "NRT ERROR: not enough address space for the BLAS work buffer of "
+                         "another thread: %zu MiB needed, %lld MiB left under the limit\n",
+                         kBlasBufferBytes >> 20, left >> 20);
+            std::abort();
+        }
+        threadHasCalled = true;
+        if (inFlight > mostInFlight.load(std::memory_order_relaxed))
+            mostInFlight.store(inFlight, std::memory_order_release);
+    }
 };
 
 bool reportBadParameter(int position, const char* kernel) {
@@ -249,6 +291,7 @@ void gemm(char transa, char transb, int m, int n, int k, T alpha, const T* a, in
     if (ldc < std::max(1, m)) return void(reportBadParameter(13, name));
     if (m == 0 || n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     Slots<T>::gemm.get()(CblasColMajor, ta, tb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
 }
 
@@ -271,6 +314,7 @@ void trsm(char side, char uplo, char transa, char diag, int m, int n, T alpha, c
     if (ldb < std::max(1, m)) return void(reportBadParameter(11, name));
     if (m == 0 || n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     Slots<T>::trsm.get()(CblasColMajor, s, u, t, d, m, n, alpha, a, lda, b, ldb);
 }
 
@@ -336,6 +380,7 @@ void ger(int m, int n, T alpha, const T* x, int incx, const T* y, int incy, T* a
     if (lda < std::max(1, m)) return void(reportBadParameter(9, name));
     if (m == 0 || n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     RealSlots<T>::ger.get()(CblasColMajor, m, n, alpha, x, incx, y, incy, a, lda);
 }
 
@@ -350,6 +395,7 @@ void syr(char uplo, int n, T alpha, const T* x, int incx, T* a, int lda) {
     if (lda < std::max(1, n)) return void(reportBadParameter(7, name));
     if (n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     RealSlots<T>::syr.get()(CblasColMajor, u, n, alpha, x, incx, a, lda);
 }
 
@@ -367,6 +413,7 @@ void gemv(char trans, int m, int n, T alpha, const T* a, int lda, const T* x, in
     if (incy == 0) return void(reportBadParameter(11, name));
     if (m == 0 || n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     Slots<T>::gemv.get()(CblasColMajor, t, m, n, alpha, a, lda, x, incx, beta, y, incy);
 }
 
@@ -385,6 +432,7 @@ void trsv(char uplo, char trans, char diag, int n, const T* a, int lda, T* x, in
     if (incx == 0) return void(reportBadParameter(8, name));
     if (n == 0) return;
     prepareBlasThreads();
+    const BufferClaim claim;
     Slots<T>::trsv.get()(CblasColMajor, u, t, d, n, a, lda, x, incx);
 }
 
@@ -402,6 +450,18 @@ void prepareBlasThreads() {
 
 int blasThreadsInEffect() noexcept {
     return blasThreads.load(std::memory_order_acquire);
+}
+
+long long addressSpaceLeft() noexcept {
+    rlimit space{};
+    if (::getrlimit(RLIMIT_AS, &space) != 0 || space.rlim_cur == RLIM_INFINITY) return -1;
+    long long pages = 0;
+    if (std::FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%lld", &pages) != 1) pages = 0;
+        std::fclose(statm);
+    }
+    const long long mapped = pages * ::sysconf(_SC_PAGESIZE);
+    return std::max(0LL, static_cast<long long>(space.rlim_cur) - mapped);
 }
 
 } // namespace nrt::detail

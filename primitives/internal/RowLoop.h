@@ -3,18 +3,25 @@
 // band of memory and the result never depends on the team size.
 #pragma once
 
+#include "runtime/nrt_work.h"
+
+#include <algorithm>
 #include <cstdint>
 
 namespace prim::detail {
 
-// Below this many components per call a team costs more than it saves.
-inline constexpr std::int64_t kMinParallelComponents = 1 << 16;
+// Fewer components than this per thread cost more in starting the team than
+// they save.
+inline constexpr std::int64_t kMinComponentsPerThread = 1 << 15;
 
 template <typename RowFunction>
 void forEachRow(int height, std::int64_t componentsPerRow, int threads, RowFunction&& body) {
-    const bool parallel =
-        threads > 1 && height > 1 && componentsPerRow * height >= kMinParallelComponents;
-#pragma omp parallel for schedule(static) num_threads(parallel ? threads : 1) if (parallel)
+    const int team = threads > 1 ? std::min(std::max(height, 1),
+                                            nrt_threads_for_work(componentsPerRow * height,
+                                                                 kMinComponentsPerThread, threads))
+                                 : 1;
+    const bool parallel = team > 1;
+#pragma omp parallel for schedule(static) num_threads(team) if (parallel)
     for (int y = 0; y < height; ++y)
         body(y);
 }

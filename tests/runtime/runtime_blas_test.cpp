@@ -1,6 +1,7 @@
 // Dense-kernel front ends: results against plain loops in column-major order,
 // one-based pivots, the swap split from 5001 elements (no thread query below),
-// parameter reports, and the BLAS thread count inside and outside regions.
+// parameter reports, the BLAS thread count inside and outside regions, and
+// a work buffer that an address-space limit cannot hold.
 
 #include "runtime/internal/BlasThreads.h"
 #include "runtime/internal/ThreadControl.h"
@@ -10,10 +11,15 @@
 
 #include <cmath>
 #include <complex>
+#include <cstdio>
+#include <cstdlib>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <omp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -321,5 +327,32 @@ TEST(DenseKernelThreads, OneThreadInsideARegionTheDomainCountOutside) {
     EXPECT_EQ(nrt::detail::blasThreadsInEffect(), nrt_domain_get_max_threads(NRT_DOMAIN_BLAS));
     EXPECT_EQ(c[0], 64.0);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) // it reserves its shadow memory beyond any limit
+// Caps the address space a little above what is mapped, then makes the first
+// BLAS call of a new thread.
+void callWithoutRoomForABuffer() {
+    if (nrt::detail::addressSpaceLeft() >= 0) std::_Exit(3); // a limit already
+    std::FILE* statm = std::fopen("/proc/self/statm", "r");
+    long long pages = 0;
+    if (!statm || std::fscanf(statm, "%lld", &pages) != 1) std::_Exit(4);
+    // Room for small blocks, not for one more 128 MiB buffer.
+    const rlim_t cap = pages * ::sysconf(_SC_PAGESIZE) + (64LL << 20);
+    const rlimit limit{cap, cap};
+    ::setrlimit(RLIMIT_AS, &limit);
+    std::thread([] {
+        std::vector<double> a(16, 1.0), c(16, 0.0);
+        nrt_dgemm('N', 'N', 4, 4, 4, 1, a.data(), 4, a.data(), 4, 0, c.data(), 4);
+    }).join();
+    std::_Exit(0);
+}
+
+// A thread whose work buffer the address-space limit cannot hold ends the
+// process with a reason; OpenBLAS itself would retry its mapping for ever.
+TEST(DenseKernelBuffers, NoRoomForAThreadsBufferEndsTheProcessAtOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(callWithoutRoomForABuffer(), "not enough address space for the BLAS work buffer");
+}
+#endif
 
 } // namespace

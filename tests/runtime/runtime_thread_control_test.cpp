@@ -5,6 +5,7 @@
 
 #include "runtime/internal/ThreadControl.h"
 #include "runtime/nrt.h"
+#include "runtime/nrt_work.h"
 
 #include <gtest/gtest.h>
 
@@ -163,6 +164,34 @@ TEST(ThreadDecision, RecordedDynamicState) {
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 12), 8);
     f.dynamic_state = 0;
     EXPECT_EQ(decideThreadCount(f, NRT_DOMAIN_ALL, false, 12), 1);
+}
+
+TEST(ThreadDecision, WorkGetsAThreadPerGrainAndATeamItsAddressSpace) {
+    struct Row {
+        long long work, grain;
+        int limit, threads;
+    };
+    const Row rows[] = {
+        {0, 16, 4, 1},
+        {-5, 16, 4, 1},
+        {15, 16, 4, 1},
+        {32, 16, 4, 2},
+        {47, 16, 4, 2},
+        {1LL << 40, 16, 4, 4},
+        {100, 0, 3, 3},
+        {100, 1, 1, 1},
+        {(1LL << 18) * 3 - 1, 1LL << 18, 8, 2}, // the haze regions' quarter megapixel
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(nrt_threads_for_work(r.work, r.grain, r.limit), r.threads)
+            << r.work << " / " << r.grain << " up to " << r.limit;
+    // No limit: what the process is granted.
+    EXPECT_EQ(nrt_threads_for_work(1LL << 40, 1, 0), nrt_get_max_threads());
+    // The caller's own stack and arena are mapped already.
+    EXPECT_EQ(nrt_thread_reserve_bytes(0), nrt_thread_reserve_bytes(1));
+    EXPECT_GE(nrt_thread_reserve_bytes(1), std::size_t{128} << 20);
+    EXPECT_GT(nrt_thread_reserve_bytes(2) - nrt_thread_reserve_bytes(1),
+              nrt_thread_reserve_bytes(1));
 }
 
 TEST(Topology, DistinctCoresAndPackagesAreCounted) {

@@ -8,6 +8,7 @@
 #include "plugin/ZHazeOne2One.h"
 #include "plugin/ZIApplication.h"
 #include "runtime/nrt.h"
+#include "tests/runtime/HeapRecorder.h"
 #include "ui/ComputePreview.h"
 #include "ui/QAnimatedLabel.h"
 #include "ui/UIHazePage.h"
@@ -105,30 +106,6 @@ public:
 };
 
 FakeHost* host = nullptr;
-
-// Every allocation of the runtime's heap fails while this is installed.
-void* failMalloc(std::size_t) {
-    return nullptr;
-}
-void* failCalloc(std::size_t, std::size_t) {
-    return nullptr;
-}
-void* failRealloc(void*, std::size_t) {
-    return nullptr;
-}
-std::atomic<long> heapAllocations{0};
-void* countMalloc(std::size_t size) {
-    ++heapAllocations;
-    return std::malloc(size);
-}
-void* countCalloc(std::size_t count, std::size_t size) {
-    ++heapAllocations;
-    return std::calloc(count, size);
-}
-void* countRealloc(void* p, std::size_t size) {
-    ++heapAllocations;
-    return std::realloc(p, size);
-}
 
 class UiTest : public ::testing::Test {
 protected:
@@ -314,9 +291,10 @@ TEST_F(UiTest, PrevNextWrapAndEachImageKeepsItsStrengthMapAndPicture) {
     // the runtime's heap, which counts here).
     FakeImage* image = host->images.value(combo->currentText()).get();
     const int decodes = image->decodes;
-    const nrt_heap_ops counting{&countMalloc, &countCalloc, &countRealloc, &std::free};
-    nrt_set_heap_ops(&counting);
-    heapAllocations = 0;
+    nrt_test::RecordingHeap heap;
+    const auto allocations = [&] {
+        return heap.log().mallocs + heap.log().callocs + heap.log().reallocs;
+    };
     setStrength(90);
     // The buttons' shortcuts click them (animated, so a moment later).
     QTest::keyClick(page, Qt::Key_PageDown, Qt::ControlModifier);
@@ -327,11 +305,10 @@ TEST_F(UiTest, PrevNextWrapAndEachImageKeepsItsStrengthMapAndPicture) {
     ASSERT_TRUE(waitComplete());
     setStrength(91);
     EXPECT_EQ(image->decodes, decodes);
-    EXPECT_EQ(heapAllocations, 0);
+    EXPECT_EQ(allocations(), 0);
     combo->setCurrentIndex(1); // never solved: now it is
     setStrength(50);
-    EXPECT_GT(heapAllocations, 0);
-    nrt_set_heap_ops(nullptr);
+    EXPECT_GT(allocations(), 0);
 }
 
 TEST_F(UiTest, ApplyToAllCopiesTheStrengthAndMakesItTheDefault) {
@@ -402,12 +379,13 @@ TEST_F(UiTest, ClosingThePageDuringARunWaitsForIt) {
 }
 
 TEST_F(UiTest, FailureInTheWorkerIsShownOnThePage) {
-    const nrt_heap_ops failing{&failMalloc, &failCalloc, &failRealloc, &std::free};
-    nrt_set_heap_ops(&failing);
-    child<QToolButton>("QToolButton_Next")->click(); // needs a solve
-    child<QSpinBox>("spinBoxPourcent")->setValue(60);
-    ASSERT_TRUE(waitComplete());
-    nrt_set_heap_ops(nullptr);
+    {
+        nrt_test::RecordingHeap failing;
+        failing.log().failAfter = 0;                     // every allocation of the runtime's heap
+        child<QToolButton>("QToolButton_Next")->click(); // needs a solve
+        child<QSpinBox>("spinBoxPourcent")->setValue(60);
+        ASSERT_TRUE(waitComplete());
+    }
     auto* message = child<QLabel>("labelError");
     EXPECT_TRUE(message->isVisible());
     EXPECT_FALSE(preview->errorText().isEmpty());

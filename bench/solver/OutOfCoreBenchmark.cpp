@@ -114,9 +114,10 @@ int outOfCoreBenchmark(int argc, char** argv) {
     std::printf("SPDS out of core against in core, best of %d, double, mtype -2, photo tool's "
                 "parameters (2 refinement steps), %d threads; files under %s\n",
                 reps, nrt_get_max_threads(), dir.c_str());
-    std::printf("columns: factor MB and the limit; factorization s in core / out of core (ratio); "
-                "solve s in core / out of core, files in the page cache (ratio) / read from disk "
-                "(ratio); MB written and read back by a factorization, read by a solve; same bits\n");
+    std::printf(
+        "columns: factor MB and the limit; factorization s in core / out of core (ratio); "
+        "solve s in core / out of core, files in the page cache (ratio) / read from disk "
+        "(ratio); MB written and read back by a factorization, read by a solve; same bits\n");
     std::vector<Problem> problems;
     problems.push_back(bench::laplacian3d(quick ? 30 : 40));
     if (!quick) {
@@ -139,12 +140,12 @@ int outOfCoreBenchmark(int argc, char** argv) {
                           std::memcmp(in.x.data(), out.x.data(), in.x.size() * sizeof(double)) == 0;
         std::printf("%s: n %d, factor %d MB, limit %d MB (mode %d)\n", p.name.c_str(), p.n,
                     in.factorMb, limit, out.mode);
-        std::printf("  factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f) / %.3f s "
-                    "(x%.2f); written %.1f MB, read back %.1f MB; solve read %.1f MB; same bits: %s\n",
-                    in.factor, out.factor, out.factor / in.factor, in.solve, out.solve,
-                    out.solve / in.solve, out.coldSolve, out.coldSolve / in.solve,
-                    out.written / 1048576.0, out.readBack / 1048576.0, out.read / 1048576.0,
-                    same ? "yes" : "NO");
+        std::printf(
+            "  factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f) / %.3f s "
+            "(x%.2f); written %.1f MB, read back %.1f MB; solve read %.1f MB; same bits: %s\n",
+            in.factor, out.factor, out.factor / in.factor, in.solve, out.solve,
+            out.solve / in.solve, out.coldSolve, out.coldSolve / in.solve, out.written / 1048576.0,
+            out.readBack / 1048576.0, out.read / 1048576.0, same ? "yes" : "NO");
         std::fflush(stdout);
     }
     return 0;

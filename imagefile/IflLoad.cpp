@@ -216,9 +216,26 @@ struct Source {
     std::size_t size = 0;
 };
 
+// OpenImageIO's memory reader takes any position a decoder seeks to, and a
+// damaged EXR line offset table sends it before the start of the buffer,
+// where it reads. Positions outside the buffer read nothing instead, as a
+// file would at its end.
+class BoundedMemReader final : public OIIO::Filesystem::IOMemReader {
+public:
+    using IOMemReader::IOMemReader;
+    bool seek(int64_t offset) override {
+        if (offset < 0) return false;
+        return IOMemReader::seek(offset);
+    }
+    size_t pread(void* buf, size_t size, int64_t offset) override {
+        if (offset < 0 || offset >= static_cast<int64_t>(m_buf.size())) return 0;
+        return IOMemReader::pread(buf, size, offset);
+    }
+};
+
 // An open decoder with the memory reader it may read through.
 struct Opened {
-    std::unique_ptr<OIIO::Filesystem::IOMemReader> proxy;
+    std::unique_ptr<BoundedMemReader> proxy;
     std::unique_ptr<OIIO::ImageInput> input;
 };
 
@@ -234,8 +251,8 @@ Opened openSource(const Source& source, const OIIO::ImageSpec& config, std::stri
         return opened;
     }
     for (const char* name : memoryNames) {
-        auto proxy = std::make_unique<OIIO::Filesystem::IOMemReader>(
-            const_cast<std::uint8_t*>(source.data), source.size);
+        auto proxy =
+            std::make_unique<BoundedMemReader>(const_cast<std::uint8_t*>(source.data), source.size);
         // The decoders take the reader from the configuration, at creation.
         OIIO::ImageSpec withProxy = config;
         void* pointer = proxy.get();

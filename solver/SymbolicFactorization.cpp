@@ -199,6 +199,25 @@ std::vector<char> domainEnds(int n, const OrderingResult& ord) {
     return ends;
 }
 
+// The ordering graph in the positions of the permuted matrix: the
+// neighbours of position j (one-based positions) in adj[start[j-1] ..
+// start[j]-1]. The tree, the counts and the row structure each read every
+// neighbour list in position order; taken through perm and invp, each of
+// those reads would land at a random place of the graph.
+struct PositionGraph {
+    IntBlock start;
+    IntBlock adj;
+    // After a renumbering (postorderColumns), row j of the renumbered matrix
+    // is row order[j] of the lists above, and a listed neighbour c is now
+    // position[c]; both one-based, empty when nothing was renumbered. Read
+    // through them, the lists need not be built a second time.
+    std::vector<int> order, position;
+    int source(int j) const { return order.empty() ? j : order[static_cast<std::size_t>(j)]; }
+    int relabel(int c) const {
+        return position.empty() ? c : position[static_cast<std::size_t>(c)];
+    }
+};
+
 // Columns after which a range of the dissection (domain, top or separator)
 // ends or the next one starts, by column: the postorder below stays inside
 // these runs, so every range keeps its columns.
@@ -230,9 +249,10 @@ std::vector<char> rangeBounds(int n, const OrderingResult& ord) {
 // explicit zeros. (Decreasing subtree size instead gave fewer supernodes
 // but 2 % more entries and a slower factorization on the matting
 // systems.) Rewrites ord.perm/invp, parent, colcnt and pairStart (when not
-// empty); returns false when the order stood already.
-bool postorderColumns(int n, const std::vector<char>& bounds, OrderingResult& ord,
-                      OneBased<int> parent, OneBased<int> colcnt, std::vector<int>& pairStart) {
+// empty), and gives the graph the renumbering to read its lists through.
+void postorderColumns(int n, const std::vector<char>& bounds, OrderingResult& ord,
+                      OneBased<int> parent, OneBased<int> colcnt, std::vector<int>& pairStart,
+                      PositionGraph& graph) {
     const auto slots = static_cast<std::size_t>(n) + 2;
     std::vector<int> runEnd(slots, n);
     for (int j = n, end = n; j >= 1; --j) {
@@ -287,7 +307,7 @@ bool postorderColumns(int n, const std::vector<char>& bounds, OrderingResult& or
     bool identity = true;
     for (int k = 0; k < n && identity; ++k)
         identity = order[static_cast<std::size_t>(k)] == k + 1;
-    if (identity) return false;
+    if (identity) return;
 
     std::vector<int> position(slots, 0);
     for (int k = 0; k < n; ++k)
@@ -311,7 +331,9 @@ bool postorderColumns(int n, const std::vector<char>& bounds, OrderingResult& or
                     position[static_cast<std::size_t>(j)] + 1)
                 pairStart[static_cast<std::size_t>(position[static_cast<std::size_t>(j)] - 1)] = 1;
     }
-    return true;
+    order.insert(order.begin(), 0);
+    graph.order = std::move(order);
+    graph.position = std::move(position);
 }
 
 // Pairs of columns become pairs of supernodes. Returns a positive code when
@@ -371,16 +393,6 @@ void buildSchedule(int nsuper, OneBased<const int> sparent, int* pnlsch) {
     }
 }
 
-// The ordering graph in the positions of the permuted matrix: the
-// neighbours of position j (one-based positions) in adj[start[j-1] ..
-// start[j]-1]. The tree, the counts and the row structure each read every
-// neighbour list in position order; taken through perm and invp, each of
-// those reads would land at a random place of the graph.
-struct PositionGraph {
-    IntBlock start;
-    IntBlock adj;
-};
-
 PositionGraph positionGraph(int n, const OrderingResult& ord, MemoryCounter* memory) {
     const OneBased<const int> perm = oneBased(ord.perm.data());
     const OneBased<const int> invp = oneBased(ord.invp.data());
@@ -426,8 +438,9 @@ void buildRowStructure(int n, const PositionGraph& g, SymbolicResult& sym, Memor
     for (int i = 1; i <= n; ++i) {
         const int own = snode[i];
         const int first = xsup[own];
-        for (int k = g.start[i - 1]; k < g.start[i]; ++k) {
-            const int c = g.adj[k];
+        const int listed = g.source(i);
+        for (int k = g.start[listed - 1]; k < g.start[listed]; ++k) {
+            const int c = g.relabel(g.adj[k]);
             if (c >= first) continue;
             for (int t = snode[c]; t != own && mark[t] != i; t = sparent[t]) {
                 if (t == 0 || next[t] >= xlindx[t + 1]) throw SymbolicFailure{kStatusInconsistent};
@@ -738,10 +751,9 @@ SymbolicTimes symbolicFactorization(const SymbolicInput& in, OrderingResult& ord
                                  oneBased(out.colcnt.data()));
     std::vector<int> pairs;
     if (in.pairStart) pairs.assign(in.pairStart, in.pairStart + n);
-    if (in.postorder && n > 1 &&
+    if (in.postorder && n > 1)
         postorderColumns(n, rangeBounds(n, ord), ord, oneBased(out.parent.data()),
-                         oneBased(out.colcnt.data()), pairs))
-        graph = positionGraph(n, ord, in.memory);
+                         oneBased(out.colcnt.data()), pairs, graph);
     const int* pairStart = in.pairStart ? pairs.data() : nullptr;
     Supernodes sn = findSupernodes(
         n, std::max(2, in.maxsup), oneBased<const int>(out.parent.data()),

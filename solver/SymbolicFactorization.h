@@ -45,8 +45,9 @@ struct SymbolicInput {
     bool relax = true;
     // Renumber the columns in a postorder of the elimination tree inside
     // each range of the dissection (ord.perm and invp follow), so that more
-    // children end next to their parent and merge with it. Off for an order
-    // the caller gave, which is then used exactly (Driver.cpp says when).
+    // children end next to their parent and merge with it. The driver asks
+    // for it only for its own order cut into domains (Driver.cpp says why);
+    // a caller's order is used exactly.
     bool postorder = false;
     MemoryCounter* memory = nullptr;
 };

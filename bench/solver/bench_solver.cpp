@@ -19,8 +19,10 @@
 //        the photo tool's call on the three photographs (one thread unless
 //        --threads), for
 //        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
-//        analysis, factorization and solve times, nnz(L) and the factor's
-//        operations, against CHOLMOD's analysis with METIS and AMD.
+//        analysis, factorization and solve times (wall and processor
+//        time of the process, which other processes' load disturbs
+//        less), nnz(L), the factor's operations and the supernodes,
+//        against CHOLMOD's analysis with METIS and AMD.
 //        --photo K runs photograph K (0..2) only; --analysis-only stops
 //        after phase 11 (for instruction counts under callgrind)
 //   bench_solver --parallel [--reps R] [--quick]

@@ -65,23 +65,6 @@ ComplexProblem helmholtz(const char* name, int nx, int ny, int nz) {
     return p;
 }
 
-double residual(const ComplexProblem& p, const std::vector<Complex>& x,
-                const std::vector<Complex>& b) {
-    std::vector<Complex> r(b.size());
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            const int j = p.ja[k] - 1;
-            r[i] += p.a[k] * x[j];
-            if (j != i) r[j] += p.a[k] * x[i];
-        }
-    double rr = 0, bb = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-        rr += std::norm(r[i] - b[i]);
-        bb += std::norm(b[i]);
-    }
-    return std::sqrt(rr / bb);
-}
-
 struct Times {
     double analysis = 1e30, factorization = 1e30, solve = 1e30, residual = 0;
     std::string note;
@@ -109,7 +92,7 @@ Times runSpds(const ComplexProblem& p, const std::vector<Complex>& b, int reps) 
             t.analysis = std::min(t.analysis, stamp[1] - stamp[0]);
             t.factorization = std::min(t.factorization, stamp[2] - stamp[1]);
             t.solve = std::min(t.solve, stamp[3] - stamp[2]);
-            t.residual = residual(p, x, b);
+            t.residual = bench::residual(p, x, b);
         }
         int release = -1;
         spds(pt, &maxfct, &mnum, &mtype, &release, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
@@ -142,7 +125,7 @@ Times runZmumps(const ComplexProblem& p, const std::vector<Complex>& b, int reps
             std::vector<Complex> xs(x.size());
             for (std::size_t i = 0; i < x.size(); ++i)
                 xs[i] = Complex(x[i].r, x[i].i);
-            t.residual = residual(p, xs, b);
+            t.residual = bench::residual(p, xs, b);
         }
     }
 #else

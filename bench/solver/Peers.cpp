@@ -28,22 +28,6 @@ void Timing::keepBest(double an, double fa, double so) {
     solve = std::min(solve, so);
 }
 
-double residual(const Problem& p, const std::vector<double>& x, const std::vector<double>& b) {
-    std::vector<double> r(b.size(), 0.0);
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            const int j = p.ja[k] - 1;
-            r[i] += p.a[k] * x[j];
-            if (j != i) r[j] += p.a[k] * x[i];
-        }
-    double rr = 0, bb = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-        rr += (r[i] - b[i]) * (r[i] - b[i]);
-        bb += b[i] * b[i];
-    }
-    return std::sqrt(rr / (bb > 0 ? bb : 1));
-}
-
 Timing runCholmod(const Problem& p, const std::vector<double>& b, int repetitions) {
     Timing t;
     if (!p.definite) {

@@ -1,46 +1,5 @@
-// Speed of SPDS against its peers, in one run with one thread count.
-//
-//   bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
-//        full benchmark: matting Laplacians of three photographs at the
-//        working size, a 2D and a 3D Laplacian and a saddle-point system;
-//        analysis, factorization and solve of SPDS (single and double, the
-//        parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
-//        simplicial LDL^T; best of R repetitions (default 3), each peer's
-//        time as a ratio to SPDS single, and the residuals; --fundamental:
-//        SPDS without merging supernodes
-//   bench_solver --write-photo-mtx PHOTO FILE
-//        writes the matting Laplacian of a photograph for spds-solve
-//   bench_solver --analysis [WIDTH HEIGHT]
-//        analysis only (phase 11) on a matting-shaped pattern, against
-//        CHOLMOD's analysis of the same pattern
-//   bench_solver --write-mtx FILE [W H]  writes that pattern's system
-//   bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
-//                [--threads N] [--analysis-only]
-//        the photo tool's call on the three photographs (one thread unless
-//        --threads), for
-//        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
-//        analysis, factorization and solve times (wall and processor
-//        time of the process, which other processes' load disturbs
-//        less), nnz(L), the factor's operations and the supernodes,
-//        against CHOLMOD's analysis with METIS and AMD.
-//        --photo K runs photograph K (0..2) only; --analysis-only stops
-//        after phase 11 (for instruction counts under callgrind)
-//   bench_solver --parallel [--reps R] [--quick]
-//        thread scaling: factorization and solve on 1 and 2 threads of one
-//        analysis (single and double), the factor's rate against the
-//        sgemm/dgemm rate of the same run, whether the factors agree to the
-//        bit, and the tree model's speed-up for 4 to 64 threads
-//   bench_solver --complex [--threads N] [--reps R]
-//        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
-//        against MUMPS's complex solver, complex double for both
-//   bench_solver --kernels [--threads N] [--reps R] [--quick]
-//        the numeric factorization alone on 1 and N threads, wall and
-//        processor time (KernelBenchmark.cpp)
-//   bench_solver --blas-builds [--reps R] [--quick]
-//        that on 2 threads with each OpenBLAS build installed
-//   bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
-//        factorization and solve with the factor in files (limit a quarter
-//        of the factor) against in core, the bytes written and read
+// Speed of SPDS against its peers, in one run with one thread count; the
+// modes are listed in kUsage (bench_solver --help).
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -324,7 +283,59 @@ int analysisTable(int argc, char** argv) {
     return 0;
 }
 
+namespace {
+
+const char kUsage[] = R"(usage:
+  bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
+       full benchmark: matting Laplacians of three photographs at the
+       working size, a 2D and a 3D Laplacian and a saddle-point system;
+       analysis, factorization and solve of SPDS (single and double, the
+       parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
+       simplicial LDL^T; best of R repetitions (default 3), each peer's
+       time as a ratio to SPDS single, and the residuals; --fundamental:
+       SPDS without merging supernodes
+  bench_solver --write-photo-mtx PHOTO FILE
+       writes the matting Laplacian of a photograph for spds-solve
+  bench_solver --analysis [WIDTH HEIGHT]
+       analysis only (phase 11) on a matting-shaped pattern, against
+       CHOLMOD's analysis of the same pattern
+  bench_solver --write-mtx FILE [W H]  writes that pattern's system
+  bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
+               [--threads N] [--analysis-only]
+       the photo tool's call on the three photographs (one thread unless
+       --threads), for
+       each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
+       analysis, factorization and solve times (wall and processor
+       time of the process, which other processes' load disturbs
+       less), nnz(L), the factor's operations and the supernodes,
+       against CHOLMOD's analysis with METIS and AMD.
+       --photo K runs photograph K (0..2) only; --analysis-only stops
+       after phase 11 (for instruction counts under callgrind)
+  bench_solver --parallel [--reps R] [--quick]
+       thread scaling: factorization and solve on 1 and 2 threads of one
+       analysis (single and double), the factor's rate against the
+       sgemm/dgemm rate of the same run, whether the factors agree to the
+       bit, and the tree model's speed-up for 4 to 64 threads
+  bench_solver --complex [--threads N] [--reps R]
+       complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
+       against MUMPS's complex solver, complex double for both
+  bench_solver --kernels [--threads N] [--reps R] [--quick]
+       the numeric factorization alone on 1 and N threads, wall and
+       processor time (KernelBenchmark.cpp)
+  bench_solver --blas-builds [--reps R] [--quick]
+       that on 2 threads with each OpenBLAS build installed
+  bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
+       factorization and solve with the factor in files (limit a quarter
+       of the factor) against in core, the bytes written and read
+)";
+
+} // namespace
+
 int main(int argc, char** argv) {
+    if (argc >= 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis-photos")) return photoAnalysis(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);

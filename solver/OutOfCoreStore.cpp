@@ -42,6 +42,28 @@ int clampInt(std::int64_t v) {
     return v > 2147483647 ? 2147483647 : static_cast<int>(v);
 }
 
+// Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb),
+// by tiles so that both sides stay in cache; E is the scalar's size.
+template <std::size_t E>
+void transposeTiles(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
+                    std::byte* b, std::int64_t ldb) {
+    struct Item {
+        std::byte v[E];
+    };
+    const Item* A = reinterpret_cast<const Item*>(a);
+    Item* B = reinterpret_cast<Item*>(b);
+    constexpr std::int64_t kTile = 32;
+    for (std::int64_t j0 = 0; j0 < cols; j0 += kTile) {
+        const std::int64_t j1 = std::min(cols, j0 + kTile);
+        for (std::int64_t i0 = 0; i0 < rows; i0 += kTile) {
+            const std::int64_t i1 = std::min(rows, i0 + kTile);
+            for (std::int64_t j = j0; j < j1; ++j)
+                for (std::int64_t i = i0; i < i1; ++i)
+                    B[j + i * ldb] = A[i + j * lda];
+        }
+    }
+}
+
 [[noreturn]] void fail(int error, int msglvl, int row, const char* tag) {
     if (msglvl > 0) spds_message(0, row, 1, tag);
     throw OocFailure{error};
@@ -82,9 +104,10 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     // The limit is for the factor's panels: the window, the staging of the
     // files, the tables that say where each panel lies. The analysis and
     // the factorization's work arrays (iparm[62]) come on top, as in core.
-    // The window must hold a target and one of its sources.
+    // The window must hold a target and one of its sources, and a panel is
+    // turned by rows (or back) in a scratch block of its own.
     const std::int64_t base = f.tableBytes;
-    const std::int64_t least = 2 * f.largestPanel + 2 * kLeastStaging;
+    const std::int64_t least = 3 * f.largestPanel + 2 * kLeastStaging;
     std::int64_t available = limit * (std::int64_t(1) << 20) - base;
     if (available < least) {
         plan.error = kOocNotEnoughMemory;
@@ -93,7 +116,7 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     }
     // A sixteenth of the window for each file's staging, within bounds.
     plan.stagingBytes = std::clamp(available / 16, kLeastStaging, kStagingBytes);
-    available -= 2 * plan.stagingBytes;
+    available -= 2 * plan.stagingBytes + f.largestPanel;
     plan.windowBytes = available;
     plan.mode = available >= f.factorBytes ? 0 : 2;
     return plan;
@@ -192,7 +215,7 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
                                  const int* xlnz, int nsuper, std::int64_t scalarBytes,
                                  OocCounters* io)
     : m_nsuper(nsuper), m_lu(lu), m_keep(state.config.keepFile != 0), m_msglvl(state.msglvl),
-      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_io(io) {
+      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_scalar(scalarBytes), m_io(io) {
     char unique[48];
     if (slot > 1)
         std::snprintf(unique, sizeof unique, "_%ld_%d_%d", static_cast<long>(::getpid()),
@@ -208,10 +231,14 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
     m_uBytes.assign(count, 0);
     m_lOffset.assign(count, -1);
     m_uOffset.assign(count, -1);
+    m_height.assign(count, 0);
+    m_width.assign(count, 0);
     for (int sn = 1; sn <= nsuper; ++sn) {
         const int fst = xsup[sn - 1];
         const std::int64_t ws = xsup[sn] - fst;
         const std::int64_t hs = xlnz[fst] - xlnz[fst - 1];
+        m_height[static_cast<std::size_t>(sn)] = static_cast<int>(hs);
+        m_width[static_cast<std::size_t>(sn)] = static_cast<int>(ws);
         m_lBytes[static_cast<std::size_t>(sn)] = hs * ws * scalarBytes;
         m_uBytes[static_cast<std::size_t>(sn)] = lu ? (hs - ws) * ws * scalarBytes : 0;
         m_largest = std::max(m_largest, panelBytes(sn));
@@ -238,6 +265,32 @@ void OutOfCoreFactor::createFiles() {
     if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
     m_lw.staging = PanelBlock(m_staging);
     if (m_lu) m_uw.staging = PanelBlock(m_staging);
+    m_scratch = PanelBlock(m_largest);
+}
+
+void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int64_t cols,
+                                std::int64_t lda, std::byte* b, std::int64_t ldb) const {
+    switch (m_scalar) {
+    case 4:
+        transposeTiles<4>(a, rows, cols, lda, b, ldb);
+        break;
+    case 8:
+        transposeTiles<8>(a, rows, cols, lda, b, ldb);
+        break;
+    default:
+        transposeTiles<16>(a, rows, cols, lda, b, ldb);
+        break;
+    }
+}
+
+void OutOfCoreFactor::toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const {
+    const std::size_t k = static_cast<std::size_t>(sn);
+    const std::int64_t hs = m_height[k], ws = m_width[k];
+    std::memcpy(scratch, l, static_cast<std::size_t>(m_lBytes[k]));
+    transpose(scratch, ws, hs, ws, l, hs);
+    if (!m_lu || hs == ws) return;
+    std::memcpy(scratch, u, static_cast<std::size_t>(m_uBytes[k]));
+    transpose(scratch, ws, hs - ws, ws, u, hs - ws);
 }
 
 std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
@@ -283,14 +336,26 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
 
 void OutOfCoreFactor::append(int sn, const std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    m_lOffset[k] = put(m_lnz, m_lw, panel, m_lBytes[k]);
-    if (m_lu) m_uOffset[k] = put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k]);
+    const std::int64_t hs = m_height[k], ws = m_width[k];
+    std::byte* rows = m_scratch.get();
+    transpose(panel, hs, ws, hs, rows, ws);
+    m_lOffset[k] = put(m_lnz, m_lw, rows, m_lBytes[k]);
+    if (!m_lu) return;
+    transpose(panel + m_lBytes[k], hs - ws, ws, hs - ws, rows, ws);
+    m_uOffset[k] = put(m_unz, m_uw, rows, m_uBytes[k]);
 }
 
-void OutOfCoreFactor::readBack(int sn, std::byte* panel) {
+void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    get(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
-    if (m_lu) get(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
+    const std::int64_t ws = m_width[k];
+    const std::int64_t m = m_height[k] - from; // rows wanted of each side
+    const std::int64_t bytes = m * ws * m_scalar;
+    std::byte* rows = m_scratch.get();
+    get(m_lnz, m_lw, rows, bytes, m_lOffset[k] + from * ws * m_scalar);
+    transpose(rows, ws, m, ws, panel, m);
+    if (!m_lu) return;
+    get(m_unz, m_uw, rows, bytes, m_uOffset[k] + (from - ws) * ws * m_scalar);
+    transpose(rows, ws, m, ws, panel + bytes, m);
 }
 
 void OutOfCoreFactor::finishWriting() {
@@ -298,6 +363,7 @@ void OutOfCoreFactor::finishWriting() {
     if (m_lu) flush(m_unz, m_uw);
     m_lw.staging.reset();
     m_uw.staging.reset();
+    m_scratch.reset();
     m_lnz.close();
     m_unz.close();
     m_complete = true;
@@ -348,8 +414,8 @@ void PanelWindow::drop(int sn) {
     s.capacity = 0;
 }
 
-std::byte* PanelWindow::allocate(int sn) {
-    const std::int64_t bytes = std::max<std::int64_t>(1, m_files.panelBytes(sn));
+std::byte* PanelWindow::allocate(int sn, std::int64_t wanted) {
+    const std::int64_t bytes = std::max<std::int64_t>(1, wanted);
     auto fits = [bytes](std::int64_t capacity) {
         return capacity >= bytes && capacity <= 2 * bytes;
     };
@@ -364,8 +430,8 @@ std::byte* PanelWindow::allocate(int sn) {
     // Room: pooled blocks go first, then the idle panels read last. Only
     // idle panels are dropped, so the budget is exceeded by what the
     // threads hold at once when it must be.
-    const std::int64_t wanted = s.data ? 0 : bytes;
-    while (m_resident + m_pooled + wanted > m_budget) {
+    const std::int64_t growth = s.data ? 0 : bytes;
+    while (m_resident + m_pooled + growth > m_budget) {
         const int victim = m_idle.empty() ? 0 : std::prev(m_idle.end())->second;
         Slot& v = m_slots[static_cast<std::size_t>(victim)];
         if (victim != 0 && !s.data && fits(v.capacity)) {
@@ -413,29 +479,40 @@ void PanelWindow::release(int sn) {
 
 std::byte* PanelWindow::target(int sn) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return allocate(sn);
+    m_slots[static_cast<std::size_t>(sn)].from = 0;
+    return allocate(sn, m_files.panelBytes(sn));
 }
 
-std::byte* PanelWindow::load(int d) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+PanelWindow::Rows PanelWindow::load(int d, int from) {
+    std::unique_lock<std::mutex> lock(m_mutex);
     Slot& s = m_slots[static_cast<std::size_t>(d)];
+    // Readers come in the order of their rows, except when threads run two
+    // of them at once: a later reader may have read back fewer rows than an
+    // earlier one needs. Then the rows are read again once nobody holds them.
+    while (s.data && s.from > from && s.pins > 0)
+        m_unpinned.wait(lock);
+    if (s.data && s.from > from) drop(d);
     if (s.data) {
         if (s.listed) m_idle.erase(s.place);
         s.listed = false;
         ++s.pins;
-        return s.data.get();
+        return {s.data.get(), s.from};
     }
     // Read under the lock: another thread that wants d waits for it rather
     // than reading it twice.
-    std::byte* p = allocate(d);
-    m_files.readBack(d, p);
-    return p;
+    std::byte* p = allocate(d, m_files.tailBytes(d, from));
+    s.from = from;
+    m_files.readBack(d, from, p);
+    return {p, from};
 }
 
 void PanelWindow::used(int d) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_read[static_cast<std::size_t>(d)];
-    release(d);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_read[static_cast<std::size_t>(d)];
+        release(d);
+    }
+    m_unpinned.notify_all();
 }
 
 void PanelWindow::finish(int sn) {
@@ -463,6 +540,7 @@ PanelReader::PanelReader(const OutOfCoreFactor& files, std::vector<int> order,
     }
     m_capacity = std::max(m_capacity, sum);
     m_bounds.push_back(m_order.size());
+    m_scratch = PanelBlock(files.largestPanel());
     const std::size_t chunks = m_bounds.size() - 1;
     for (std::size_t k = 0; k < 2 && k < chunks; ++k)
         m_chunks[k].data =
@@ -497,7 +575,7 @@ void PanelReader::fill(Chunk& c) {
             hi = std::max(hi, off + b);
             sum += b;
         }
-        std::vector<const std::byte*>& ptr = upper ? c.u : c.l;
+        std::vector<std::byte*>& ptr = upper ? c.u : c.l;
         if (sum == 0) {
             std::fill(ptr.begin(), ptr.end(), at);
             return at;
@@ -523,6 +601,8 @@ void PanelReader::fill(Chunk& c) {
     };
     std::byte* after = readSide(false, base);
     if (m_files.lu()) readSide(true, after);
+    for (std::size_t i = 0; i < count; ++i)
+        m_files.toColumns(m_order[c.first + i], c.l[i], c.u[i], m_scratch.get());
 }
 
 void PanelReader::run() {

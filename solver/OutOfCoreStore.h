@@ -8,7 +8,10 @@
 // (structure, pivots, work arrays) stays in memory as in core.
 //
 // Files. Per factor slot one file of L panels (".lnz") and, for LU, one of
-// U panels (".unz"), raw scalars in machine order, no header. Names are
+// U panels (".unz"), raw scalars in machine order, no header. Each panel is
+// stored by rows (the transpose of its in-memory layout), so that the rows
+// from a given one down, which are all a later update reads of a source,
+// are one contiguous run of the file. Names are
 // <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
 // the others: created with O_EXCL, so two handles or two processes never
 // share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
@@ -188,15 +191,25 @@ public:
     std::int64_t lBytes(int sn) const { return m_lBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t uBytes(int sn) const { return m_uBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t panelBytes(int sn) const { return lBytes(sn) + uBytes(sn); }
+    // Bytes of the rows `from` .. end of sn's L panel, and as many of U.
+    std::int64_t tailBytes(int sn, int from) const {
+        const std::size_t k = static_cast<std::size_t>(sn);
+        return static_cast<std::int64_t>(m_height[k] - from) * m_width[k] * m_scalar *
+               (m_lu ? 2 : 1);
+    }
+    int height(int sn) const { return m_height[static_cast<std::size_t>(sn)]; }
+    int width(int sn) const { return m_width[static_cast<std::size_t>(sn)]; }
     std::int64_t largestPanel() const { return m_largest; }
     std::int64_t totalBytes() const { return m_total; }
     std::vector<std::string> paths() const;
 
     // Factorization: create, append each finished panel (L then U, in one
-    // block of panelBytes), read one back, finish.
+    // block of panelBytes), read one back, finish. readBack brings the rows
+    // from `from` down (of U: from - width), each side by columns with the
+    // leading dimension height - from, the U side after the L side.
     void createFiles();
     void append(int sn, const std::byte* panel);
-    void readBack(int sn, std::byte* panel);
+    void readBack(int sn, int from, std::byte* panel);
     void finishWriting();
 
     // Solve: open by name; chunk reads of consecutive panels.
@@ -206,6 +219,9 @@ public:
     std::int64_t uOffset(int sn) const { return m_uOffset[static_cast<std::size_t>(sn)]; }
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
+    // Turns sn's panels as read from the files (by rows) into the layout of
+    // memory (by columns), in place; scratch holds largestPanel() bytes.
+    void toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const;
     OocCounters& counters() const { return *m_io; }
     bool complete() const { return m_complete; }
 
@@ -219,6 +235,9 @@ private:
     std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
     void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
              std::int64_t offset);
+    // Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb).
+    void transpose(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
+                   std::byte* b, std::int64_t ldb) const;
     void flush(OocFile& file, Writer& w);
 
     int m_nsuper;
@@ -226,7 +245,10 @@ private:
     bool m_keep;
     int m_msglvl;
     std::int64_t m_staging;
+    std::int64_t m_scalar;
     bool m_complete = false;
+    std::vector<int> m_height, m_width;           // by supernode, one-based
+    PanelBlock m_scratch;                         // a panel turned by rows or back
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
     std::vector<std::int64_t> m_lOffset, m_uOffset;
     std::int64_t m_largest = 0;
@@ -237,7 +259,9 @@ private:
 };
 
 // The factorization's panels in memory: the targets being built, and the
-// finished ones that later targets still read, up to a budget. When room is
+// finished ones that later targets still read, up to a budget. A panel read
+// back holds only the rows from the first one its reader needs down: a
+// source's later readers are its ancestors, whose rows lie further down. When room is
 // needed, the panel whose next reader comes last in the schedule goes first
 // (it would stay unread the longest), and a panel that no target needs any
 // more goes at once; a dropped panel's block serves a later panel of about
@@ -251,10 +275,16 @@ public:
     PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
                 std::vector<int> readers);
 
-    std::byte* target(int sn); // a block for sn's panels
-    std::byte* load(int d);    // d's panels, read back if they were dropped
-    void used(int d);          // d has served one more target
-    void finish(int sn);       // writes sn's panels
+    // What a source holds: its L rows from `from` down by columns, leading
+    // dimension height - from, then as many rows of U.
+    struct Rows {
+        const std::byte* data;
+        int from;
+    };
+    std::byte* target(int sn);  // a block for sn's panels
+    Rows load(int d, int from); // d's rows from `from` on, read back if they were dropped
+    void used(int d);           // d has served one more target
+    void finish(int sn);        // writes sn's panels
     // The panels of a held supernode.
     std::byte* at(int sn) const { return m_at[static_cast<std::size_t>(sn)]; }
     std::int64_t peakBytes() const { return m_peak; }
@@ -266,6 +296,7 @@ private:
         bool listed = false;
         int pins = 0;
         std::int64_t capacity = 0; // bytes of data, at least the panel's
+        int from = 0;              // first row held
     };
     // Place of the next reader of d, past every place when none is left.
     int nextReader(int d) const {
@@ -275,7 +306,7 @@ private:
     }
     void drop(int sn);
     void release(int sn);
-    std::byte* allocate(int sn);
+    std::byte* allocate(int sn, std::int64_t bytes);
 
     OutOfCoreFactor& m_files;
     std::int64_t m_budget;
@@ -289,6 +320,7 @@ private:
     std::int64_t m_pooled = 0;
     std::int64_t m_peak = 0;
     std::mutex m_mutex;
+    std::condition_variable m_unpinned;
 };
 
 // The panels of a factor in a given order of supernodes, read ahead by a
@@ -314,7 +346,7 @@ private:
     struct Chunk {
         std::size_t first = 0, last = 0; // positions in the order
         PanelBlock data;
-        std::vector<const std::byte*> l, u; // by position from `first`
+        std::vector<std::byte*> l, u; // by position from `first`
         bool ready = false;
     };
     void fill(Chunk& c);
@@ -324,6 +356,7 @@ private:
     std::vector<int> m_order;
     std::vector<std::size_t> m_bounds; // chunk k: positions m_bounds[k] .. m_bounds[k+1]-1
     std::int64_t m_capacity = 0;
+    PanelBlock m_scratch; // the reader thread's, to turn panels by columns
     Chunk m_chunks[2];
     std::size_t m_chunk = 0;    // chunk being handed out
     bool m_holding = false;     // the caller may read m_chunks[m_chunk % 2]

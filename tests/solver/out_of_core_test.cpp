@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <complex>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -124,23 +125,23 @@ void expectSameAsInCore(const System& s, int limitMb) {
     std::vector<std::string> during;
     ASSERT_EQ(solveWith(s, 2, outOfCore, iparm, &folder, &during), 0) << iparm[14];
     EXPECT_EQ(iparm[55], 2) << "the window should hold only part of the factor";
-    EXPECT_TRUE(sameBits(inCore, outOfCore))
-        << relativeDifference(std::vector<double>(inCore.begin(), inCore.end()),
-                              std::vector<double>(outOfCore.begin(), outOfCore.end()));
+    EXPECT_TRUE(sameBits(inCore, outOfCore)) << s.mtype;
     const std::string own = "run_" + std::to_string(::getpid()) + "_";
     ASSERT_FALSE(during.empty());
     for (const std::string& f : during)
         EXPECT_EQ(f.rfind(own, 0), 0u) << f;
-    EXPECT_EQ(during.size(), s.mtype == 11 ? 2u : 1u) << "one file of L, and one of U for LU";
+    EXPECT_EQ(during.size(), s.mtype == 11 || s.mtype == 13 ? 2u : 1u)
+        << "one file of L, and one of U for LU";
     EXPECT_TRUE(folder.files().empty()) << "files outlived their handle";
 }
 
 TEST(OutOfCore, SameBitsAsInCore) {
     // Limits small enough that panels stream, for each factor kind.
-    expectSameAsInCore<double>(laplacian3d(16, 2), 1);
-    expectSameAsInCore<double>(laplacian3d(16, -2, -0.5), 1);
+    expectSameAsInCore<double>(laplacian3d(16, 2), 2);
+    expectSameAsInCore<double>(laplacian3d(16, -2, -0.5), 2);
     expectSameAsInCore<double>(laplacian3d(16, 11), 2);
     expectSameAsInCore<float>(laplacian3d(18, 2), 2);
+    expectSameAsInCore<std::complex<double>>(laplacian3d(14, 13), 3);
 }
 
 TEST(OutOfCore, DecisionAndLimits) {
@@ -155,7 +156,7 @@ TEST(OutOfCore, DecisionAndLimits) {
         bool files;   // files exist between factorization and solve
     } rows[] = {
         {"mode 1 with room stays in core", 1, 2000, 0, -1, false},
-        {"mode 1 without room goes out of core", 1, 1, 0, 2, true},
+        {"mode 1 without room goes out of core", 1, 2, 0, 2, true},
         {"mode 2 with room keeps every panel in the window", 2, 2000, 0, 0, true},
         {"a limit below two panels", 2, 0, -9, -1, false},
     };

@@ -43,23 +43,26 @@ int clampInt(std::int64_t v) {
 }
 
 // Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb),
-// by tiles so that both sides stay in cache; E is the scalar's size.
-template <std::size_t E>
+// by tiles so that both sides stay in cache; Item has the scalar's size.
+struct Pair {
+    std::uint64_t a, b;
+};
+template <class Item>
 void transposeTiles(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
                     std::byte* b, std::int64_t ldb) {
-    struct Item {
-        std::byte v[E];
-    };
     const Item* A = reinterpret_cast<const Item*>(a);
     Item* B = reinterpret_cast<Item*>(b);
-    constexpr std::int64_t kTile = 32;
+    constexpr std::int64_t kTile = 16;
     for (std::int64_t j0 = 0; j0 < cols; j0 += kTile) {
         const std::int64_t j1 = std::min(cols, j0 + kTile);
         for (std::int64_t i0 = 0; i0 < rows; i0 += kTile) {
             const std::int64_t i1 = std::min(rows, i0 + kTile);
-            for (std::int64_t j = j0; j < j1; ++j)
-                for (std::int64_t i = i0; i < i1; ++i)
-                    B[j + i * ldb] = A[i + j * lda];
+            for (std::int64_t i = i0; i < i1; ++i) {
+                Item* bi = B + i * ldb;
+                const Item* ai = A + i;
+                for (std::int64_t j = j0; j < j1; ++j)
+                    bi[j] = ai[j * lda];
+            }
         }
     }
 }
@@ -272,13 +275,13 @@ void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int6
                                 std::int64_t lda, std::byte* b, std::int64_t ldb) const {
     switch (m_scalar) {
     case 4:
-        transposeTiles<4>(a, rows, cols, lda, b, ldb);
+        transposeTiles<std::uint32_t>(a, rows, cols, lda, b, ldb);
         break;
     case 8:
-        transposeTiles<8>(a, rows, cols, lda, b, ldb);
+        transposeTiles<std::uint64_t>(a, rows, cols, lda, b, ldb);
         break;
     default:
-        transposeTiles<16>(a, rows, cols, lda, b, ldb);
+        transposeTiles<Pair>(a, rows, cols, lda, b, ldb);
         break;
     }
 }

@@ -15,7 +15,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -127,25 +126,12 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
 
 // ---- PanelBlock ----
 
-PanelBlock::PanelBlock(std::int64_t bytes) : m_bytes(std::max<std::int64_t>(1, bytes)) {
-    constexpr std::int64_t kMapFrom = std::int64_t(64) << 10;
-    if (m_bytes >= kMapFrom) {
-        void* p = ::mmap(nullptr, static_cast<std::size_t>(m_bytes), PROT_READ | PROT_WRITE,
-                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (p == MAP_FAILED) throw std::bad_alloc();
-        m_data = static_cast<std::byte*>(p);
-        m_mapped = true;
-    } else {
-        m_data = static_cast<std::byte*>(::operator new(static_cast<std::size_t>(m_bytes)));
-    }
-}
+PanelBlock::PanelBlock(std::int64_t bytes)
+    : m_data(static_cast<std::byte*>(
+          ::operator new(static_cast<std::size_t>(std::max<std::int64_t>(1, bytes))))) {}
 
 void PanelBlock::reset() {
-    if (!m_data) return;
-    if (m_mapped)
-        ::munmap(m_data, static_cast<std::size_t>(m_bytes));
-    else
-        ::operator delete(m_data);
+    ::operator delete(m_data);
     m_data = nullptr;
 }
 

@@ -801,6 +801,8 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
         const int slot = static_cast<int>(&row - h.factors.data()) + 1;
         row.outOfCore = std::make_unique<OutOfCoreFactor>(
             h.ooc, slot, lu, s.xsup.data(), s.xlnz.data(), s.nsuper, sizeof(T), &h.ooc.io);
+        // The figures of the statistics are those since the last factorization.
+        h.ooc.io = OocCounters{};
         row.outOfCore->createFiles();
         worker.outOfCore = row.outOfCore.get();
         worker.windowBytes = h.ooc.windowBytes;

@@ -320,7 +320,7 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
     const double t0 = wallSeconds();
     file.readAt(to, bytes, offset, m_msglvl);
     m_io->factorReadSeconds += wallSeconds() - t0;
-    m_io->bytesRead += bytes;
+    m_io->factorBytesRead += bytes;
 }
 
 void OutOfCoreFactor::append(int sn, const std::byte* panel) {
@@ -619,7 +619,7 @@ void PanelReader::run() {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             io.solveReadSeconds += wallSeconds() - t0;
-            io.bytesRead += bytes;
+            io.solveBytesRead += bytes;
             m_error = error;
             c.ready = error == 0;
         }

@@ -95,7 +95,8 @@ private:
 
 struct OocCounters {
     std::int64_t bytesWritten = 0;
-    std::int64_t bytesRead = 0; // factorization and solve
+    std::int64_t factorBytesRead = 0; // panels read back by the factorization
+    std::int64_t solveBytesRead = 0;
     double writeSeconds = 0;
     double factorReadSeconds = 0;
     double solveReadSeconds = 0;

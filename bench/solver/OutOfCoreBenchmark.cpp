@@ -90,15 +90,15 @@ Measured run(const Problem& p, int ooc, int reps) {
     m.mode = iparm[55];
     auto* h = skyrinse::spds::handleOf(pt);
     for (int r = 0; r < reps && m.error == 0; ++r) {
-        const auto before = h->ooc.io;
         m.factor = std::min(m.factor, call(22));
         m.factorCpu = std::min(m.factorCpu, cpu);
-        m.written = h->ooc.io.bytesWritten - before.bytesWritten;
-        m.readBack = h->ooc.io.bytesRead - before.bytesRead;
+        // The counters start again with each factorization.
+        m.written = h->ooc.io.bytesWritten;
+        m.readBack = h->ooc.io.factorBytesRead;
         const auto mid = h->ooc.io;
         m.solve = std::min(m.solve, call(33));
         m.solveCpu = std::min(m.solveCpu, cpu);
-        m.read = h->ooc.io.bytesRead - mid.bytesRead;
+        m.read = h->ooc.io.solveBytesRead - mid.solveBytesRead;
         if (ooc != 0) {
             dropFromCache(h);
             m.coldSolve = std::min(m.coldSolve, call(33));

@@ -177,6 +177,41 @@ TEST(OutOfCore, DecisionAndLimits) {
     }
 }
 
+// The statistics show the files' share of the time and the bytes moved,
+// only when the factor was in files.
+TEST(OutOfCore, StatisticsShowTheFiles) {
+    const System s = laplacian3d(8, 2);
+    TempFolder folder;
+    OocEnv env(folder.path.string(), folder.stem(), 4);
+    for (int mode : {0, 2}) {
+        SpdsRun<double> run(s);
+        run.iparm[59] = mode;
+        run.msglvl = 1;
+        std::vector<double> b(static_cast<std::size_t>(s.n), 1.0), x(b.size());
+        testing::internal::CaptureStdout();
+        const int error = run.call(12) + run.call(33, &b, &x);
+        const std::string out = testing::internal::GetCapturedStdout();
+        ASSERT_EQ(error, 0);
+        const std::size_t mb = out.rfind("Out of core Mb"); // the solve's report
+        EXPECT_EQ(mb != std::string::npos, mode == 2) << out;
+        if (mode != 2) continue;
+        // Factorization: the whole factor written once; the solve reads it
+        // back in each pass.
+        double written = 0, readBack = -1, solveRead = 0;
+        const char* p = out.c_str() + out.find("write to files :", mb);
+        EXPECT_EQ(std::sscanf(p,
+                              " write to files : %lf Mb read from files: %lf Mb Solution "
+                              "step: read from files: %lf",
+                              &written, &readBack, &solveRead),
+                  3)
+            << p;
+        EXPECT_GT(written, 0.0);
+        EXPECT_GE(readBack, 0.0);
+        EXPECT_GE(solveRead, written) << "a solve reads every panel at least once";
+        EXPECT_NE(out.find("Factorization:\tTime for writing to files"), std::string::npos);
+    }
+}
+
 // Two handles at once never share a name; a new analysis, a failed call
 // and phase -1 each remove what the handle had; keeping files is asked for.
 TEST(OutOfCore, FilesBelongToTheirHandle) {

@@ -14,7 +14,9 @@
 #include <new>
 #include <utility>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,6 +66,53 @@ void transposeTiles(const std::byte* a, std::int64_t rows, std::int64_t cols, st
             }
         }
     }
+}
+
+// Reads a run of decimal digits at `p`; false when there is none.
+bool digits(const char*& p, long& value) {
+    if (*p < '0' || *p > '9') return false;
+    value = 0;
+    while (*p >= '0' && *p <= '9' && value < 100000000)
+        value = value * 10 + (*p++ - '0');
+    return *p < '0' || *p > '9';
+}
+
+// The process that wrote `name`, when it is one of our file names for this
+// stem: <base>_<pid>_<handle>[_<slot>][-<part>].lnz or .unz; else 0.
+long writerOf(const char* name, const std::string& base) {
+    if (std::strncmp(name, base.c_str(), base.size()) != 0) return 0;
+    const char* p = name + base.size();
+    long pid = 0, number = 0;
+    if (*p++ != '_' || !digits(p, pid) || *p++ != '_' || !digits(p, number)) return 0;
+    if (*p == '_' && !digits(++p, number)) return 0;
+    if (*p == '-' && !digits(++p, number)) return 0;
+    if (std::strcmp(p, ".lnz") != 0 && std::strcmp(p, ".unz") != 0) return 0;
+    return pid;
+}
+
+// A process killed outright (SIGKILL, the machine's memory killer) leaves
+// its files behind. Those of the same stem whose process no longer exists
+// are removed when new files are made; only regular files of this user
+// that carry exactly our name pattern, so nothing else in the folder is
+// touched. A process id that was taken again by another process keeps its
+// files until that one ends.
+void removeOrphans(const std::string& stem) {
+    const std::size_t slash = stem.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : stem.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? stem : stem.substr(slash + 1);
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return;
+    const long self = static_cast<long>(::getpid());
+    while (const dirent* e = ::readdir(dir)) {
+        const long pid = writerOf(e->d_name, base);
+        if (pid <= 0 || pid == self) continue;
+        if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+        struct stat st {};
+        if (::fstatat(::dirfd(dir), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) continue;
+        ::unlinkat(::dirfd(dir), e->d_name, 0);
+    }
+    ::closedir(dir);
 }
 
 [[noreturn]] void fail(int error, int msglvl, int row, const char* tag) {
@@ -212,7 +261,8 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
     else
         std::snprintf(unique, sizeof unique, "_%ld_%d", static_cast<long>(::getpid()),
                       state.serial);
-    const std::string stem = state.config.stem + unique;
+    m_stem = state.config.stem;
+    const std::string stem = m_stem + unique;
     m_lnz.setPath(stem + ".lnz");
     m_unz.setPath(lu ? stem + ".unz" : std::string());
     const std::size_t count = static_cast<std::size_t>(nsuper) + 1;
@@ -250,6 +300,8 @@ std::vector<std::string> OutOfCoreFactor::paths() const {
 }
 
 void OutOfCoreFactor::createFiles() {
+    // Kept files are meant to stay, whoever left them.
+    if (!m_keep) removeOrphans(m_stem);
     m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
     if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
     m_lw.staging = PanelBlock(m_staging);

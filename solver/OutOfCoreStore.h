@@ -242,6 +242,7 @@ private:
     int m_msglvl;
     std::int64_t m_staging;
     std::int64_t m_scalar;
+    std::string m_stem; // as configured, without the process and handle
     bool m_complete = false;
     std::vector<int> m_height, m_width;           // by supernode, one-based
     PanelBlock m_scratch;                         // a panel turned by rows or back

@@ -238,6 +238,30 @@ TEST(OutOfCore, FilesBelongToTheirHandle) {
         kept.release();
         EXPECT_EQ(folder.files().size(), 1u) << "SPDS_OOC_KEEP_FILE=1 keeps a finished factor";
     }
+    // Files of a process that died without cleaning up go with the next
+    // factor of the stem, when files are not kept; nothing else does.
+    const pid_t dead = ::fork();
+    if (dead == 0) ::_exit(0);
+    ::waitpid(dead, nullptr, 0);
+    const std::string d = std::to_string(dead), live = std::to_string(::getppid());
+    const std::vector<std::string> orphans = {"run_" + d + "_1.lnz", "run_" + d + "_3_2.unz",
+                                              "run_" + d + "_1-2.lnz"};
+    std::vector<std::string> others = {"run_" + live + "_1.lnz", "run_" + d + "_1.lnz.bak",
+                                       "runs_" + d + "_1.lnz", "run_" + d + "_x.lnz",
+                                       folder.files().front()};
+    for (const std::string& f : orphans)
+        std::ofstream(folder.path / f) << "x";
+    for (std::size_t i = 0; i + 1 < others.size(); ++i)
+        std::ofstream(folder.path / others[i]) << "x";
+    {
+        OocEnv env(folder.path.string(), folder.stem(), 4);
+        SpdsRun<double> run(s);
+        run.iparm[59] = 2;
+        ASSERT_EQ(run.call(12), 0);
+        run.release();
+    }
+    std::sort(others.begin(), others.end());
+    EXPECT_EQ(folder.files(), others);
 }
 
 // ---- failures ----------------------------------------------------------------

@@ -169,8 +169,33 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     plan.stagingBytes = std::clamp(available / 16, kLeastStaging, kStagingBytes);
     available -= 2 * plan.stagingBytes + f.largestPanel;
     plan.windowBytes = available;
-    plan.mode = available >= f.factorBytes ? 0 : 2;
+    // Every panel fits; or the panels of one domain and of the separators
+    // above it do, which is what a target ever reads at once; or panels
+    // stream. The window code is the same for all three: what differs is
+    // how often a dropped panel has to come back.
+    if (available >= f.factorBytes)
+        plan.mode = 0;
+    else if (f.largestBranch > 0 && f.largestBranch <= available)
+        plan.mode = 3;
+    else
+        plan.mode = 2;
     return plan;
+}
+
+std::int64_t largestBranch(const std::vector<std::int64_t>& domainBytes,
+                           const std::vector<std::int64_t>& separatorBytes) {
+    const std::size_t leaves = domainBytes.size();
+    if (leaves < 2 || (leaves & (leaves - 1)) != 0 || separatorBytes.size() + 1 != leaves) return 0;
+    // Children before parents: the separators come in the order of a walk
+    // that finishes both halves of a part before its own separator.
+    std::size_t next = 0;
+    auto walk = [&](auto&& self, std::size_t first, std::size_t count) -> std::int64_t {
+        if (count == 1) return domainBytes[first];
+        const std::int64_t left = self(self, first, count / 2);
+        const std::int64_t right = self(self, first + count / 2, count / 2);
+        return separatorBytes[next++] + std::max(left, right);
+    };
+    return walk(walk, 0, leaves);
 }
 
 // ---- PanelBlock ----

@@ -108,7 +108,9 @@ struct OutOfCoreState {
     OocConfig config;
     int serial = 0;      // this handle's number in the process
     bool active = false; // the current analysis keeps its factors in files
-    int mode = -1;       // iparm[55]: -1 none, 0 the window holds every panel, 2 panels stream
+    int mode = -1;       // iparm[55]: -1 none, 0 the window holds every panel, 3 it holds
+                         // the largest branch of the dissection, 2 panels stream
+    int parts = 0;       // with mode 3: the dissection's domains
     std::int64_t windowBytes = 0;
     std::int64_t stagingBytes = 0;
     int status = 0; // -9, -10, -11 of the last call, 0 otherwise
@@ -127,6 +129,11 @@ struct OocFigures {
     std::int64_t lindxSize = 0;    // row indices of the supernodes
     std::int64_t largestPanel = 0; // bytes of the largest L+U panel
     std::int64_t tableBytes = 0;   // where each panel lies, how often it is read
+    // The dissection's parts as a binary tree (a domain, then the
+    // separators above it up to the root): the largest sum of panel bytes
+    // along one such branch; 0 when the parts do not form that tree.
+    std::int64_t largestBranch = 0;
+    int parts = 0; // domains of that tree
 };
 
 struct OocPlan {
@@ -144,6 +151,13 @@ struct OocPlan {
 
 // requested: iparm[59] (0, 1 or 2); limitMb: the configured limit.
 OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& figures);
+
+// The largest branch of a dissection into `domains` parts (a power of 2)
+// given the bytes of each domain and of each separator in the order the
+// dissection numbers them (children before their parent); 0 when the
+// counts do not make a whole binary tree.
+std::int64_t largestBranch(const std::vector<std::int64_t>& domainBytes,
+                           const std::vector<std::int64_t>& separatorBytes);
 
 // One temporary file; closing does not remove it (its owner decides).
 class OocFile {

@@ -4,6 +4,7 @@
 // peak run in a child process (this program, re-run with one case named in
 // SPDS_OOC_TEST_CHILD).
 #include "OutOfCoreConfig.h"
+#include "OutOfCoreStore.h"
 #include "SpdsTest.h"
 
 #include <gtest/gtest.h>
@@ -99,9 +100,11 @@ bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
 // iparm of the run come back.
 template <class T>
 int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = nullptr,
-              const TempFolder* watch = nullptr, std::vector<std::string>* seen = nullptr) {
+              const TempFolder* watch = nullptr, std::vector<std::string>* seen = nullptr,
+              int ordering = -1) {
     SpdsRun<T> run(s);
     run.iparm[59] = mode;
+    if (ordering >= 0) run.iparm[1] = ordering;
     std::vector<T> b(static_cast<std::size_t>(s.n));
     for (int i = 0; i < s.n; ++i)
         b[static_cast<std::size_t>(i)] = static_cast<T>(1.0 + (i % 7) * 0.25);
@@ -154,11 +157,13 @@ TEST(OutOfCore, DecisionAndLimits) {
         int error;
         int reported; // iparm[55]
         bool files;   // files exist between factorization and solve
+        int ordering = -1;
     } rows[] = {
         {"mode 1 with room stays in core", 1, 2000, 0, -1, false},
         {"mode 1 without room goes out of core", 1, 2, 0, 2, true},
         {"mode 2 with room keeps every panel in the window", 2, 2000, 0, 0, true},
         {"a limit below two panels", 2, 0, -9, -1, false},
+        {"dissected into parts, the largest branch fits", 2, 3, 0, 3, true, 3},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
@@ -166,7 +171,7 @@ TEST(OutOfCore, DecisionAndLimits) {
         std::vector<double> x;
         int iparm[64] = {};
         std::vector<std::string> seen;
-        EXPECT_EQ(solveWith(s, r.mode, x, iparm, &folder, &seen), r.error);
+        EXPECT_EQ(solveWith(s, r.mode, x, iparm, &folder, &seen, r.ordering), r.error);
         EXPECT_EQ(iparm[55], r.reported);
         EXPECT_EQ(!seen.empty(), r.files);
         EXPECT_GE(iparm[60], iparm[61]);
@@ -177,8 +182,26 @@ TEST(OutOfCore, DecisionAndLimits) {
     }
 }
 
+TEST(OutOfCore, LargestBranchOfTheDissection) {
+    using skyrinse::spds::largestBranch;
+    struct Row {
+        std::vector<std::int64_t> domains, separators;
+        std::int64_t expected;
+    } rows[] = {
+        {{1, 2}, {3}, 5},
+        // Separators children first: over 0-1, over 2-3, the root.
+        {{5, 1, 1, 9}, {1, 2, 10}, 21},
+        {{5, 1, 1, 1}, {1, 2, 10}, 16},
+        {{1, 2, 3}, {1, 1}, 0}, // not a power of 2
+        {{1, 2}, {}, 0},        // a separator missing
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(largestBranch(r.domains, r.separators), r.expected);
+}
+
 // The statistics show the files' share of the time and the bytes moved,
-// only when the factor was in files.
+// and the second level the storage scheme, only when the factor was in
+// files.
 TEST(OutOfCore, StatisticsShowTheFiles) {
     const System s = laplacian3d(8, 2);
     TempFolder folder;
@@ -186,7 +209,7 @@ TEST(OutOfCore, StatisticsShowTheFiles) {
     for (int mode : {0, 2}) {
         SpdsRun<double> run(s);
         run.iparm[59] = mode;
-        run.msglvl = 1;
+        run.msglvl = 2;
         std::vector<double> b(static_cast<std::size_t>(s.n), 1.0), x(b.size());
         testing::internal::CaptureStdout();
         const int error = run.call(12) + run.call(33, &b, &x);
@@ -194,6 +217,8 @@ TEST(OutOfCore, StatisticsShowTheFiles) {
         ASSERT_EQ(error, 0);
         const std::size_t mb = out.rfind("Out of core Mb"); // the solve's report
         EXPECT_EQ(mb != std::string::npos, mode == 2) << out;
+        EXPECT_EQ(out.find("algorithm of OOC SPDS is run; comi(60)=1") != std::string::npos,
+                  mode == 2);
         if (mode != 2) continue;
         // Factorization: the whole factor written once; the solve reads it
         // back in each pass.

@@ -211,32 +211,64 @@ void PanelBlock::reset() {
 
 // ---- OocFile ----
 
-void OocFile::create(const char* tag, int msglvl) {
-    close();
+std::string OocFile::partPath(int k) const {
+    if (k == 0) return m_path;
+    const std::size_t dot = m_path.rfind('.');
+    const std::size_t slash = m_path.rfind('/');
+    const bool extension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    std::string number(1, '-');
+    number += std::to_string(k + 1);
+    std::string out = m_path;
+    out.insert(extension ? dot : out.size(), number);
+    return out;
+}
+
+void OocFile::createPart(int k, const char* tag, int msglvl) {
     // The name is this handle's: what lies there is a file it kept from an
     // earlier factor, or one of a dead process that had the same pid. The
     // new factor replaces it; O_EXCL then makes sure that the file written
     // is a new one, not something put in its place (a link elsewhere).
-    ::unlink(m_path.c_str());
-    m_fd = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+    const std::string path = partPath(k);
+    ::unlink(path.c_str());
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+    m_fds.resize(static_cast<std::size_t>(k) + 1, -1);
+    m_fds[static_cast<std::size_t>(k)] = fd;
+    m_parts = std::max(m_parts, k + 1);
+}
+
+void OocFile::create(const char* tag, int msglvl) {
+    remove();
+    m_createTag = tag;
+    // Further parts of a kept factor of the same name go as well.
+    for (int k = 1; ::unlink(partPath(k).c_str()) == 0; ++k) {
+    }
+    createPart(0, tag, msglvl);
 }
 
 void OocFile::openRead(const char* tag, int msglvl) {
     close();
-    m_fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
-    ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    m_fds.assign(static_cast<std::size_t>(std::max(1, m_parts)), -1);
+    for (std::size_t k = 0; k < m_fds.size(); ++k) {
+        m_fds[k] = ::open(partPath(static_cast<int>(k)).c_str(), O_RDONLY | O_CLOEXEC);
+        if (m_fds[k] < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+        ::posix_fadvise(m_fds[k], 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
 }
 
 void OocFile::close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
+    for (int& fd : m_fds) {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
 }
 
 void OocFile::remove() {
     close();
-    if (!m_path.empty()) ::unlink(m_path.c_str());
+    if (m_path.empty()) return;
+    for (int k = 0; k < std::max(1, m_parts); ++k)
+        ::unlink(partPath(k).c_str());
+    m_parts = 0;
 }
 
 bool OocFile::exists() const {
@@ -247,8 +279,13 @@ bool OocFile::exists() const {
 void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl) {
     const char* p = static_cast<const char*>(data);
     while (bytes > 0) {
+        const int k = static_cast<int>(offset / m_partBytes);
+        const std::int64_t within = offset % m_partBytes;
+        if (k >= static_cast<int>(m_fds.size()) || m_fds[static_cast<std::size_t>(k)] < 0)
+            createPart(k, m_createTag, msglvl);
+        const std::int64_t room = std::min({bytes, kLargestCall, m_partBytes - within});
         const ssize_t w =
-            ::pwrite(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+            ::pwrite(m_fds[static_cast<std::size_t>(k)], p, static_cast<std::size_t>(room), within);
         if (w < 0 && errno == EINTR) continue;
         // A full disk, or the process's file size limit, ends here.
         if (w <= 0) fail(kOocReadWriteFailure, msglvl, 986, "spds_write_ooc_file: Write error");
@@ -261,8 +298,12 @@ void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset,
 void OocFile::readAt(void* data, std::int64_t bytes, std::int64_t offset, int msglvl) const {
     char* p = static_cast<char*>(data);
     while (bytes > 0) {
-        const ssize_t r =
-            ::pread(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+        const std::size_t k = static_cast<std::size_t>(offset / m_partBytes);
+        const std::int64_t within = offset % m_partBytes;
+        if (k >= m_fds.size() || m_fds[k] < 0)
+            fail(kOocReadWriteFailure, msglvl, 981, "spds_read_ooc_file: Read error");
+        const std::int64_t room = std::min({bytes, kLargestCall, m_partBytes - within});
+        const ssize_t r = ::pread(m_fds[k], p, static_cast<std::size_t>(room), within);
         if (r < 0 && errno == EINTR) continue;
         // A file cut short reads 0 bytes before the panel ends.
         if (r <= 0) fail(kOocReadWriteFailure, msglvl, 981, "spds_read_ooc_file: Read error");
@@ -290,6 +331,8 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
     const std::string stem = m_stem + unique;
     m_lnz.setPath(stem + ".lnz");
     m_unz.setPath(lu ? stem + ".unz" : std::string());
+    m_lnz.setPartBytes(state.partBytes);
+    m_unz.setPartBytes(state.partBytes);
     const std::size_t count = static_cast<std::size_t>(nsuper) + 1;
     m_lBytes.assign(count, 0);
     m_uBytes.assign(count, 0);
@@ -319,8 +362,12 @@ OutOfCoreFactor::~OutOfCoreFactor() {
 }
 
 std::vector<std::string> OutOfCoreFactor::paths() const {
-    std::vector<std::string> out{m_lnz.path()};
-    if (m_lu) out.push_back(m_unz.path());
+    std::vector<std::string> out;
+    for (const OocFile* f : {&m_lnz, &m_unz}) {
+        if (f == &m_unz && !m_lu) break;
+        for (int k = 0; k < std::max(1, f->parts()); ++k)
+            out.push_back(f->partPath(k));
+    }
     return out;
 }
 

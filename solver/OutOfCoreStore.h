@@ -65,6 +65,9 @@ inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
 inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+// No part of a file grows beyond this, for the file systems and tools that
+// stop at 2 GB.
+inline constexpr std::int64_t kLargestPart = 2147483647;
 
 struct OocFailure {
     int error; // -9, -10 or -11
@@ -115,6 +118,7 @@ struct OutOfCoreState {
     std::int64_t stagingBytes = 0;
     int status = 0; // -9, -10, -11 of the last call, 0 otherwise
     int msglvl = 0;
+    std::int64_t partBytes = kLargestPart; // tests make it small
     OocCounters io;
 
     // Reads the configuration the first time the mode is asked for.
@@ -159,12 +163,18 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& figures);
 std::int64_t largestBranch(const std::vector<std::int64_t>& domainBytes,
                            const std::vector<std::int64_t>& separatorBytes);
 
-// One temporary file; closing does not remove it (its owner decides).
+// One temporary file, in parts of at most partBytes each: "<name>.lnz",
+// then "<name>-2.lnz", "<name>-3.lnz" and so on, made as the writes reach
+// them; a run of bytes may continue in the next part. Closing does not
+// remove it (its owner decides).
 class OocFile {
 public:
     OocFile() = default;
     explicit OocFile(std::string path) : m_path(std::move(path)) {}
     ~OocFile() { close(); }
+    void setPartBytes(std::int64_t bytes) { m_partBytes = std::max<std::int64_t>(1, bytes); }
+    int parts() const { return m_parts; }
+    std::string partPath(int k) const; // k from 0
     OocFile(const OocFile&) = delete;
     OocFile& operator=(const OocFile&) = delete;
 
@@ -182,8 +192,13 @@ public:
     bool exists() const;
 
 private:
+    void createPart(int k, const char* tag, int msglvl);
+
     std::string m_path;
-    int m_fd = -1;
+    std::int64_t m_partBytes = kLargestPart;
+    int m_parts = 0; // parts made by the writes
+    const char* m_createTag = "";
+    std::vector<int> m_fds; // by part, -1 when closed
 };
 
 // The files of one factor slot and where each supernode's panels lie.

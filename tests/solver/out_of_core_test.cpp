@@ -101,7 +101,7 @@ bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
 template <class T>
 int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = nullptr,
               const TempFolder* watch = nullptr, std::vector<std::string>* seen = nullptr,
-              int ordering = -1) {
+              int ordering = -1, std::int64_t partBytes = 0) {
     SpdsRun<T> run(s);
     run.iparm[59] = mode;
     if (ordering >= 0) run.iparm[1] = ordering;
@@ -109,7 +109,14 @@ int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = null
     for (int i = 0; i < s.n; ++i)
         b[static_cast<std::size_t>(i)] = static_cast<T>(1.0 + (i % 7) * 0.25);
     x.assign(b.size(), T(0));
-    int error = run.call(12);
+    int error = 0;
+    if (partBytes > 0) {
+        error = run.call(11);
+        run.handle()->ooc.partBytes = partBytes;
+        if (error == 0) error = run.call(22);
+    } else {
+        error = run.call(12);
+    }
     if (watch && seen) *seen = watch->files();
     if (error == 0) error = run.call(33, &b, &x);
     if (iparmOut) std::copy(run.iparm, run.iparm + 64, iparmOut);
@@ -118,23 +125,32 @@ int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = null
 
 // ---- the same answer -------------------------------------------------------
 
+// With partBytes the files are split into parts of that size.
 template <class T>
-void expectSameAsInCore(const System& s, int limitMb) {
+void expectSameAsInCore(const System& s, int limitMb, std::int64_t partBytes = 0) {
     TempFolder folder;
     OocEnv env(folder.path.string(), folder.stem(), limitMb);
     std::vector<T> inCore, outOfCore;
     int iparm[64] = {};
     ASSERT_EQ(solveWith(s, 0, inCore), 0);
     std::vector<std::string> during;
-    ASSERT_EQ(solveWith(s, 2, outOfCore, iparm, &folder, &during), 0) << iparm[14];
+    ASSERT_EQ(solveWith(s, 2, outOfCore, iparm, &folder, &during, -1, partBytes), 0) << iparm[14];
     EXPECT_EQ(iparm[55], 2) << "the window should hold only part of the factor";
     EXPECT_TRUE(sameBits(inCore, outOfCore)) << s.mtype;
     const std::string own = "run_" + std::to_string(::getpid()) + "_";
     ASSERT_FALSE(during.empty());
     for (const std::string& f : during)
         EXPECT_EQ(f.rfind(own, 0), 0u) << f;
-    EXPECT_EQ(during.size(), s.mtype == 11 || s.mtype == 13 ? 2u : 1u)
-        << "one file of L, and one of U for LU";
+    const std::size_t sides = s.mtype == 11 || s.mtype == 13 ? 2u : 1u;
+    if (partBytes > 0) {
+        EXPECT_GT(during.size(), 2 * sides) << "the files should be in several parts";
+        EXPECT_NE(std::find_if(during.begin(), during.end(),
+                               [](const std::string& f) {
+                                   return f.size() > 6 && f.compare(f.size() - 6, 6, "-2.unz") == 0;
+                               }),
+                  during.end());
+    } else
+        EXPECT_EQ(during.size(), sides) << "one file of L, and one of U for LU";
     EXPECT_TRUE(folder.files().empty()) << "files outlived their handle";
 }
 
@@ -145,6 +161,8 @@ TEST(OutOfCore, SameBitsAsInCore) {
     expectSameAsInCore<double>(laplacian3d(16, 11), 2);
     expectSameAsInCore<float>(laplacian3d(18, 2), 2);
     expectSameAsInCore<std::complex<double>>(laplacian3d(14, 13), 3);
+    // Parts of an odd size, so that panels and chunks straddle them.
+    expectSameAsInCore<double>(laplacian3d(16, 11), 2, 300007);
 }
 
 TEST(OutOfCore, DecisionAndLimits) {

@@ -23,7 +23,8 @@
 // Errors are thrown as OocFailure inside the solver and never cross the C
 // entry: -10 a file cannot be created or opened, -11 a read or write failed
 // (disk full, file size limit, short file). -9 comes from the plan: the
-// limit leaves no room for the two largest panels.
+// limit leaves no room for three of the largest panels (a target, a source
+// and the scratch panel in which panels are turned by rows).
 //
 // Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
 // in-core values: the window, the staging buffers, the reader's chunks and

@@ -656,18 +656,26 @@ NumericResult Worker<T>::run() {
             ++xreaders[static_cast<std::size_t>(sources.source[e]) + 1];
         for (int d = 1; d <= nsuper; ++d)
             xreaders[static_cast<std::size_t>(d) + 1] += xreaders[static_cast<std::size_t>(d)];
-        std::vector<int> readers(static_cast<std::size_t>(std::max(1, updates)));
+        // (place, first row read) of each reader, by source.
+        std::vector<std::pair<int, int>> byPlace(static_cast<std::size_t>(std::max(1, updates)));
         std::vector<int> fill(xreaders.begin(), xreaders.end() - 1);
         for (int t = 1; t <= nsuper; ++t)
-            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e)
-                readers[static_cast<std::size_t>(
-                    fill[static_cast<std::size_t>(sources.source[e])]++)] =
-                    place[static_cast<std::size_t>(t)];
+            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e) {
+                const int d = sources.source[e];
+                const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
+                byPlace[static_cast<std::size_t>(fill[static_cast<std::size_t>(d)]++)] = {
+                    place[static_cast<std::size_t>(t)], hd - sources.rows[e]};
+            }
         for (int d = 1; d <= nsuper; ++d)
-            std::sort(readers.begin() + xreaders[static_cast<std::size_t>(d)],
-                      readers.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+            std::sort(byPlace.begin() + xreaders[static_cast<std::size_t>(d)],
+                      byPlace.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+        std::vector<int> readers(byPlace.size()), rows(byPlace.size());
+        for (std::size_t k = 0; k < byPlace.size(); ++k) {
+            readers[k] = byPlace[k].first;
+            rows[k] = byPlace[k].second;
+        }
         window = std::make_unique<PanelWindow>(*outOfCore, windowBytes, std::move(xreaders),
-                                               std::move(readers));
+                                               std::move(readers), std::move(rows));
         if (!cholesky && !lu) pivotBlock.assign(2 * static_cast<std::size_t>(n), T(0));
     }
 

@@ -503,9 +503,10 @@ void OutOfCoreFactor::readU(void* to, std::int64_t bytes, std::int64_t offset) c
 // ---- PanelWindow ----
 
 PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
-                         std::vector<int> readers)
+                         std::vector<int> readers, std::vector<int> rows)
     : m_files(files), m_budget(budget), m_xreaders(std::move(xreaders)),
-      m_readers(std::move(readers)), m_read(m_xreaders.begin(), m_xreaders.end() - 1),
+      m_readers(std::move(readers)), m_rows(std::move(rows)),
+      m_read(m_xreaders.begin(), m_xreaders.end() - 1),
       m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
       m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
 
@@ -578,6 +579,40 @@ std::byte* PanelWindow::allocate(int sn, std::int64_t wanted) {
     return s.data.get();
 }
 
+// Keeps only the rows from `row` down of an idle panel, when that frees at
+// least half of its block: the rows above are read by nobody any more, and
+// the room they free keeps other panels from being read back.
+void PanelWindow::trim(int sn, int row) {
+    Slot& s = m_slots[static_cast<std::size_t>(sn)];
+    if (!s.data || row <= s.from) return;
+    const std::int64_t bytes = m_files.tailBytes(sn, row);
+    if (2 * bytes > s.capacity) return;
+    const std::int64_t hd = m_files.height(sn), wd = m_files.width(sn);
+    const std::int64_t item = m_files.scalarBytes();
+    const std::int64_t m = hd - row;
+    PanelBlock block(bytes);
+    const std::byte* old = s.data.get();
+    // L by columns from row s.from (ld hd - s.from); U after it, whole
+    // (ld hd - wd) while the panel has not been cut yet, else as L.
+    const std::int64_t ldl = hd - s.from;
+    const std::int64_t ldu = s.from == 0 ? hd - wd : ldl;
+    const std::int64_t uFirst = s.from == 0 ? 0 : s.from - wd;
+    const std::byte* oldU = old + ldl * wd * item;
+    std::byte* newU = block.get() + m * wd * item;
+    for (std::int64_t j = 0; j < wd; ++j) {
+        std::memcpy(block.get() + j * m * item, old + (j * ldl + row - s.from) * item,
+                    static_cast<std::size_t>(m * item));
+        if (m_files.lu())
+            std::memcpy(newU + j * m * item, oldU + (j * ldu + row - wd - uFirst) * item,
+                        static_cast<std::size_t>(m * item));
+    }
+    m_resident += bytes - s.capacity;
+    s.data = std::move(block);
+    s.capacity = bytes;
+    s.from = row;
+    m_at[static_cast<std::size_t>(sn)] = nullptr;
+}
+
 void PanelWindow::release(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (--s.pins > 0) return;
@@ -586,6 +621,7 @@ void PanelWindow::release(int sn) {
         drop(sn);
         return;
     }
+    trim(sn, m_rows[static_cast<std::size_t>(m_read[static_cast<std::size_t>(sn)])]);
     s.place = m_idle.emplace(next, sn).first;
     s.listed = true;
 }

@@ -224,6 +224,7 @@ public:
                (m_lu ? 2 : 1);
     }
     int height(int sn) const { return m_height[static_cast<std::size_t>(sn)]; }
+    std::int64_t scalarBytes() const { return m_scalar; }
     int width(int sn) const { return m_width[static_cast<std::size_t>(sn)]; }
     std::int64_t largestPanel() const { return m_largest; }
     std::int64_t totalBytes() const { return m_total; }
@@ -298,9 +299,10 @@ private:
 class PanelWindow {
 public:
     // The places in the schedule of the targets that read supernode d
-    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending.
+    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending;
+    // rows[k]: the first row of d that reader k needs.
     PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
-                std::vector<int> readers);
+                std::vector<int> readers, std::vector<int> rows);
 
     // What a source holds: its L rows from `from` down by columns, leading
     // dimension height - from, then as many rows of U.
@@ -337,7 +339,9 @@ private:
 
     OutOfCoreFactor& m_files;
     std::int64_t m_budget;
-    std::vector<int> m_xreaders, m_readers;
+    void trim(int sn, int row);
+
+    std::vector<int> m_xreaders, m_readers, m_rows;
     std::vector<int> m_read; // per supernode: next entry of readers
     std::vector<Slot> m_slots;
     std::vector<std::byte*> m_at;

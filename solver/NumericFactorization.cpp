@@ -801,7 +801,13 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     const FactorLayout layout(ooc ? 0 : s.lnzSize, ooc ? 0 : lu ? s.unzSize : 1, rq.n, sizeof(T));
     if (row.values.size() < layout.bytes || (ooc && row.values.size() > layout.bytes)) {
         row.values.reset();
-        row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory);
+        // Every panel is zeroed just before its supernode is assembled, so
+        // only the parts that no panel covers start cleared here: a second
+        // pass over the whole factor would cost as much as the assembly.
+        row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory, kNoFill);
+        const std::int64_t cleared = lu ? layout.rowPivotOffset : layout.unzOffset;
+        std::fill(row.values.data() + std::min(cleared, layout.bytes),
+                  row.values.data() + layout.bytes, std::byte{0});
     }
     row.state = kNotComputed;
     Worker<T> worker(h, rq, layout.view<T>(row.values.data()));

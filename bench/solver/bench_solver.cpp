@@ -19,8 +19,10 @@
 //        the photo tool's call on the three photographs (one thread unless
 //        --threads), for
 //        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
-//        analysis, factorization and solve times, nnz(L) and the factor's
-//        operations, against CHOLMOD's analysis with METIS and AMD.
+//        analysis, factorization and solve times (wall and processor
+//        time of the process, which other processes' load disturbs
+//        less), nnz(L), the factor's operations and the supernodes,
+//        against CHOLMOD's analysis with METIS and AMD.
 //        --photo K runs photograph K (0..2) only; --analysis-only stops
 //        after phase 11 (for instruction counts under callgrind)
 //   bench_solver --parallel [--reps R] [--quick]
@@ -162,7 +164,9 @@ double processSeconds() {
 // One photograph, one ordering: each phase's best time over the rounds.
 struct PhotoRun {
     double analysis = 1e30, analysisCpu = 1e30, factor = 1e30, solve = 1e30;
+    double factorCpu = 1e30, solveCpu = 1e30;
     double nnzL = 0, mflop = 0;
+    int supernodes = 0;
     int error = 0;
 };
 
@@ -179,6 +183,7 @@ PhotoRun spdsPhotoRun(const bench::Problem& p, int ordering, int reps, bool anal
         int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
         const int phases[3] = {11, 22, 33};
         double* times[3] = {&r.analysis, &r.factor, &r.solve};
+        double* cpuTimes[3] = {&r.analysisCpu, &r.factorCpu, &r.solveCpu};
         for (int k = 0; k < (analysisOnly ? 1 : 3) && error == 0; ++k) {
             int phase = phases[k];
             const double t0 = nrt_seconds();
@@ -186,8 +191,10 @@ PhotoRun spdsPhotoRun(const bench::Problem& p, int ordering, int reps, bool anal
             spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), p.ia.data(), p.ja.data(),
                  nullptr, &nrhs, iparm, &msglvl, b.data(), x.data(), &error);
             *times[k] = std::min(*times[k], nrt_seconds() - t0);
+            *cpuTimes[k] = std::min(*cpuTimes[k], processSeconds() - c0);
             if (k == 0) {
-                r.analysisCpu = std::min(r.analysisCpu, processSeconds() - c0);
+                spds_analysis_info info{};
+                if (spds_get_analysis_info(pt, &info) == 0) r.supernodes = info.supernodes;
                 r.nnzL = iparm[17];
                 r.mflop = iparm[18];
             }
@@ -237,8 +244,8 @@ int photoAnalysis(int argc, char** argv) {
     std::printf("The photo tool's call (single, mtype -2, matching and symmetric scaling), %d "
                 "thread(s), best of %d; seconds\n",
                 threads, reps);
-    std::printf("  %-17s %8s %8s %8s %8s %8s %10s %10s\n", "", "analysis", "(cpu)", "factor",
-                "solve", "total", "nnz(L)", "Mflop");
+    std::printf("  %-17s %8s %8s %8s %8s %8s %8s %8s %10s %10s %9s\n", "", "analysis", "(cpu)",
+                "factor", "(cpu)", "solve", "(cpu)", "total", "nnz(L)", "Mflop", "supernodes");
     for (int k = 0; k < 3; ++k) {
         if (only >= 0 && k != only) continue;
         const bench::Problem p = bench::photoProblem(bench::sourceFile(photos[k]));
@@ -251,18 +258,18 @@ int photoAnalysis(int argc, char** argv) {
             }
             std::printf("  SPDS iparm[1] = %d %8.3f %8.3f", ordering, r.analysis, r.analysisCpu);
             if (!analysisOnly)
-                std::printf(" %8.3f %8.3f %8.3f", r.factor, r.solve,
-                            r.analysis + r.factor + r.solve);
+                std::printf(" %8.3f %8.3f %8.3f %8.3f %8.3f", r.factor, r.factorCpu, r.solve,
+                            r.solveCpu, r.analysis + r.factor + r.solve);
             else
-                std::printf(" %8s %8s %8s", "-", "-", "-");
-            std::printf(" %9.2fM %10.0f\n", r.nnzL / 1e6, r.mflop);
+                std::printf(" %8s %8s %8s %8s %8s", "-", "-", "-", "-", "-");
+            std::printf(" %9.2fM %10.0f %9d\n", r.nnzL / 1e6, r.mflop, r.supernodes);
         }
         if (analysisOnly) continue;
         const skyrinse::mm::Csr upper = upperPattern(p);
         const Result cm = cholmodAnalysis(upper, CHOLMOD_METIS);
         const Result ca = cholmodAnalysis(upper, CHOLMOD_AMD);
-        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD METIS", cm.seconds, cm.nnzL / 1e6);
-        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD AMD", ca.seconds, ca.nnzL / 1e6);
+        std::printf("  %-17s %8.3f %64.2fM\n", "CHOLMOD METIS", cm.seconds, cm.nnzL / 1e6);
+        std::printf("  %-17s %8.3f %64.2fM\n", "CHOLMOD AMD", ca.seconds, ca.nnzL / 1e6);
         std::fflush(stdout);
     }
     return 0;

@@ -8,9 +8,14 @@
 
 #include "runtime/nrt.h"
 
+#include <algorithm>
 #include <new>
 
 namespace skyrinse::spds {
+
+namespace {
+constexpr int kIndexCode = -800; // the analysis's code for the row indices
+} // namespace
 
 void* allocateAligned(std::size_t bytes) {
     return nrt_malloc(bytes, 128);
@@ -55,10 +60,36 @@ bool Handle::releaseFactor(int index) {
     if (index < 0 || index >= factors.size()) return false;
     FactorRow& row = factors[index];
     const bool held = !row.values.empty();
+    // The analysis outlives its factors: the last one that holds the row
+    // indices gives them back. A failed read leaves it without them, and its
+    // next factorization ends with the file error.
+    if (hasAnalysis && row.outOfCore && symbolic.lindx.empty()) {
+        int complete = 0;
+        for (const FactorRow& r : factors)
+            if (r.outOfCore && r.outOfCore->complete()) ++complete;
+        if (complete == 1 && row.outOfCore->complete()) {
+            try {
+                restoreIndex();
+            } catch (const OocFailure&) {
+            } catch (const AllocationFailure&) {
+            }
+        }
+    }
     row.values.reset();
     row.outOfCore.reset();
     row.state = kNotComputed;
     return held;
+}
+
+void Handle::restoreIndex() {
+    if (!symbolic.lindx.empty()) return;
+    const FactorRow* from = nullptr;
+    for (const FactorRow& r : factors)
+        if (r.outOfCore && r.outOfCore->complete()) from = &r;
+    if (!from) throw OocFailure{kOocOpenFailure};
+    IntBlock lindx(std::max<std::int64_t>(1, symbolic.lindxSize), kIndexCode, &memory, kNoFill);
+    from->outOfCore->readIndex(lindx.data());
+    symbolic.lindx = std::move(lindx);
 }
 
 int Handle::liveFactors() const {
@@ -69,11 +100,13 @@ int Handle::liveFactors() const {
 }
 
 void Handle::releaseNumericAndAnalysis() {
+    // First, so that no factor gives its row indices back to an analysis
+    // that goes.
+    hasAnalysis = false;
     for (int i = 0; i < factors.size(); ++i)
         releaseFactor(i);
     ordering_ = OrderingResult{};
     symbolic = SymbolicResult{};
-    hasAnalysis = false;
 }
 
 } // namespace skyrinse::spds

@@ -185,6 +185,10 @@ struct Handle {
     void releaseNumericAndAnalysis();
     // Frees the values of one factor slot (0-based); returns whether it held any.
     bool releaseFactor(int index);
+    // Out of core a complete factor holds the row indices in its files and
+    // the analysis lets go of them; this brings them back from any complete
+    // factor (OocFailure when none can give them).
+    void restoreIndex();
     int liveFactors() const;
 };
 

@@ -797,6 +797,8 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     // Out of core the block keeps the interchanges only; the panels go to
     // files that replace those of an earlier factorization of the slot.
     const bool ooc = h.ooc.active;
+    // The row indices are needed whole, before this slot's files go.
+    if (ooc) h.restoreIndex();
     row.outOfCore.reset();
     const FactorLayout layout(ooc ? 0 : s.lnzSize, ooc ? 0 : lu ? s.unzSize : 1, rq.n, sizeof(T));
     if (row.values.size() < layout.bytes || (ooc && row.values.size() > layout.bytes)) {
@@ -813,11 +815,12 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     Worker<T> worker(h, rq, layout.view<T>(row.values.data()));
     if (ooc) {
         const int slot = static_cast<int>(&row - h.factors.data()) + 1;
-        row.outOfCore = std::make_unique<OutOfCoreFactor>(
-            h.ooc, slot, lu, s.xsup.data(), s.xlnz.data(), s.nsuper, sizeof(T), &h.ooc.io);
+        row.outOfCore =
+            std::make_unique<OutOfCoreFactor>(h.ooc, slot, lu, s.xsup.data(), s.xlnz.data(),
+                                              s.xlindx.data(), s.nsuper, sizeof(T), &h.ooc.io);
         // The figures of the statistics are those since the last factorization.
         h.ooc.io = OocCounters{};
-        row.outOfCore->createFiles();
+        row.outOfCore->createFiles(s.lindx.data());
         worker.outOfCore = row.outOfCore.get();
         worker.windowBytes = h.ooc.windowBytes;
     }
@@ -830,10 +833,13 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
         row.outOfCore.reset();
         throw;
     }
-    if (r.status == 0 && !r.outsideStructure)
+    if (r.status == 0 && !r.outsideStructure) {
         row.state = 0;
-    else
+        // The solve reads the indices with the panels.
+        if (ooc) h.symbolic.lindx.reset();
+    } else {
         row.outOfCore.reset();
+    }
     row.scalarWords = 1;
     return r;
 }

@@ -78,7 +78,7 @@ bool digits(const char*& p, long& value) {
 }
 
 // The process that wrote `name`, when it is one of our file names for this
-// stem: <base>_<pid>_<handle>[_<slot>][-<part>].lnz or .unz; else 0.
+// stem: <base>_<pid>_<handle>[_<slot>][-<part>].lnz, .unz or .ind; else 0.
 long writerOf(const char* name, const std::string& base) {
     if (std::strncmp(name, base.c_str(), base.size()) != 0) return 0;
     const char* p = name + base.size();
@@ -86,7 +86,8 @@ long writerOf(const char* name, const std::string& base) {
     if (*p++ != '_' || !digits(p, pid) || *p++ != '_' || !digits(p, number)) return 0;
     if (*p == '_' && !digits(++p, number)) return 0;
     if (*p == '-' && !digits(++p, number)) return 0;
-    if (std::strcmp(p, ".lnz") != 0 && std::strcmp(p, ".unz") != 0) return 0;
+    if (std::strcmp(p, ".lnz") != 0 && std::strcmp(p, ".unz") != 0 && std::strcmp(p, ".ind") != 0)
+        return 0;
     return pid;
 }
 
@@ -158,7 +159,7 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     // The window must hold a target and one of its sources, and a panel is
     // turned by rows (or back) in a scratch block of its own.
     const std::int64_t base = f.tableBytes;
-    const std::int64_t least = 3 * f.largestPanel + 2 * kLeastStaging;
+    const std::int64_t least = 3 * f.largestPanel + 3 * kLeastStaging;
     std::int64_t available = limit * (std::int64_t(1) << 20) - base;
     if (available < least) {
         plan.error = kOocNotEnoughMemory;
@@ -167,7 +168,7 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     }
     // A sixteenth of the window for each file's staging, within bounds.
     plan.stagingBytes = std::clamp(available / 16, kLeastStaging, kStagingBytes);
-    available -= 2 * plan.stagingBytes + f.largestPanel;
+    available -= 2 * plan.stagingBytes + kLeastStaging + f.largestPanel;
     plan.windowBytes = available;
     // Every panel fits; or the panels of one domain and of the separators
     // above it do, which is what a target ever reads at once; or panels
@@ -316,10 +317,11 @@ void OocFile::readAt(void* data, std::int64_t bytes, std::int64_t offset, int ms
 // ---- OutOfCoreFactor ----
 
 OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu, const int* xsup,
-                                 const int* xlnz, int nsuper, std::int64_t scalarBytes,
-                                 OocCounters* io)
+                                 const int* xlnz, const int* xlindx, int nsuper,
+                                 std::int64_t scalarBytes, OocCounters* io)
     : m_nsuper(nsuper), m_lu(lu), m_keep(state.config.keepFile != 0), m_msglvl(state.msglvl),
-      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_scalar(scalarBytes), m_io(io) {
+      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_scalar(scalarBytes),
+      m_xlindx(xlindx), m_io(io) {
     char unique[48];
     if (slot > 1)
         std::snprintf(unique, sizeof unique, "_%ld_%d_%d", static_cast<long>(::getpid()),
@@ -331,13 +333,16 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
     const std::string stem = m_stem + unique;
     m_lnz.setPath(stem + ".lnz");
     m_unz.setPath(lu ? stem + ".unz" : std::string());
+    m_ind.setPath(stem + ".ind");
     m_lnz.setPartBytes(state.partBytes);
     m_unz.setPartBytes(state.partBytes);
+    m_ind.setPartBytes(state.partBytes);
     const std::size_t count = static_cast<std::size_t>(nsuper) + 1;
     m_lBytes.assign(count, 0);
     m_uBytes.assign(count, 0);
     m_lOffset.assign(count, -1);
     m_uOffset.assign(count, -1);
+    m_iOffset.assign(count, -1);
     m_height.assign(count, 0);
     m_width.assign(count, 0);
     for (int sn = 1; sn <= nsuper; ++sn) {
@@ -356,28 +361,34 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
 OutOfCoreFactor::~OutOfCoreFactor() {
     m_lnz.close();
     m_unz.close();
+    m_ind.close();
     if (m_keep && m_complete) return;
     m_lnz.remove();
     m_unz.remove();
+    m_ind.remove();
 }
 
 std::vector<std::string> OutOfCoreFactor::paths() const {
     std::vector<std::string> out;
-    for (const OocFile* f : {&m_lnz, &m_unz}) {
-        if (f == &m_unz && !m_lu) break;
+    for (const OocFile* f : {&m_lnz, &m_unz, &m_ind}) {
+        if (f == &m_unz && !m_lu) continue;
         for (int k = 0; k < std::max(1, f->parts()); ++k)
             out.push_back(f->partPath(k));
     }
     return out;
 }
 
-void OutOfCoreFactor::createFiles() {
+void OutOfCoreFactor::createFiles(const int* lindx) {
     // Kept files are meant to stay, whoever left them.
     if (!m_keep) removeOrphans(m_stem);
+    m_lindx = lindx;
     m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
     if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
-    m_lw.staging = PanelBlock(m_staging);
-    if (m_lu) m_uw.staging = PanelBlock(m_staging);
+    m_ind.create("do_all: open file for storing lindx", m_msglvl);
+    m_lw.staging = PanelBlock(m_lw.capacity = m_staging);
+    if (m_lu) m_uw.staging = PanelBlock(m_uw.capacity = m_staging);
+    // Index lists are a small fraction of the panels' bytes.
+    m_iw.staging = PanelBlock(m_iw.capacity = kLeastStaging);
     m_scratch = PanelBlock(m_largest);
 }
 
@@ -409,7 +420,7 @@ void OutOfCoreFactor::toColumns(int sn, std::byte* l, std::byte* u, std::byte* s
 std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
                                   std::int64_t bytes) {
     const std::int64_t offset = w.end;
-    if (bytes >= m_staging) {
+    if (bytes >= w.capacity) {
         flush(file, w);
         const double t0 = wallSeconds();
         file.writeAt(data, bytes, offset, m_msglvl);
@@ -418,7 +429,7 @@ std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* dat
         w.flushed = w.end = offset + bytes;
         return offset;
     }
-    if (w.staged + bytes > m_staging) flush(file, w);
+    if (w.staged + bytes > w.capacity) flush(file, w);
     std::memcpy(w.staging.get() + w.staged, data, static_cast<std::size_t>(bytes));
     w.staged += bytes;
     w.end += bytes;
@@ -453,6 +464,9 @@ void OutOfCoreFactor::append(int sn, const std::byte* panel) {
     std::byte* rows = m_scratch.get();
     transpose(panel, hs, ws, hs, rows, ws);
     m_lOffset[k] = put(m_lnz, m_lw, rows, m_lBytes[k]);
+    m_iOffset[k] =
+        put(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
+            indexBytes(sn));
     if (!m_lu) return;
     transpose(panel + m_lBytes[k], hs - ws, ws, hs - ws, rows, ws);
     m_uOffset[k] = put(m_unz, m_uw, rows, m_uBytes[k]);
@@ -474,22 +488,49 @@ void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
 void OutOfCoreFactor::finishWriting() {
     flush(m_lnz, m_lw);
     if (m_lu) flush(m_unz, m_uw);
+    flush(m_ind, m_iw);
     m_lw.staging.reset();
     m_uw.staging.reset();
+    m_iw.staging.reset();
     m_scratch.reset();
     m_lnz.close();
     m_unz.close();
+    m_ind.close();
+    m_lindx = nullptr;
     m_complete = true;
+}
+
+void OutOfCoreFactor::readIndex(int* lindx) const {
+    m_ind.openRead("fact. step: open file for reading lindx", m_msglvl);
+    const double t0 = wallSeconds();
+    // Supernodes whose lists lie side by side in the file and in the array
+    // go in one read: all of them when one thread wrote the factor.
+    for (int sn = 1; sn <= m_nsuper;) {
+        const std::int64_t offset = indexOffset(sn);
+        std::int64_t bytes = indexBytes(sn);
+        int next = sn + 1;
+        while (next <= m_nsuper && indexOffset(next) == offset + bytes) {
+            bytes += indexBytes(next);
+            ++next;
+        }
+        m_ind.readAt(lindx + m_xlindx[sn - 1] - 1, bytes, offset, m_msglvl);
+        m_io->factorBytesRead += bytes;
+        sn = next;
+    }
+    m_io->factorReadSeconds += wallSeconds() - t0;
+    m_ind.close();
 }
 
 void OutOfCoreFactor::openForReading() const {
     m_lnz.openRead("solution step: open file for reading lnz", m_msglvl);
     if (m_lu) m_unz.openRead("solution step: open file for reading unz", m_msglvl);
+    m_ind.openRead("solution step: open file for reading lindx", m_msglvl);
 }
 
 void OutOfCoreFactor::closeFiles() const {
     m_lnz.close();
     m_unz.close();
+    m_ind.close();
 }
 
 void OutOfCoreFactor::readL(void* to, std::int64_t bytes, std::int64_t offset) const {
@@ -498,6 +539,10 @@ void OutOfCoreFactor::readL(void* to, std::int64_t bytes, std::int64_t offset) c
 
 void OutOfCoreFactor::readU(void* to, std::int64_t bytes, std::int64_t offset) const {
     m_unz.readAt(to, bytes, offset, m_msglvl);
+}
+
+void OutOfCoreFactor::readRows(void* to, std::int64_t bytes, std::int64_t offset) const {
+    m_ind.readAt(to, bytes, offset, m_msglvl);
 }
 
 // ---- PanelWindow ----
@@ -675,11 +720,16 @@ void PanelWindow::finish(int sn) {
 PanelReader::PanelReader(const OutOfCoreFactor& files, std::vector<int> order,
                          std::int64_t chunkBytes)
     : m_files(files), m_order(std::move(order)) {
-    const std::int64_t limit = std::max(chunkBytes, files.largestPanel());
+    // A chunk holds the panels and their index lists.
+    auto bytesOf = [&](int sn) { return files.panelBytes(sn) + files.indexBytes(sn); };
+    std::int64_t largest = 0;
+    for (int sn : m_order)
+        largest = std::max(largest, bytesOf(sn));
+    const std::int64_t limit = std::max(chunkBytes, largest);
     std::int64_t sum = 0;
     m_bounds.push_back(0);
     for (std::size_t i = 0; i < m_order.size(); ++i) {
-        const std::int64_t b = files.panelBytes(m_order[i]);
+        const std::int64_t b = bytesOf(m_order[i]);
         if (sum > 0 && sum + b > limit) {
             m_bounds.push_back(i);
             m_capacity = std::max(m_capacity, sum);
@@ -708,48 +758,62 @@ PanelReader::~PanelReader() {
 
 // Reads chunk c (its `first` and `last` set) into its block: per file one
 // read of the span when the chunk's panels fill it exactly, else one read
-// a panel.
+// a panel. The L side, then U, then the index lists.
 void PanelReader::fill(Chunk& c) {
     const std::size_t count = c.last - c.first;
     c.l.assign(count, nullptr);
     c.u.assign(count, nullptr);
-    std::byte* base = c.data.get();
-    auto readSide = [&](bool upper, std::byte* at) {
+    c.rows.assign(count, nullptr);
+    enum Side { kL, kU, kRows };
+    auto offsetOf = [&](Side side, int sn) {
+        return side == kL   ? m_files.lOffset(sn)
+               : side == kU ? m_files.uOffset(sn)
+                            : m_files.indexOffset(sn);
+    };
+    auto bytesOf = [&](Side side, int sn) {
+        return side == kL   ? m_files.lBytes(sn)
+               : side == kU ? m_files.uBytes(sn)
+                            : m_files.indexBytes(sn);
+    };
+    auto read = [&](Side side, std::byte* to, std::int64_t bytes, std::int64_t offset) {
+        if (side == kL)
+            m_files.readL(to, bytes, offset);
+        else if (side == kU)
+            m_files.readU(to, bytes, offset);
+        else
+            m_files.readRows(to, bytes, offset);
+    };
+    auto readSide = [&](Side side, std::byte* at) {
+        std::vector<std::byte*>& ptr = side == kL ? c.l : side == kU ? c.u : c.rows;
         std::int64_t lo = INT64_MAX, hi = 0, sum = 0;
         for (std::size_t i = c.first; i < c.last; ++i) {
             const int sn = m_order[i];
-            const std::int64_t off = upper ? m_files.uOffset(sn) : m_files.lOffset(sn);
-            const std::int64_t b = upper ? m_files.uBytes(sn) : m_files.lBytes(sn);
-            lo = std::min(lo, off);
-            hi = std::max(hi, off + b);
-            sum += b;
+            lo = std::min(lo, offsetOf(side, sn));
+            hi = std::max(hi, offsetOf(side, sn) + bytesOf(side, sn));
+            sum += bytesOf(side, sn);
         }
-        std::vector<std::byte*>& ptr = upper ? c.u : c.l;
         if (sum == 0) {
             std::fill(ptr.begin(), ptr.end(), at);
             return at;
         }
         if (hi - lo == sum) {
-            upper ? m_files.readU(at, sum, lo) : m_files.readL(at, sum, lo);
-            for (std::size_t i = c.first; i < c.last; ++i) {
-                const int sn = m_order[i];
-                ptr[i - c.first] = at + ((upper ? m_files.uOffset(sn) : m_files.lOffset(sn)) - lo);
-            }
+            read(side, at, sum, lo);
+            for (std::size_t i = c.first; i < c.last; ++i)
+                ptr[i - c.first] = at + (offsetOf(side, m_order[i]) - lo);
         } else {
             std::byte* p = at;
             for (std::size_t i = c.first; i < c.last; ++i) {
                 const int sn = m_order[i];
-                const std::int64_t b = upper ? m_files.uBytes(sn) : m_files.lBytes(sn);
-                upper ? m_files.readU(p, b, m_files.uOffset(sn))
-                      : m_files.readL(p, b, m_files.lOffset(sn));
+                read(side, p, bytesOf(side, sn), offsetOf(side, sn));
                 ptr[i - c.first] = p;
-                p += b;
+                p += bytesOf(side, sn);
             }
         }
         return at + sum;
     };
-    std::byte* after = readSide(false, base);
-    if (m_files.lu()) readSide(true, after);
+    std::byte* after = readSide(kL, c.data.get());
+    if (m_files.lu()) after = readSide(kU, after);
+    readSide(kRows, after);
     for (std::size_t i = 0; i < count; ++i)
         m_files.toColumns(m_order[c.first + i], c.l[i], c.u[i], m_scratch.get());
 }
@@ -775,7 +839,7 @@ void PanelReader::run() {
         }
         std::int64_t bytes = 0;
         for (std::size_t i = c.first; i < c.last; ++i)
-            bytes += m_files.panelBytes(m_order[i]);
+            bytes += m_files.panelBytes(m_order[i]) + m_files.indexBytes(m_order[i]);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             io.solveReadSeconds += wallSeconds() - t0;
@@ -809,7 +873,7 @@ PanelReader::Panels PanelReader::next() {
     }
     const std::size_t i = m_position - c.first;
     ++m_position;
-    return {m_order[m_position - 1], c.l[i], c.u[i]};
+    return {m_order[m_position - 1], c.l[i], c.u[i], reinterpret_cast<const int*>(c.rows[i])};
 }
 
 } // namespace skyrinse::spds

@@ -4,16 +4,22 @@
 // from iparm[59] and the memory limit of OutOfCoreConfig.h), the numeric
 // factorization keeps only a window of panels in memory (PanelWindow) and
 // appends every finished panel to the files of its factor slot; the solve
-// streams them back in order with read-ahead (PanelReader). Everything else
-// (structure, pivots, work arrays) stays in memory as in core.
+// streams them back in order with read-ahead (PanelReader), each panel with
+// its row indices. Everything else (pivots, work arrays, the rest of the
+// structure) stays in memory as in core.
 //
-// Files. Per factor slot one file of L panels (".lnz") and, for LU, one of
-// U panels (".unz"), raw scalars in machine order, no header. Each panel is
+// Files. Per factor slot one file of L panels (".lnz"), for LU one of U
+// panels (".unz"), and one of the row indices of each supernode (".ind",
+// 4-byte integers), raw items in machine order, no header. The factorization
+// works with the analysis's index array in memory and writes each
+// supernode's list beside its panel; once the factor is complete the array
+// leaves memory, the solve reads the lists with the panels, and the next
+// factorization of the analysis reads the array back whole first. Each panel is
 // stored by rows (the transpose of its in-memory layout), so that the rows
 // from a given one down, which are all a later update reads of a source,
 // are one contiguous run of the file. Names are
 // <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
-// the others: created with O_EXCL, so two handles or two processes never
+// the others (.unz and .ind alike): created with O_EXCL, so two handles or two processes never
 // share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
 // -1, a new analysis, a new factorization of the slot, a failed one)
 // removes them, unless keeping was asked for and the factor is complete.
@@ -28,14 +34,16 @@
 //
 // Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
 // in-core values: the window, the staging buffers, the reader's chunks and
-// the per-supernode tables. The analysis's arrays and the factorization's
+// the per-supernode tables. The index array is in memory during the
+// factorization, as in core, and not afterwards. The analysis's arrays and the factorization's
 // work arrays (update buffer, index maps, the matrix entries by column;
 // iparm[62] estimates them) are needed in core as well and come on top.
 // The window holds at most its budget in panels (more only while the
-// threads hold more at once), the staging buffer of each file (a sixteenth
-// of the window, 64 KB to 2 MB) turns small panels into large writes, and
-// the reader holds two chunks of consecutive panels, each at most a quarter
-// of the window or one panel when that is larger. Panel blocks come from
+// threads hold more at once), the staging buffer of each value file (a
+// sixteenth of the window, 64 KB to 2 MB; 64 KB for the index file) turns
+// small panels into large writes, and the reader holds two chunks of
+// consecutive panels with their indices, each at most a quarter of the
+// window or one panel when that is larger. Panel blocks come from
 // the heap (PanelBlock), outside the handle's counters.
 //
 // Threads: the factorization's threads share the window (one lock; reads
@@ -207,7 +215,8 @@ class OutOfCoreFactor {
 public:
     // xsup, xlnz: the structure (one-based values, zero-based arrays).
     OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu, const int* xsup,
-                    const int* xlnz, int nsuper, std::int64_t scalarBytes, OocCounters* io);
+                    const int* xlnz, const int* xlindx, int nsuper, std::int64_t scalarBytes,
+                    OocCounters* io);
     ~OutOfCoreFactor();
     OutOfCoreFactor(const OutOfCoreFactor&) = delete;
     OutOfCoreFactor& operator=(const OutOfCoreFactor&) = delete;
@@ -217,6 +226,10 @@ public:
     std::int64_t lBytes(int sn) const { return m_lBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t uBytes(int sn) const { return m_uBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t panelBytes(int sn) const { return lBytes(sn) + uBytes(sn); }
+    // sn's row indices: one int per row of its panel.
+    std::int64_t indexBytes(int sn) const {
+        return static_cast<std::int64_t>(m_height[static_cast<std::size_t>(sn)]) * 4;
+    }
     // Bytes of the rows `from` .. end of sn's L panel, and as many of U.
     std::int64_t tailBytes(int sn, int from) const {
         const std::size_t k = static_cast<std::size_t>(sn);
@@ -231,21 +244,27 @@ public:
     std::vector<std::string> paths() const;
 
     // Factorization: create, append each finished panel (L then U, in one
-    // block of panelBytes), read one back, finish. readBack brings the rows
+    // block of panelBytes; its row indices from `lindx`, which must stay
+    // until finishWriting), read one back, finish. readBack brings the rows
     // from `from` down (of U: from - width), each side by columns with the
     // leading dimension height - from, the U side after the L side.
-    void createFiles();
+    void createFiles(const int* lindx);
     void append(int sn, const std::byte* panel);
     void readBack(int sn, int from, std::byte* panel);
     void finishWriting();
+    // The whole index array as the analysis laid it out (xlindx), from the
+    // file of a complete factor.
+    void readIndex(int* lindx) const;
 
     // Solve: open by name; chunk reads of consecutive panels.
     void openForReading() const;
     void closeFiles() const;
     std::int64_t lOffset(int sn) const { return m_lOffset[static_cast<std::size_t>(sn)]; }
     std::int64_t uOffset(int sn) const { return m_uOffset[static_cast<std::size_t>(sn)]; }
+    std::int64_t indexOffset(int sn) const { return m_iOffset[static_cast<std::size_t>(sn)]; }
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
+    void readRows(void* to, std::int64_t bytes, std::int64_t offset) const;
     // Turns sn's panels as read from the files (by rows) into the layout of
     // memory (by columns), in place; scratch holds largestPanel() bytes.
     void toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const;
@@ -255,6 +274,7 @@ public:
 private:
     struct Writer {
         PanelBlock staging;
+        std::int64_t capacity = 0; // of staging
         std::int64_t staged = 0;
         std::int64_t flushed = 0; // bytes in the file
         std::int64_t end = 0;     // bytes in file and staging
@@ -278,11 +298,13 @@ private:
     std::vector<int> m_height, m_width;           // by supernode, one-based
     PanelBlock m_scratch;                         // a panel turned by rows or back
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
-    std::vector<std::int64_t> m_lOffset, m_uOffset;
+    std::vector<std::int64_t> m_lOffset, m_uOffset, m_iOffset;
     std::int64_t m_largest = 0;
     std::int64_t m_total = 0;
-    mutable OocFile m_lnz, m_unz;
-    Writer m_lw, m_uw;
+    const int* m_xlindx;          // the analysis's, one-based values
+    const int* m_lindx = nullptr; // while writing
+    mutable OocFile m_lnz, m_unz, m_ind;
+    Writer m_lw, m_uw, m_iw;
     OocCounters* m_io;
 };
 
@@ -369,6 +391,7 @@ public:
         int sn;
         const std::byte* l;
         const std::byte* u;
+        const int* rows; // sn's row indices
     };
     // The next supernode of the order; throws OocFailure(-11) on a failed read.
     Panels next();
@@ -377,7 +400,7 @@ private:
     struct Chunk {
         std::size_t first = 0, last = 0; // positions in the order
         PanelBlock data;
-        std::vector<std::byte*> l, u; // by position from `first`
+        std::vector<std::byte*> l, u, rows; // by position from `first`
         bool ready = false;
     };
     void fill(Chunk& c);

@@ -79,17 +79,21 @@ struct FactorSolver<T>::Impl {
     TreeSchedule plan;
     SourceLists sources;
     std::vector<Block<T>> buffers; // per thread: the rows below one block
-    // Out of core: the factor's files, and the panels of the supernode at
-    // hand as the reader hands them out.
+    // Out of core: the factor's files, and the panels and row indices of
+    // the supernode at hand as the reader hands them out.
     const OutOfCoreFactor* ooc = nullptr;
     const T* currentL = nullptr;
     const T* currentU = nullptr;
+    const int* currentRows = nullptr;
 
     const T* lpanel(int sn) const {
         return ooc ? currentL : f.lnz + s.xlnz[s.xsup[sn - 1] - 1] - 1;
     }
     const T* upanel(int sn) const {
         return ooc ? currentU : f.unz + s.xunz[s.xsup[sn - 1] - 1] - 1;
+    }
+    const int* rowsOf(int sn) const {
+        return ooc ? currentRows : s.lindx.data() + s.xlindx[sn - 1] - 1;
     }
 
     Impl(Handle& handle, const FactorRow& row, bool transposed, int rhs)
@@ -112,7 +116,9 @@ struct FactorSolver<T>::Impl {
         // Out of core the panels come in one stream, on one thread.
         const int threads = s.lnzSize >= kParallelEntries && !ooc ? nrt_get_max_threads() : 1;
         plan = scheduleTree(s, threads, kind == Kind::Lu);
-        sources = sourceLists(s, &h.memory, kWorkCode);
+        // Out of core the panels push their updates as they stream by, and
+        // the index array is in the files.
+        if (!ooc) sources = sourceLists(s, &h.memory, kWorkCode);
         for (int k = 1; k < plan.threads; ++k)
             buffers.emplace_back(checkedMul(std::max(1, s.largestColumn), nrhs), kWorkCode,
                                  &h.memory);
@@ -278,12 +284,12 @@ struct FactorSolver<T>::Impl {
     // pull them (ascending source), so the bits do not change; this way a
     // panel is needed once, when it streams by.
     void pushBelow(int sn, T* buf) {
-        const OneBased<const int> xsup(s.xsup.data()), xlindx(s.xlindx.data());
+        const OneBased<const int> xsup(s.xsup.data());
         const int fst = xsup[sn];
         const int ws = xsup[sn + 1] - fst;
         const int hs = s.xlnz[fst] - s.xlnz[fst - 1];
         const int m = hs - ws;
-        const int* rows = s.lindx.data() + xlindx[sn] - 1 + ws;
+        const int* rows = rowsOf(sn) + ws;
         const bool upper = kind == Kind::Lu && transpose;
         for (int k = 0; k < m;) {
             const int target = s.snode[rows[k] - 1];
@@ -422,9 +428,11 @@ struct FactorSolver<T>::Impl {
             const PanelReader::Panels p = reader.next();
             currentL = reinterpret_cast<const T*>(p.l);
             currentU = reinterpret_cast<const T*>(p.u);
+            currentRows = p.rows;
             step(p.sn);
         }
         currentL = currentU = nullptr;
+        currentRows = nullptr;
     }
 
     void sweepOutOfCore(int partial) {
@@ -480,13 +488,12 @@ struct FactorSolver<T>::Impl {
     }
 
     void backwardNode(int sn, T* buf) {
-        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data()), xunz(s.xunz.data()),
-            xlindx(s.xlindx.data());
+        const OneBased<const int> xsup(s.xsup.data()), xlnz(s.xlnz.data());
         const int fst = xsup[sn];
         const int ws = xsup[sn + 1] - fst;
         const int hs = xlnz[fst + 1] - xlnz[fst];
         const T* L = lpanel(sn);
-        const int* below = s.lindx.data() + xlindx[sn] - 1 + ws;
+        const int* below = rowsOf(sn) + ws;
         if (kind == Kind::Cholesky) {
             pullBelow(L + ws, hs, hs - ws, ws, fst, below, buf, backTrans);
             blockSolve(L, hs, ws, fst, 'L', backTrans, 'N');

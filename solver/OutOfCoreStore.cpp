@@ -410,6 +410,8 @@ void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int6
 void OutOfCoreFactor::toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const {
     const std::size_t k = static_cast<std::size_t>(sn);
     const std::int64_t hs = m_height[k], ws = m_width[k];
+    // One column by rows is the same column.
+    if (ws == 1) return;
     std::memcpy(scratch, l, static_cast<std::size_t>(m_lBytes[k]));
     transpose(scratch, ws, hs, ws, l, hs);
     if (!m_lu || hs == ws) return;
@@ -717,50 +719,82 @@ void PanelWindow::finish(int sn) {
 
 // ---- PanelReader ----
 
-PanelReader::PanelReader(const OutOfCoreFactor& files, std::vector<int> order,
-                         std::int64_t chunkBytes)
-    : m_files(files), m_order(std::move(order)) {
+PanelReader::PanelReader(const OutOfCoreFactor& files, std::int64_t chunkBytes, std::int64_t budget)
+    : m_files(files) {
     // A chunk holds the panels and their index lists.
     auto bytesOf = [&](int sn) { return files.panelBytes(sn) + files.indexBytes(sn); };
     std::int64_t largest = 0;
-    for (int sn : m_order)
+    for (int sn = 1; sn <= files.nsuper(); ++sn)
         largest = std::max(largest, bytesOf(sn));
     const std::int64_t limit = std::max(chunkBytes, largest);
     std::int64_t sum = 0;
-    m_bounds.push_back(0);
-    for (std::size_t i = 0; i < m_order.size(); ++i) {
-        const std::int64_t b = bytesOf(m_order[i]);
+    m_bounds.push_back(1);
+    for (int sn = 1; sn <= files.nsuper(); ++sn) {
+        const std::int64_t b = bytesOf(sn);
         if (sum > 0 && sum + b > limit) {
-            m_bounds.push_back(i);
+            m_bounds.push_back(sn);
             m_capacity = std::max(m_capacity, sum);
             sum = 0;
         }
         sum += b;
     }
-    m_capacity = std::max(m_capacity, sum);
-    m_bounds.push_back(m_order.size());
+    m_capacity = std::max<std::int64_t>({m_capacity, sum, 1});
+    m_bounds.push_back(files.nsuper() + 1);
     m_scratch = PanelBlock(files.largestPanel());
-    const std::size_t chunks = m_bounds.size() - 1;
-    for (std::size_t k = 0; k < 2 && k < chunks; ++k)
-        m_chunks[k].data =
-            PanelBlock(static_cast<std::size_t>(std::max<std::int64_t>(1, m_capacity)));
-    m_thread = std::thread([this] { run(); });
+    const std::int64_t fit = std::clamp<std::int64_t>(budget / m_capacity, 2, chunks());
+    m_chunks.resize(static_cast<std::size_t>(std::max<std::int64_t>(1, fit)));
+    for (Chunk& c : m_chunks)
+        c.data = PanelBlock(m_capacity);
 }
 
 PanelReader::~PanelReader() {
+    stop();
+}
+
+void PanelReader::stop() {
+    if (!m_thread.joinable()) return;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
     }
     m_changed.notify_all();
     m_thread.join();
+    m_current = nullptr;
 }
 
-// Reads chunk c (its `first` and `last` set) into its block: per file one
-// read of the span when the chunk's panels fill it exactly, else one read
-// a panel. The L side, then U, then the index lists.
+void PanelReader::start(bool ascending) {
+    stop();
+    m_ascending = ascending;
+    m_stop = false;
+    m_error = 0;
+    m_chunk = 0;
+    m_current = nullptr;
+    // What the last sweep left in the buffers is kept when the new sweep
+    // needs it before any buffer would have to be filled anew: chunks of
+    // the first places only, so the read-ahead never waits behind them.
+    const int first = static_cast<int>(m_chunks.size());
+    for (Chunk& c : m_chunks) {
+        c.pending = false;
+        if (!c.ready) c.id = -1; // a fill that a failure or a stop cut short
+        if (c.id < 0) continue;
+        const int place = ascending ? c.id : chunks() - 1 - c.id;
+        if (place < first) {
+            c.pending = true;
+        } else {
+            c.id = -1;
+            c.ready = false;
+        }
+    }
+    m_thread = std::thread([this] { run(); });
+}
+
+// Reads chunk c (its id set) into its block: per file one read of the span
+// when the chunk's panels fill it exactly, else one read a panel. The L
+// side, then U, then the index lists.
 void PanelReader::fill(Chunk& c) {
-    const std::size_t count = c.last - c.first;
+    const int lo = m_bounds[static_cast<std::size_t>(c.id)];
+    const int hi = m_bounds[static_cast<std::size_t>(c.id) + 1];
+    const std::size_t count = static_cast<std::size_t>(hi - lo);
     c.l.assign(count, nullptr);
     c.u.assign(count, nullptr);
     c.rows.assign(count, nullptr);
@@ -785,27 +819,25 @@ void PanelReader::fill(Chunk& c) {
     };
     auto readSide = [&](Side side, std::byte* at) {
         std::vector<std::byte*>& ptr = side == kL ? c.l : side == kU ? c.u : c.rows;
-        std::int64_t lo = INT64_MAX, hi = 0, sum = 0;
-        for (std::size_t i = c.first; i < c.last; ++i) {
-            const int sn = m_order[i];
-            lo = std::min(lo, offsetOf(side, sn));
-            hi = std::max(hi, offsetOf(side, sn) + bytesOf(side, sn));
+        std::int64_t first = INT64_MAX, last = 0, sum = 0;
+        for (int sn = lo; sn < hi; ++sn) {
+            first = std::min(first, offsetOf(side, sn));
+            last = std::max(last, offsetOf(side, sn) + bytesOf(side, sn));
             sum += bytesOf(side, sn);
         }
         if (sum == 0) {
             std::fill(ptr.begin(), ptr.end(), at);
             return at;
         }
-        if (hi - lo == sum) {
-            read(side, at, sum, lo);
-            for (std::size_t i = c.first; i < c.last; ++i)
-                ptr[i - c.first] = at + (offsetOf(side, m_order[i]) - lo);
+        if (last - first == sum) {
+            read(side, at, sum, first);
+            for (int sn = lo; sn < hi; ++sn)
+                ptr[static_cast<std::size_t>(sn - lo)] = at + (offsetOf(side, sn) - first);
         } else {
             std::byte* p = at;
-            for (std::size_t i = c.first; i < c.last; ++i) {
-                const int sn = m_order[i];
+            for (int sn = lo; sn < hi; ++sn) {
                 read(side, p, bytesOf(side, sn), offsetOf(side, sn));
-                ptr[i - c.first] = p;
+                ptr[static_cast<std::size_t>(sn - lo)] = p;
                 p += bytesOf(side, sn);
             }
         }
@@ -815,37 +847,55 @@ void PanelReader::fill(Chunk& c) {
     if (m_files.lu()) after = readSide(kU, after);
     readSide(kRows, after);
     for (std::size_t i = 0; i < count; ++i)
-        m_files.toColumns(m_order[c.first + i], c.l[i], c.u[i], m_scratch.get());
+        m_files.toColumns(lo + static_cast<int>(i), c.l[i], c.u[i], m_scratch.get());
 }
 
 void PanelReader::run() {
     OocCounters& io = m_files.counters();
-    const std::size_t chunks = m_bounds.size() - 1;
-    for (std::size_t k = 0; k < chunks; ++k) {
-        Chunk& c = m_chunks[k % 2];
+    for (int k = 0; k < chunks(); ++k) {
+        const int id = chunkAt(k);
+        Chunk* c = nullptr;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [&] { return m_stop || !c.ready; });
+            auto held = [&](const Chunk& x) { return x.id == id; };
+            if (std::any_of(m_chunks.begin(), m_chunks.end(), held)) continue;
+            // A buffer the sweep is done with: an empty one, else the one
+            // it was done with first, so that the chunks at the end of the
+            // sweep stay for the next one.
+            auto place = [&](const Chunk& x) { return m_ascending ? x.id : chunks() - 1 - x.id; };
+            auto find = [&] {
+                Chunk* best = nullptr;
+                for (Chunk& x : m_chunks) {
+                    if (x.pending) continue;
+                    if (x.id < 0) return &x;
+                    if (!best || place(x) < place(*best)) best = &x;
+                }
+                return best;
+            };
+            m_changed.wait(lock, [&] { return m_stop || (c = find()) != nullptr; });
             if (m_stop) return;
+            c->id = id;
+            c->ready = false;
+            c->pending = true;
         }
-        c.first = m_bounds[k];
-        c.last = m_bounds[k + 1];
         int error = 0;
         const double t0 = wallSeconds();
         try {
-            fill(c);
+            fill(*c);
         } catch (const OocFailure& f) {
             error = f.error;
         }
         std::int64_t bytes = 0;
-        for (std::size_t i = c.first; i < c.last; ++i)
-            bytes += m_files.panelBytes(m_order[i]) + m_files.indexBytes(m_order[i]);
+        for (int sn = m_bounds[static_cast<std::size_t>(id)];
+             sn < m_bounds[static_cast<std::size_t>(id) + 1]; ++sn)
+            bytes += m_files.panelBytes(sn) + m_files.indexBytes(sn);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             io.solveReadSeconds += wallSeconds() - t0;
             io.solveBytesRead += bytes;
             m_error = error;
-            c.ready = error == 0;
+            c->ready = error == 0;
+            if (error != 0) c->id = -1;
         }
         m_changed.notify_all();
         if (error != 0) return;
@@ -854,26 +904,38 @@ void PanelReader::run() {
 
 PanelReader::Panels PanelReader::next() {
     // The caller has worked on the last panel handed out until now: a
-    // finished chunk goes back to the reader.
-    if (m_holding && m_position == m_bounds[m_chunk + 1]) {
+    // finished chunk goes back to the reader, its panels still in it for
+    // the next sweep.
+    if (m_current && m_left == 0) {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_chunks[m_chunk % 2].ready = false;
+            m_current->pending = false;
         }
         m_changed.notify_all();
-        m_holding = false;
+        m_current = nullptr;
         ++m_chunk;
     }
-    Chunk& c = m_chunks[m_chunk % 2];
-    if (!m_holding) {
+    if (!m_current) {
+        const int id = chunkAt(m_chunk);
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [&] { return c.ready || m_error != 0; });
-        if (!c.ready) throw OocFailure{m_error};
-        m_holding = true;
+        auto ready = [&] {
+            for (Chunk& x : m_chunks)
+                if (x.id == id && x.ready) return &x;
+            return static_cast<Chunk*>(nullptr);
+        };
+        m_changed.wait(lock, [&] { return (m_current = ready()) != nullptr || m_error != 0; });
+        if (!m_current) throw OocFailure{m_error};
+        const int lo = m_bounds[static_cast<std::size_t>(id)];
+        const int hi = m_bounds[static_cast<std::size_t>(id) + 1];
+        m_left = hi - lo;
+        m_sn = m_ascending ? lo : hi - 1;
     }
-    const std::size_t i = m_position - c.first;
-    ++m_position;
-    return {m_order[m_position - 1], c.l[i], c.u[i], reinterpret_cast<const int*>(c.rows[i])};
+    const int sn = m_sn;
+    m_sn += m_ascending ? 1 : -1;
+    --m_left;
+    const std::size_t i =
+        static_cast<std::size_t>(sn - m_bounds[static_cast<std::size_t>(m_current->id)]);
+    return {sn, m_current->l[i], m_current->u[i], reinterpret_cast<const int*>(m_current->rows[i])};
 }
 
 } // namespace skyrinse::spds

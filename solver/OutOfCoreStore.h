@@ -41,9 +41,10 @@
 // The window holds at most its budget in panels (more only while the
 // threads hold more at once), the staging buffer of each value file (a
 // sixteenth of the window, 64 KB to 2 MB; 64 KB for the index file) turns
-// small panels into large writes, and the reader holds two chunks of
-// consecutive panels with their indices, each at most a quarter of the
-// window or one panel when that is larger. Panel blocks come from
+// small panels into large writes, and the solve's reader holds as many
+// chunks of consecutive panels with their indices as the window has room
+// for, each at most an eighth of it, and never fewer than two (a chunk is
+// one panel when that is larger). Panel blocks come from
 // the heap (PanelBlock), outside the handle's counters.
 //
 // Threads: the factorization's threads share the window (one lock; reads
@@ -376,13 +377,19 @@ private:
     std::condition_variable m_unpinned;
 };
 
-// The panels of a factor in a given order of supernodes, read ahead by a
-// thread in chunks of consecutive panels (one read per file and chunk when
-// they lie side by side, as they do in the order they were written or its
-// reverse).
+// The panels of a factor for the sweeps of the solve, read ahead by a
+// thread in chunks of consecutive supernodes (one read per file and chunk
+// when their panels lie side by side, as they do when one thread wrote
+// them). The chunk buffers outlive a sweep: a sweep runs in the order the
+// panels were written or its reverse, and the next one (backward after
+// forward, forward after the backward of a refinement step) begins where
+// the last one ended, so the chunks still held are handed out first
+// instead of being read again.
 class PanelReader {
 public:
-    PanelReader(const OutOfCoreFactor& files, std::vector<int> order, std::int64_t chunkBytes);
+    // chunkBytes: what a chunk holds at most (one panel when that is
+    // larger); budget: what all buffers hold together, at least two chunks.
+    PanelReader(const OutOfCoreFactor& files, std::int64_t chunkBytes, std::int64_t budget);
     ~PanelReader();
     PanelReader(const PanelReader&) = delete;
     PanelReader& operator=(const PanelReader&) = delete;
@@ -393,28 +400,37 @@ public:
         const std::byte* u;
         const int* rows; // sn's row indices
     };
-    // The next supernode of the order; throws OocFailure(-11) on a failed read.
+    // A sweep over every supernode, ascending or descending; next() hands
+    // them out in that order and throws OocFailure(-11) on a failed read.
+    // A new start ends the sweep under way.
+    void start(bool ascending);
     Panels next();
+    void stop();
+    std::size_t buffers() const { return m_chunks.size(); }
 
 private:
     struct Chunk {
-        std::size_t first = 0, last = 0; // positions in the order
+        int id = -1;          // which chunk of m_bounds it holds, -1 none
+        bool ready = false;   // its panels are read
+        bool pending = false; // the sweep under way still needs it
         PanelBlock data;
-        std::vector<std::byte*> l, u, rows; // by position from `first`
-        bool ready = false;
+        std::vector<std::byte*> l, u, rows; // by supernode from the chunk's first
     };
+    int chunks() const { return static_cast<int>(m_bounds.size()) - 1; }
+    int chunkAt(int k) const { return m_ascending ? k : chunks() - 1 - k; }
     void fill(Chunk& c);
     void run();
 
     const OutOfCoreFactor& m_files;
-    std::vector<int> m_order;
-    std::vector<std::size_t> m_bounds; // chunk k: positions m_bounds[k] .. m_bounds[k+1]-1
+    std::vector<int> m_bounds; // chunk k: supernodes m_bounds[k] .. m_bounds[k+1]-1
     std::int64_t m_capacity = 0;
     PanelBlock m_scratch; // the reader thread's, to turn panels by columns
-    Chunk m_chunks[2];
-    std::size_t m_chunk = 0;    // chunk being handed out
-    bool m_holding = false;     // the caller may read m_chunks[m_chunk % 2]
-    std::size_t m_position = 0; // next position handed out
+    std::vector<Chunk> m_chunks;
+    bool m_ascending = true;
+    int m_chunk = 0;            // place in the sweep of the chunk handed out
+    Chunk* m_current = nullptr; // the caller may read it
+    int m_sn = 0;               // next supernode handed out
+    int m_left = 0;             // supernodes of m_current not handed out yet
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_stop = false;

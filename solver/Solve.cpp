@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -85,6 +86,9 @@ struct FactorSolver<T>::Impl {
     const T* currentL = nullptr;
     const T* currentU = nullptr;
     const int* currentRows = nullptr;
+    // Lives as long as the solver, so that a sweep finds the panels the
+    // sweep before it ended with.
+    std::unique_ptr<PanelReader> reader;
 
     const T* lpanel(int sn) const {
         return ooc ? currentL : f.lnz + s.xlnz[s.xsup[sn - 1] - 1] - 1;
@@ -143,9 +147,17 @@ struct FactorSolver<T>::Impl {
             gatherScale[k] = static_cast<T>(scaled ? (transpose ? C[g] : R[g]) : 1.0);
             scatterScale[k] = static_cast<T>(scaled ? (transpose ? R[t] : C[t]) : 1.0);
         }
-        if (ooc) ooc->openForReading();
+        if (ooc) {
+            ooc->openForReading();
+            // Chunks of an eighth of the window, as many as it holds: the
+            // factorization's window is free while the solve runs.
+            const std::int64_t chunk = std::clamp<std::int64_t>(
+                h.ooc.windowBytes / 8, std::int64_t(64) << 10, std::int64_t(64) << 20);
+            reader = std::make_unique<PanelReader>(*ooc, chunk, h.ooc.windowBytes);
+        }
     }
     ~Impl() {
+        reader.reset();
         if (ooc) ooc->closeFiles();
     }
 
@@ -417,20 +429,15 @@ struct FactorSolver<T>::Impl {
     // reverse; `step` runs for each supernode with its panels at hand.
     template <class Step>
     void stream(bool ascending, Step step) {
-        std::vector<int> order(static_cast<std::size_t>(s.nsuper));
-        for (int i = 0; i < s.nsuper; ++i)
-            order[static_cast<std::size_t>(i)] = ascending ? i + 1 : s.nsuper - i;
-        // Two chunks in flight, each a quarter of the window at most.
-        const std::int64_t chunk = std::clamp<std::int64_t>(
-            h.ooc.windowBytes / 4, std::int64_t(64) << 10, std::int64_t(64) << 20);
-        PanelReader reader(*ooc, std::move(order), chunk);
+        reader->start(ascending);
         for (int i = 0; i < s.nsuper; ++i) {
-            const PanelReader::Panels p = reader.next();
+            const PanelReader::Panels p = reader->next();
             currentL = reinterpret_cast<const T*>(p.l);
             currentU = reinterpret_cast<const T*>(p.u);
             currentRows = p.rows;
             step(p.sn);
         }
+        reader->stop();
         currentL = currentU = nullptr;
         currentRows = nullptr;
     }

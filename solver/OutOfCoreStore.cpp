@@ -407,16 +407,16 @@ void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int6
     }
 }
 
-void OutOfCoreFactor::toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const {
+void OutOfCoreFactor::toColumns(int sn, bool upper, const std::byte* rows,
+                                std::byte* columns) const {
     const std::size_t k = static_cast<std::size_t>(sn);
     const std::int64_t hs = m_height[k], ws = m_width[k];
+    const std::int64_t m = upper ? hs - ws : hs;
     // One column by rows is the same column.
-    if (ws == 1) return;
-    std::memcpy(scratch, l, static_cast<std::size_t>(m_lBytes[k]));
-    transpose(scratch, ws, hs, ws, l, hs);
-    if (!m_lu || hs == ws) return;
-    std::memcpy(scratch, u, static_cast<std::size_t>(m_uBytes[k]));
-    transpose(scratch, ws, hs - ws, ws, u, hs - ws);
+    if (ws == 1)
+        std::memcpy(columns, rows, static_cast<std::size_t>(m * m_scalar));
+    else
+        transpose(rows, ws, m, ws, columns, m);
 }
 
 std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
@@ -788,9 +788,10 @@ void PanelReader::start(bool ascending) {
     m_thread = std::thread([this] { run(); });
 }
 
-// Reads chunk c (its id set) into its block: per file one read of the span
-// when the chunk's panels fill it exactly, else one read a panel. The L
-// side, then U, then the index lists.
+// Reads chunk c (its id set) into its block: per file one read of each run
+// of panels that lie side by side (all of them when one thread wrote the
+// factor and they fit the scratch block). The L side, then U, then the
+// index lists.
 void PanelReader::fill(Chunk& c) {
     const int lo = m_bounds[static_cast<std::size_t>(c.id)];
     const int hi = m_bounds[static_cast<std::size_t>(c.id) + 1];
@@ -817,37 +818,43 @@ void PanelReader::fill(Chunk& c) {
         else
             m_files.readRows(to, bytes, offset);
     };
+    // The panels of a side lie in the chunk in the order of the supernodes.
+    // Values are read by rows into the scratch block, as many panels at a
+    // time as lie side by side in the file and fit, and turned from there
+    // into their place: one copy, not a read in place and a turn through
+    // the scratch block.
     auto readSide = [&](Side side, std::byte* at) {
         std::vector<std::byte*>& ptr = side == kL ? c.l : side == kU ? c.u : c.rows;
-        std::int64_t first = INT64_MAX, last = 0, sum = 0;
-        for (int sn = lo; sn < hi; ++sn) {
-            first = std::min(first, offsetOf(side, sn));
-            last = std::max(last, offsetOf(side, sn) + bytesOf(side, sn));
-            sum += bytesOf(side, sn);
-        }
-        if (sum == 0) {
-            std::fill(ptr.begin(), ptr.end(), at);
-            return at;
-        }
-        if (last - first == sum) {
-            read(side, at, sum, first);
-            for (int sn = lo; sn < hi; ++sn)
-                ptr[static_cast<std::size_t>(sn - lo)] = at + (offsetOf(side, sn) - first);
-        } else {
-            std::byte* p = at;
-            for (int sn = lo; sn < hi; ++sn) {
-                read(side, p, bytesOf(side, sn), offsetOf(side, sn));
+        std::byte* p = at;
+        for (int sn = lo; sn < hi;) {
+            const std::int64_t start = offsetOf(side, sn);
+            std::int64_t sum = 0;
+            int end = sn;
+            while (end < hi && offsetOf(side, end) == start + sum &&
+                   (side == kRows || sum + bytesOf(side, end) <= m_files.largestPanel()))
+                sum += bytesOf(side, end++);
+            if (side == kRows) {
+                if (sum > 0) read(side, p, sum, start);
+                for (; sn < end; ++sn) {
+                    ptr[static_cast<std::size_t>(sn - lo)] = p;
+                    p += bytesOf(side, sn);
+                }
+                continue;
+            }
+            std::byte* rows = m_scratch.get();
+            if (sum > 0) read(side, rows, sum, start);
+            for (; sn < end; ++sn) {
                 ptr[static_cast<std::size_t>(sn - lo)] = p;
+                m_files.toColumns(sn, side == kU, rows, p);
+                rows += bytesOf(side, sn);
                 p += bytesOf(side, sn);
             }
         }
-        return at + sum;
+        return p;
     };
     std::byte* after = readSide(kL, c.data.get());
     if (m_files.lu()) after = readSide(kU, after);
     readSide(kRows, after);
-    for (std::size_t i = 0; i < count; ++i)
-        m_files.toColumns(lo + static_cast<int>(i), c.l[i], c.u[i], m_scratch.get());
 }
 
 void PanelReader::run() {

@@ -266,9 +266,9 @@ public:
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readRows(void* to, std::int64_t bytes, std::int64_t offset) const;
-    // Turns sn's panels as read from the files (by rows) into the layout of
-    // memory (by columns), in place; scratch holds largestPanel() bytes.
-    void toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const;
+    // Turns sn's L panel (U with `upper`) as read from its file (by rows)
+    // into the layout of memory (by columns).
+    void toColumns(int sn, bool upper, const std::byte* rows, std::byte* columns) const;
     OocCounters& counters() const { return *m_io; }
     bool complete() const { return m_complete; }
 

@@ -3,6 +3,8 @@
 // that the source file is as it was.
 #include "IflTestSupport.h"
 
+#include <OpenImageIO/imageio.h>
+
 #include <QFile>
 #include <QtGlobal>
 
@@ -48,6 +50,29 @@ std::vector<std::uint8_t> pngClaiming(const QString& scratch, std::uint32_t widt
     putBigEndian(bytes, 16, width);
     putBigEndian(bytes, 20, height);
     putBigEndian(bytes, 29, crc32(bytes.data() + 12, 17));
+    return bytes;
+}
+
+// A tiled EXR of 8 x 8 pixels whose header then declares tiles of
+// 32768 x 32768: one tile would hold 12 GiB.
+std::vector<std::uint8_t> exrWithHugeTiles(const QString& scratch) {
+    OIIO::ImageSpec spec(8, 8, 3, OIIO::TypeDesc::FLOAT);
+    spec.tile_width = spec.tile_height = 16;
+    const std::vector<float> pixels(8 * 8 * 3, 0.5f);
+    auto out = OIIO::ImageOutput::create("exr");
+    if (!out || !out->open(scratch.toStdString(), spec) ||
+        !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
+        return {};
+    std::vector<std::uint8_t> bytes = readBytes(scratch.toStdString());
+    QFile::remove(scratch);
+    // "tiles\0tiledesc\0", the size (4), then the tile's width and height.
+    const std::string name("tiles\0tiledesc\0", 15);
+    const auto at = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
+    if (at == bytes.end()) return {};
+    const std::size_t size = static_cast<std::size_t>(at - bytes.begin()) + name.size() + 4;
+    for (const std::size_t field : {size, size + 4})
+        for (int i = 0; i < 4; ++i)
+            bytes[field + i] = static_cast<std::uint8_t>((32768u >> (8 * i)) & 0xFF);
     return bytes;
 }
 
@@ -122,6 +147,11 @@ const BrokenSource brokenSources[] = {
          writeFile(path, pngClaiming(scratch, 60000, 60000));
      },
      "IFL_ERROR_NO_MEMORY", "60000 x 60000 pixels", true},
+    {"huge_tiles", "the EXR header declares tiles of 32768 x 32768 for 8 x 8 pixels", "tiles.exr",
+     [](const QString& path, const QString& scratch) {
+         writeFile(path, exrWithHugeTiles(scratch));
+     },
+     "IFL_ERROR_NO_MEMORY", "32768 rows of 32768 pixels", true},
 };
 
 class BrokenSourceTest : public ::testing::TestWithParam<BrokenSource> {

@@ -13,6 +13,7 @@
 // recognises it but cannot read it (truncated, corrupt, zero size) 2; more
 // than IFL_MAX_PIXELS pixels or no memory 5.
 #include "imagefile/Ifl.h"
+#include "imagefile/internal/IflDepth.h"
 #include "imagefile/internal/IflFormats.h"
 #include "imagefile/internal/IflMetadata.h"
 
@@ -59,12 +60,6 @@ int depthOf(OIIO::TypeDesc format) {
     default:
         return 32;
     }
-}
-
-OIIO::TypeDesc typeOfDepth(int bits) {
-    return bits == 8    ? OIIO::TypeDesc::UINT8
-           : bits == 16 ? OIIO::TypeDesc::UINT16
-                        : OIIO::TypeDesc::FLOAT;
 }
 
 // Grey and alpha were read into the first two of four components; spread the
@@ -485,29 +480,18 @@ IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParam
                 return fail(info, IFL_ERROR_NO_MEMORY,
                             "no memory for the " + std::to_string(bytes / (1024 * 1024)) +
                                 " MiB of pixels");
-            const bool ok = input.read_image(0, 0, 0, readChannels, typeOfDepth(bits), b.data,
+            const bool ok = input.read_image(0, 0, 0, readChannels, ifl::typeOfDepth(bits), b.data,
                                              bytesPerPixel, b.bytesPerLine);
             if (!ok || input.has_error()) {
                 std::string detail = input.geterror();
                 return fail(info, IFL_ERROR_FILE_READ,
                             detail.empty() ? "the pixels cannot be decoded" : detail);
             }
-            if (spec.nchannels == 2) {
-                if (bits == 8)
-                    spreadGreyAlpha<std::uint8_t>(b);
-                else if (bits == 16)
-                    spreadGreyAlpha<std::uint16_t>(b);
-                else
-                    spreadGreyAlpha<float>(b);
-            }
-            if (associated) {
-                if (bits == 8)
-                    unassociate<std::uint8_t>(b);
-                else if (bits == 16)
-                    unassociate<std::uint16_t>(b);
-                else
-                    unassociate<float>(b);
-            }
+            ifl::withComponentType(bits, [&](auto zero) {
+                using T = decltype(zero);
+                if (spec.nchannels == 2) spreadGreyAlpha<T>(b);
+                if (associated) unassociate<T>(b);
+            });
         }
 
         if (params.flags & IFL_LOAD_METADATA) {

@@ -436,6 +436,13 @@ void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO
         tag->copy(out.photoshop.data(), Exiv2::invalidByteOrder);
         out.exif.erase(tag);
     }
+    // A TIFF keeps its IPTC in a tag of its directory as well. The record
+    // holds it once, as IPTC, which each output writes where its format keeps
+    // it (a TIFF's writer makes the tag again); as an EXIF tag it would go
+    // twice, or be named as lost where the IPTC itself travels.
+    if (const auto naa = out.exif.findKey(Exiv2::ExifKey("Exif.Image.IPTCNAA"));
+        naa != out.exif.end() && !out.iptc.empty())
+        out.exif.erase(naa);
     out.xmp = image->xmpPacket();
     if (!out.xmp.empty() && image->xmpData().empty()) {
         // The toolkit could not parse the packet (a repeated property, say).

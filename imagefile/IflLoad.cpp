@@ -253,7 +253,6 @@ IflError exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uin
             if (!readName(type) || !readInt(size)) return IFL_OK;
             const std::uint64_t left = fileSize - std::min<std::uint64_t>(at, fileSize);
             if (size < 0 || std::uint64_t(size) > left) return tooLarge(name, size);
-            const bool whole = at + static_cast<std::uint64_t>(size) <= available;
             if (type == "chlist") {
                 std::string channel;
                 for (;;) {
@@ -272,6 +271,8 @@ IflError exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uin
                     return tooLarge(name, static_cast<std::int64_t>(bytes));
                 at += static_cast<std::size_t>(bytes);
             } else if (const int fixed = exrFixedSize(type); fixed >= 0) {
+                // OpenEXR reads the type's size whatever the declared one.
+                const bool whole = at + static_cast<std::size_t>(fixed) <= available;
                 if (whole && name == "dataWindow" && type == "box2i") {
                     width = std::int64_t{intAt(at + 8)} - intAt(at) + 1;
                     height = std::int64_t{intAt(at + 12)} - intAt(at + 4) + 1;

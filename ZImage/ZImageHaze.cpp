@@ -6,8 +6,8 @@
 // luminous of those pixels, and the dark channel normalised by the airlight.
 // upsampleDarkChannel carries that map to the full image by a joint bilateral
 // filter over the 3 x 3 working neighbourhood; applyHazeRemoval inverts the
-// haze model with the user's strength. Both full-size passes are table
-// look-ups only, with no allocation per pixel.
+// haze model with the user's strength. Neither full-size pass allocates per
+// pixel.
 //
 // Every buffer belongs to an object (vectors, unique_ptr, ZImage), so an
 // exception from any stage leaves nothing behind. Exceptions never cross an

@@ -244,7 +244,7 @@ IflError exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uin
     for (int header = 0; header < 64; ++header) {
         std::string name, type;
         std::int64_t width = 0, height = 0, tileWidth = 0, tileHeight = 0;
-        int compression = 0;
+        int compression = 3; // OpenEXR's own default, ZIP, for a header that names none
         std::uint64_t pixelBytes = 0;
         for (;;) {
             if (!readName(name)) return IFL_OK; // past what was read: OpenEXR decides

@@ -2,10 +2,10 @@
 
 #include "host/HostImage.h"
 
+#include "runtime/nrt.h"
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <algorithm>
-#include <sched.h>
 
 const QString HostServices::kHazeProcessId = QStringLiteral("6A2F91C4-38DE-4B07-A15C-7E04D3C2B81F");
 const QString HostServices::kStrengthKey = QStringLiteral("hazeRemove");
@@ -33,15 +33,10 @@ void HostServices::setSessionDefault(const QString& pluginId, const QString& key
     m_sessionDefaults.insert(pluginId + QLatin1Char('/') + key, value);
 }
 
-int HostServices::availableCpus() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof(set), &set) != 0) return 1;
-    return std::max(1, CPU_COUNT(&set));
-}
-
 int HostServices::threadFactorA() const {
-    return m_threads > 0 ? m_threads : availableCpus();
+    // The runtime's count already folds in the affinity mask, a CPU quota and
+    // NRT_NUM_THREADS; counting the mask here again would disagree with it.
+    return m_threads > 0 ? m_threads : std::max(1, nrt_get_max_threads());
 }
 
 void HostServices::installTranslation(const QString& fileName) {

@@ -41,8 +41,6 @@ public:
     // Forgets the image objects (and the pixels they hold).
     void releaseImages();
 
-    static int availableCpus();
-
     // The haze process's strength setting, as the plug-in stores it.
     static const QString kHazeProcessId;
     static const QString kStrengthKey;

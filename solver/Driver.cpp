@@ -373,8 +373,6 @@ void Call<T>::analyse() {
         }
         h->partitions = matched.pairOrder.partitions;
     }
-    if (h->userPermutation == 2 && a.perm)
-        std::copy(h->ordering_.perm.begin(), h->ordering_.perm.end(), a.perm);
 
     SymbolicInput sin;
     sin.n = n;
@@ -385,10 +383,20 @@ void Call<T>::analyse() {
     sin.outOfCore = h->oocMode > 0;
     sin.pairStart = pairOrder ? matched.pairOrder.pairStart.data() : nullptr;
     sin.relax = h->relaxedSupernodes;
+    // Only an order cut into domains is renumbered: its tree is wide (the
+    // photo systems), which is where the merge gains. A single-domain order
+    // keeps its supernodes: on a small shifted Laplacian the wider merged
+    // blocks changed which pivots were perturbed, and the answer no longer
+    // refined to the tolerance.
+    sin.postorder = !callerOrder && h->ordering_.ndomains > 1;
     sin.memory = &h->memory;
     if (*a.msglvl >= 2) reportOrdering(h->ordering_, n);
     const SymbolicTimes st = symbolicFactorization(sin, h->ordering_, h->symbolic);
     if (*a.msglvl >= 2) reportSymbolic(h->ordering_, h->symbolic, n);
+    // The symbolic stage renumbers the columns in a postorder: the caller
+    // gets the order the factor is made in.
+    if (h->userPermutation == 2 && a.perm)
+        std::copy(h->ordering_.perm.begin(), h->ordering_.perm.end(), a.perm);
     h->timers[kTimeSfinit] += st.sfinit;
     h->timers[kTimeSymbolic] += st.sfinit + st.symbolic;
     h->timers[kTimeUpdateLists] += st.updateLists;
@@ -452,11 +460,34 @@ bool Call<T>::decideStorage() {
     f.lindxSize = s.lindxSize;
     // Sizes, offsets, uses and the window's slot of each supernode.
     f.tableBytes = static_cast<std::int64_t>(s.nsuper + 1) * 80;
+    std::vector<std::int64_t> upTo(static_cast<std::size_t>(s.nsuper) + 1, 0); // bytes of 1..sn
     for (int sn = 1; sn <= s.nsuper; ++sn) {
         const int fst = s.xsup[sn - 1];
         const std::int64_t ws = s.xsup[sn] - fst;
         const std::int64_t hs = s.xlnz[fst] - s.xlnz[fst - 1];
-        f.largestPanel = std::max(f.largestPanel, (lu ? 2 * hs - ws : hs) * ws * scalar);
+        const std::int64_t bytes = (lu ? 2 * hs - ws : hs) * ws * scalar;
+        f.largestPanel = std::max(f.largestPanel, bytes);
+        upTo[static_cast<std::size_t>(sn)] = upTo[static_cast<std::size_t>(sn) - 1] + bytes;
+    }
+    // The dissection's parts, in supernodes: domains, then the separators.
+    const int nd = h->ordering_.ndomains;
+    if (requested != 0 && nd >= 2 && !s.domainsUnusable &&
+        h->ordering_.domainpairs.size() >= 4 * static_cast<std::int64_t>(nd)) {
+        const int* dp = h->ordering_.domainpairs.data();
+        auto bytesOf = [&](int pair) {
+            const int first = std::clamp(dp[2 * pair], 1, s.nsuper);
+            const int last = std::clamp(dp[2 * pair + 1], 0, s.nsuper);
+            return last >= first ? upTo[static_cast<std::size_t>(last)] -
+                                       upTo[static_cast<std::size_t>(first) - 1]
+                                 : std::int64_t(0);
+        };
+        std::vector<std::int64_t> domains, separators;
+        for (int d = 0; d < nd; ++d)
+            domains.push_back(bytesOf(d));
+        for (int k = nd + 1; k < 2 * nd; ++k)
+            separators.push_back(bytesOf(k));
+        f.largestBranch = largestBranch(domains, separators);
+        f.parts = nd;
     }
     const OocPlan plan = planOutOfCore(requested, h->ooc.config.maxCoreMb, f);
     iparm[60] = plan.inCoreMb;
@@ -467,6 +498,7 @@ bool Call<T>::decideStorage() {
     h->ooc.mode = h->ooc.active ? plan.mode : -1;
     h->ooc.windowBytes = plan.windowBytes;
     h->ooc.stagingBytes = plan.stagingBytes;
+    h->ooc.parts = f.parts;
     h->oocMode = h->ooc.mode;
     iparm[55] = h->ooc.mode;
     if (plan.error != 0) {
@@ -853,6 +885,19 @@ int Call<T>::exit() {
         } else if (status == kStatusParameters) {
             error = -7;
         }
+    }
+    // At the second level the storage scheme of an out-of-core factor.
+    if (*a.msglvl == 2 && phase >= 0 && h && h->ooc.active && h->ooc.status == 0) {
+        if (h->ooc.mode == 0)
+            std::printf(" all L factors fit in RAM, BrLL algorithm of OOC SPDS is run; "
+                        "comi(60)=%d\n",
+                        1);
+        else if (h->ooc.mode == 3)
+            std::printf(" max Branch of L-tree fit in RAM, BrLL algorithm of OOC SPDS is run; "
+                        "comi(60)=%d\n",
+                        h->ooc.parts);
+        else
+            std::printf(" LL algorithm OOC SPDS is run; nparts=%d\n", h->partitions);
     }
     if (*a.msglvl > 0 && phase >= 0) spds_statistics(reportCall(), h, nrt_seconds() - m_entry);
     if (h && phase >= 0) h->status = 0;

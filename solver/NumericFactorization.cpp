@@ -148,8 +148,35 @@ private:
     // false with no failure recorded when the stop flag ended the wait.
     bool factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>* done = nullptr);
     void scatter(int sn, int fst, int lst);
-    void update(int d, int r, int sn, ThreadWork<T>& w);
-    void formDLt(int d, int p0, int q, T* out);
+    // The rows of source d that an update reads: L from row p0 and U from
+    // row p0 - width, each by columns with its leading dimension.
+    struct SourceRows {
+        const T* l;
+        int ldl;
+        const T* u;
+        int ldu;
+    };
+    SourceRows inCoreRows(int d, int p0) const {
+        const int fd = xsup[d];
+        const int wd = xsup[d + 1] - fd;
+        const int hd = xlnz[fd + 1] - xlnz[fd];
+        return {lpanel(d) + p0, hd, lu ? upanel(d) + (p0 - wd) : nullptr, hd - wd};
+    }
+    // Entries (t, t) and (t, t + 1) of d's diagonal block: the pivots of
+    // L D L^T, which a source read back without its first rows keeps aside.
+    T diagonalAt(int d, int t) const {
+        if (window) return pivotBlock[2 * static_cast<std::size_t>(xsup[d] - 1 + t)];
+        const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
+        return lpanel(d)[static_cast<std::int64_t>(t) * hd + t];
+    }
+    T offDiagonalAt(int d, int t) const {
+        if (window) return pivotBlock[2 * static_cast<std::size_t>(xsup[d] - 1 + t) + 1];
+        const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
+        return lpanel(d)[static_cast<std::int64_t>(t + 1) * hd + t];
+    }
+    void keepPivotBlock(int sn);
+    void update(int d, int r, int sn, ThreadWork<T>& w, const SourceRows& src);
+    void formDLt(int d, const T* lrows, int ld, int q, T* out);
     void addScattered(const ThreadWork<T>& w, T* target, int ld, int q, int rowsFrom, int rowsTo,
                       int rowShift, bool lowerOnly);
     bool factorBlock(int fst, int hs, int ws, ThreadWork<T>& w);
@@ -206,6 +233,9 @@ private:
     double largest = 0; // largest magnitude of the matrix as factored
 
     std::unique_ptr<PanelWindow> window;
+    // Out of core, L D L^T: per column the diagonal entry and the one right
+    // of it in the block, kept when a panel is finished.
+    std::vector<T> pivotBlock;
 
     std::atomic<int> stop{kRunning};
     std::atomic<std::int64_t> finishedEntries{0};
@@ -291,25 +321,23 @@ void Worker<T>::scatter(int sn, int fst, int lst) {
 // out (q x wd) = L_d rows p0.. times D_d, the right operand of a symmetric
 // indefinite update.
 template <class T>
-void Worker<T>::formDLt(int d, int p0, int q, T* w) {
+void Worker<T>::formDLt(int d, const T* lrows, int ld, int q, T* w) {
     const int fd = xsup[d];
     const int wd = xsup[d + 1] - fd;
-    const int hd = xlnz[fd + 1] - xlnz[fd];
-    const T* L = lpanel(d);
     const int* piv = f.rowPivot + fd - 1;
     for (int t = 0; t < wd;) {
-        const T* lt = L + static_cast<std::int64_t>(t) * hd + p0;
+        const T* lt = lrows + static_cast<std::int64_t>(t) * ld;
         T* wt = w + static_cast<std::int64_t>(t) * q;
         if (piv[t] > 0) {
-            const T dv = L[static_cast<std::int64_t>(t) * hd + t];
+            const T dv = diagonalAt(d, t);
             for (int j = 0; j < q; ++j)
                 wt[j] = lt[j] * dv;
             ++t;
         } else {
-            const T d11 = L[static_cast<std::int64_t>(t) * hd + t];
-            const T d21 = L[static_cast<std::int64_t>(t + 1) * hd + t];
-            const T d22 = L[static_cast<std::int64_t>(t + 1) * hd + t + 1];
-            const T* lt1 = lt + hd;
+            const T d11 = diagonalAt(d, t);
+            const T d21 = offDiagonalAt(d, t);
+            const T d22 = diagonalAt(d, t + 1);
+            const T* lt1 = lt + ld;
             T* wt1 = wt + q;
             // D is [d11 d12; d21 d22] with d12 = d21, or its conjugate.
             const T d12 = hermitian ? conjugate(d21) : d21;
@@ -341,11 +369,13 @@ void Worker<T>::addScattered(const ThreadWork<T>& w, T* target, int ld, int q, i
 
 // The update of source d, whose last r rows start inside sn, onto sn.
 template <class T>
-void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
+void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w, const SourceRows& src) {
     const int fd = xsup[d];
     const int wd = xsup[d + 1] - fd;
     const int hd = xlnz[fd + 1] - xlnz[fd];
     const int p0 = hd - r;
+    const T* Lr = src.l; // row p0 of d
+    const int ldl = src.ldl;
     const int* rows = lindx.p + (xlindx[d] - 1) + p0;
     const int fs = xsup[sn];
     const int ls = xsup[sn + 1] - 1;
@@ -355,7 +385,6 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
     int q = 0;
     while (q < r && rows[q] <= ls)
         ++q;
-    const T* Ld = lpanel(d);
     T* Ls = lpanel(sn);
     const int c0 = rows[0] - fs;
     const int i0 = hs - map[rows[0]];
@@ -363,8 +392,8 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
 
     if (!lu) {
         if (wd == 1) {
-            const T* v = Ld + p0;
-            const T dv = cholesky ? T(1) : Ld[0];
+            const T* v = Lr;
+            const T dv = cholesky ? T(1) : diagonalAt(d, 0);
             for (int j = 0; j < q; ++j) {
                 const T coef = (hermitian ? conjugate(v[j]) : v[j]) * dv;
                 if (coef == T(0)) continue;
@@ -374,18 +403,18 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
             }
             return;
         }
-        const T* right = Ld + p0;
-        int ldr = hd;
+        const T* right = Lr;
+        int ldr = ldl;
         if (!cholesky) {
-            formDLt(d, p0, q, w.dlt.data());
+            formDLt(d, Lr, ldl, q, w.dlt.data());
             right = w.dlt.data();
             ldr = q;
         }
         if (i1 - i0 == r - 1) {
-            productNT(r, q, wd, Ld + p0, hd, right, ldr,
-                      Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs, false, hermitian);
+            productNT(r, q, wd, Lr, ldl, right, ldr, Ls + i0 + static_cast<std::int64_t>(c0) * hs,
+                      hs, false, hermitian);
         } else {
-            productNT(r, q, wd, Ld + p0, hd, right, ldr, w.temp.data(), r, true, hermitian);
+            productNT(r, q, wd, Lr, ldl, right, ldr, w.temp.data(), r, true, hermitian);
             for (int t = 0; t < r; ++t)
                 w.relind[t] = hs - map[rows[t]];
             addScattered(w, Ls, hs, q, 0, r, 0, true);
@@ -395,8 +424,8 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
 
     // LU: the L part (r x q) and the U part ((r - q) x q) of the target.
     (void)ws;
-    const int hud = hd - wd;
-    const T* Ud = upanel(d) + (p0 - wd);
+    const int hud = src.ldu;
+    const T* Ud = src.u;
     const int hus = hs - ws;
     T* Us = upanel(sn);
     const bool contiguous = i1 - i0 == r - 1;
@@ -404,21 +433,35 @@ void Worker<T>::update(int d, int r, int sn, ThreadWork<T>& w) {
         for (int t = 0; t < r; ++t)
             w.relind[t] = hs - map[rows[t]];
     if (contiguous) {
-        productNT(r, q, wd, Ld + p0, hd, Ud, hud, Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs,
+        productNT(r, q, wd, Lr, ldl, Ud, hud, Ls + i0 + static_cast<std::int64_t>(c0) * hs, hs,
                   false);
     } else {
-        productNT(r, q, wd, Ld + p0, hd, Ud, hud, w.temp.data(), r, true);
+        productNT(r, q, wd, Lr, ldl, Ud, hud, w.temp.data(), r, true);
         addScattered(w, Ls, hs, q, 0, r, 0, false);
     }
     if (r > q) {
         const int iq = hs - map[rows[q]];
         if (contiguous) {
-            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd,
+            productNT(r - q, q, wd, Ud + q, hud, Lr, ldl,
                       Us + (iq - ws) + static_cast<std::int64_t>(c0) * hus, hus, false);
         } else {
-            productNT(r - q, q, wd, Ud + q, hud, Ld + p0, hd, w.temp.data(), r - q, true);
+            productNT(r - q, q, wd, Ud + q, hud, Lr, ldl, w.temp.data(), r - q, true);
             addScattered(w, Us, hus, q, q, r, ws, false);
         }
+    }
+}
+
+template <class T>
+void Worker<T>::keepPivotBlock(int sn) {
+    if (cholesky || lu) return;
+    const int fst = xsup[sn];
+    const int ws = xsup[sn + 1] - fst;
+    const int hs = xlnz[fst + 1] - xlnz[fst];
+    const T* L = lpanel(sn);
+    T* out = pivotBlock.data() + 2 * static_cast<std::size_t>(fst - 1);
+    for (int t = 0; t < ws; ++t) {
+        out[2 * t] = L[static_cast<std::int64_t>(t) * hs + t];
+        out[2 * t + 1] = t + 1 < ws ? L[static_cast<std::int64_t>(t + 1) * hs + t] : T(0);
     }
 }
 
@@ -488,15 +531,35 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
             else
                 std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
-        if (window) window->load(source[e]);
-        update(source[e], sourceRows[e], sn, w);
-        if (window) window->used(source[e]);
+        const int d = source[e];
+        const int p0 = xlnz[xsup[d] + 1] - xlnz[xsup[d]] - sourceRows[e];
+        if (window) {
+            // A panel still whole since it was built has U's rows below the
+            // diagonal block; one read back has as many rows of U as of L.
+            const PanelWindow::Rows held = window->load(d, p0);
+            const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
+            const int wd = xsup[d + 1] - xsup[d];
+            const int ld = hd - held.from;
+            const T* base = reinterpret_cast<const T*>(held.data);
+            const T* ubase = base + static_cast<std::int64_t>(ld) * wd;
+            const SourceRows rows =
+                held.from == 0
+                    ? SourceRows{base + p0, hd, ubase + (p0 - wd), hd - wd}
+                    : SourceRows{base + (p0 - held.from), ld, ubase + (p0 - held.from), ld};
+            update(d, sourceRows[e], sn, w, rows);
+            window->used(d);
+        } else {
+            update(d, sourceRows[e], sn, w, inCoreRows(d, p0));
+        }
     }
     if (!factorBlock(fst, hs, ws, w)) {
         w.failure = kFailPivot;
         return false;
     }
-    if (window) window->finish(sn);
+    if (window) {
+        keepPivotBlock(sn);
+        window->finish(sn);
+    }
     return true;
 }
 
@@ -593,18 +656,27 @@ NumericResult Worker<T>::run() {
             ++xreaders[static_cast<std::size_t>(sources.source[e]) + 1];
         for (int d = 1; d <= nsuper; ++d)
             xreaders[static_cast<std::size_t>(d) + 1] += xreaders[static_cast<std::size_t>(d)];
-        std::vector<int> readers(static_cast<std::size_t>(std::max(1, updates)));
+        // (place, first row read) of each reader, by source.
+        std::vector<std::pair<int, int>> byPlace(static_cast<std::size_t>(std::max(1, updates)));
         std::vector<int> fill(xreaders.begin(), xreaders.end() - 1);
         for (int t = 1; t <= nsuper; ++t)
-            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e)
-                readers[static_cast<std::size_t>(
-                    fill[static_cast<std::size_t>(sources.source[e])]++)] =
-                    place[static_cast<std::size_t>(t)];
+            for (int e = sources.xsource[t - 1]; e < sources.xsource[t]; ++e) {
+                const int d = sources.source[e];
+                const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
+                byPlace[static_cast<std::size_t>(fill[static_cast<std::size_t>(d)]++)] = {
+                    place[static_cast<std::size_t>(t)], hd - sources.rows[e]};
+            }
         for (int d = 1; d <= nsuper; ++d)
-            std::sort(readers.begin() + xreaders[static_cast<std::size_t>(d)],
-                      readers.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+            std::sort(byPlace.begin() + xreaders[static_cast<std::size_t>(d)],
+                      byPlace.begin() + xreaders[static_cast<std::size_t>(d) + 1]);
+        std::vector<int> readers(byPlace.size()), rows(byPlace.size());
+        for (std::size_t k = 0; k < byPlace.size(); ++k) {
+            readers[k] = byPlace[k].first;
+            rows[k] = byPlace[k].second;
+        }
         window = std::make_unique<PanelWindow>(*outOfCore, windowBytes, std::move(xreaders),
-                                               std::move(readers));
+                                               std::move(readers), std::move(rows));
+        if (!cholesky && !lu) pivotBlock.assign(2 * static_cast<std::size_t>(n), T(0));
     }
 
     if (reportProgress(1, 0, kStageText, kStageLength) != 0) {
@@ -729,7 +801,13 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     const FactorLayout layout(ooc ? 0 : s.lnzSize, ooc ? 0 : lu ? s.unzSize : 1, rq.n, sizeof(T));
     if (row.values.size() < layout.bytes || (ooc && row.values.size() > layout.bytes)) {
         row.values.reset();
-        row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory);
+        // Every panel is zeroed just before its supernode is assembled, so
+        // only the parts that no panel covers start cleared here: a second
+        // pass over the whole factor would cost as much as the assembly.
+        row.values = Block<std::byte>(layout.bytes, kFactorCode, &h.memory, kNoFill);
+        const std::int64_t cleared = lu ? layout.rowPivotOffset : layout.unzOffset;
+        std::fill(row.values.data() + std::min(cleared, layout.bytes),
+                  row.values.data() + layout.bytes, std::byte{0});
     }
     row.state = kNotComputed;
     Worker<T> worker(h, rq, layout.view<T>(row.values.data()));
@@ -737,6 +815,8 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
         const int slot = static_cast<int>(&row - h.factors.data()) + 1;
         row.outOfCore = std::make_unique<OutOfCoreFactor>(
             h.ooc, slot, lu, s.xsup.data(), s.xlnz.data(), s.nsuper, sizeof(T), &h.ooc.io);
+        // The figures of the statistics are those since the last factorization.
+        h.ooc.io = OocCounters{};
         row.outOfCore->createFiles();
         worker.outOfCore = row.outOfCore.get();
         worker.windowBytes = h.ooc.windowBytes;

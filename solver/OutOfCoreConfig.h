@@ -6,7 +6,7 @@
 //   SPDS_OOC_CFG_FILE_NAME  name of the configuration file         ("spds_ooc.cfg")
 //   SPDS_OOC_PATH           stem of the temporary files            ("ooc_temp")
 //   SPDS_OOC_MAX_CORE_SIZE  memory limit in megabytes              (2000)
-//   SPDS_OOC_KEEP_FILE      1: keep the files of a finished factor (0)
+//   SPDS_OOC_KEEP_FILE      1: keep the files of a finished factor (1)
 // then the file, for the three last keys that the environment left open;
 // when the environment gave all three the file is not opened at all. A
 // missing file is no error: the defaults stand.
@@ -19,8 +19,8 @@
 // (OutOfCoreStore.h adds the process and handle to it). Trailing blanks are
 // cut from it.
 //
-// Keeping files is off by default, unlike the numbered files of old: each
-// handle's names are unique, so kept files would pile up run after run.
+// Keeping files is on by default; each handle's names are unique, so kept
+// files pile up run after run unless a program sets 0.
 #pragma once
 
 #include <string>

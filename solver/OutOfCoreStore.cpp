@@ -14,8 +14,9 @@
 #include <new>
 #include <utility>
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +41,78 @@ std::int64_t megabytesUp(std::int64_t bytes) {
 
 int clampInt(std::int64_t v) {
     return v > 2147483647 ? 2147483647 : static_cast<int>(v);
+}
+
+// Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb),
+// by tiles so that both sides stay in cache; Item has the scalar's size.
+struct Pair {
+    std::uint64_t a, b;
+};
+template <class Item>
+void transposeTiles(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
+                    std::byte* b, std::int64_t ldb) {
+    const Item* A = reinterpret_cast<const Item*>(a);
+    Item* B = reinterpret_cast<Item*>(b);
+    constexpr std::int64_t kTile = 16;
+    for (std::int64_t j0 = 0; j0 < cols; j0 += kTile) {
+        const std::int64_t j1 = std::min(cols, j0 + kTile);
+        for (std::int64_t i0 = 0; i0 < rows; i0 += kTile) {
+            const std::int64_t i1 = std::min(rows, i0 + kTile);
+            for (std::int64_t i = i0; i < i1; ++i) {
+                Item* bi = B + i * ldb;
+                const Item* ai = A + i;
+                for (std::int64_t j = j0; j < j1; ++j)
+                    bi[j] = ai[j * lda];
+            }
+        }
+    }
+}
+
+// Reads a run of decimal digits at `p`; false when there is none.
+bool digits(const char*& p, long& value) {
+    if (*p < '0' || *p > '9') return false;
+    value = 0;
+    while (*p >= '0' && *p <= '9' && value < 100000000)
+        value = value * 10 + (*p++ - '0');
+    return *p < '0' || *p > '9';
+}
+
+// The process that wrote `name`, when it is one of our file names for this
+// stem: <base>_<pid>_<handle>[_<slot>][-<part>].lnz or .unz; else 0.
+long writerOf(const char* name, const std::string& base) {
+    if (std::strncmp(name, base.c_str(), base.size()) != 0) return 0;
+    const char* p = name + base.size();
+    long pid = 0, number = 0;
+    if (*p++ != '_' || !digits(p, pid) || *p++ != '_' || !digits(p, number)) return 0;
+    if (*p == '_' && !digits(++p, number)) return 0;
+    if (*p == '-' && !digits(++p, number)) return 0;
+    if (std::strcmp(p, ".lnz") != 0 && std::strcmp(p, ".unz") != 0) return 0;
+    return pid;
+}
+
+// A process killed outright (SIGKILL, the machine's memory killer) leaves
+// its files behind. Those of the same stem whose process no longer exists
+// are removed when new files are made; only regular files of this user
+// that carry exactly our name pattern, so nothing else in the folder is
+// touched. A process id that was taken again by another process keeps its
+// files until that one ends.
+void removeOrphans(const std::string& stem) {
+    const std::size_t slash = stem.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : stem.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? stem : stem.substr(slash + 1);
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return;
+    const long self = static_cast<long>(::getpid());
+    while (const dirent* e = ::readdir(dir)) {
+        const long pid = writerOf(e->d_name, base);
+        if (pid <= 0 || pid == self) continue;
+        if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+        struct stat st {};
+        if (::fstatat(::dirfd(dir), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) continue;
+        ::unlinkat(::dirfd(dir), e->d_name, 0);
+    }
+    ::closedir(dir);
 }
 
 [[noreturn]] void fail(int error, int msglvl, int row, const char* tag) {
@@ -82,9 +155,10 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     // The limit is for the factor's panels: the window, the staging of the
     // files, the tables that say where each panel lies. The analysis and
     // the factorization's work arrays (iparm[62]) come on top, as in core.
-    // The window must hold a target and one of its sources.
+    // The window must hold a target and one of its sources, and a panel is
+    // turned by rows (or back) in a scratch block of its own.
     const std::int64_t base = f.tableBytes;
-    const std::int64_t least = 2 * f.largestPanel + 2 * kLeastStaging;
+    const std::int64_t least = 3 * f.largestPanel + 2 * kLeastStaging;
     std::int64_t available = limit * (std::int64_t(1) << 20) - base;
     if (available < least) {
         plan.error = kOocNotEnoughMemory;
@@ -93,64 +167,108 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     }
     // A sixteenth of the window for each file's staging, within bounds.
     plan.stagingBytes = std::clamp(available / 16, kLeastStaging, kStagingBytes);
-    available -= 2 * plan.stagingBytes;
+    available -= 2 * plan.stagingBytes + f.largestPanel;
     plan.windowBytes = available;
-    plan.mode = available >= f.factorBytes ? 0 : 2;
+    // Every panel fits; or the panels of one domain and of the separators
+    // above it do, which is what a target ever reads at once; or panels
+    // stream. The window code is the same for all three: what differs is
+    // how often a dropped panel has to come back.
+    if (available >= f.factorBytes)
+        plan.mode = 0;
+    else if (f.largestBranch > 0 && f.largestBranch <= available)
+        plan.mode = 3;
+    else
+        plan.mode = 2;
     return plan;
+}
+
+std::int64_t largestBranch(const std::vector<std::int64_t>& domainBytes,
+                           const std::vector<std::int64_t>& separatorBytes) {
+    const std::size_t leaves = domainBytes.size();
+    if (leaves < 2 || (leaves & (leaves - 1)) != 0 || separatorBytes.size() + 1 != leaves) return 0;
+    // Children before parents: the separators come in the order of a walk
+    // that finishes both halves of a part before its own separator.
+    std::size_t next = 0;
+    auto walk = [&](auto&& self, std::size_t first, std::size_t count) -> std::int64_t {
+        if (count == 1) return domainBytes[first];
+        const std::int64_t left = self(self, first, count / 2);
+        const std::int64_t right = self(self, first + count / 2, count / 2);
+        return separatorBytes[next++] + std::max(left, right);
+    };
+    return walk(walk, 0, leaves);
 }
 
 // ---- PanelBlock ----
 
-PanelBlock::PanelBlock(std::int64_t bytes) : m_bytes(std::max<std::int64_t>(1, bytes)) {
-    constexpr std::int64_t kMapFrom = std::int64_t(64) << 10;
-    if (m_bytes >= kMapFrom) {
-        void* p = ::mmap(nullptr, static_cast<std::size_t>(m_bytes), PROT_READ | PROT_WRITE,
-                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (p == MAP_FAILED) throw std::bad_alloc();
-        m_data = static_cast<std::byte*>(p);
-        m_mapped = true;
-    } else {
-        m_data = static_cast<std::byte*>(::operator new(static_cast<std::size_t>(m_bytes)));
-    }
-}
+PanelBlock::PanelBlock(std::int64_t bytes)
+    : m_data(static_cast<std::byte*>(
+          ::operator new(static_cast<std::size_t>(std::max<std::int64_t>(1, bytes))))) {}
 
 void PanelBlock::reset() {
-    if (!m_data) return;
-    if (m_mapped)
-        ::munmap(m_data, static_cast<std::size_t>(m_bytes));
-    else
-        ::operator delete(m_data);
+    ::operator delete(m_data);
     m_data = nullptr;
 }
 
 // ---- OocFile ----
 
-void OocFile::create(const char* tag, int msglvl) {
-    close();
+std::string OocFile::partPath(int k) const {
+    if (k == 0) return m_path;
+    const std::size_t dot = m_path.rfind('.');
+    const std::size_t slash = m_path.rfind('/');
+    const bool extension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    std::string number(1, '-');
+    number += std::to_string(k + 1);
+    std::string out = m_path;
+    out.insert(extension ? dot : out.size(), number);
+    return out;
+}
+
+void OocFile::createPart(int k, const char* tag, int msglvl) {
     // The name is this handle's: what lies there is a file it kept from an
     // earlier factor, or one of a dead process that had the same pid. The
     // new factor replaces it; O_EXCL then makes sure that the file written
     // is a new one, not something put in its place (a link elsewhere).
-    ::unlink(m_path.c_str());
-    m_fd = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+    const std::string path = partPath(k);
+    ::unlink(path.c_str());
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+    m_fds.resize(static_cast<std::size_t>(k) + 1, -1);
+    m_fds[static_cast<std::size_t>(k)] = fd;
+    m_parts = std::max(m_parts, k + 1);
+}
+
+void OocFile::create(const char* tag, int msglvl) {
+    remove();
+    m_createTag = tag;
+    // Further parts of a kept factor of the same name go as well.
+    for (int k = 1; ::unlink(partPath(k).c_str()) == 0; ++k) {
+    }
+    createPart(0, tag, msglvl);
 }
 
 void OocFile::openRead(const char* tag, int msglvl) {
     close();
-    m_fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
-    ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    m_fds.assign(static_cast<std::size_t>(std::max(1, m_parts)), -1);
+    for (std::size_t k = 0; k < m_fds.size(); ++k) {
+        m_fds[k] = ::open(partPath(static_cast<int>(k)).c_str(), O_RDONLY | O_CLOEXEC);
+        if (m_fds[k] < 0) fail(kOocOpenFailure, msglvl, 965, tag);
+        ::posix_fadvise(m_fds[k], 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
 }
 
 void OocFile::close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
+    for (int& fd : m_fds) {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
 }
 
 void OocFile::remove() {
     close();
-    if (!m_path.empty()) ::unlink(m_path.c_str());
+    if (m_path.empty()) return;
+    for (int k = 0; k < std::max(1, m_parts); ++k)
+        ::unlink(partPath(k).c_str());
+    m_parts = 0;
 }
 
 bool OocFile::exists() const {
@@ -161,8 +279,13 @@ bool OocFile::exists() const {
 void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl) {
     const char* p = static_cast<const char*>(data);
     while (bytes > 0) {
+        const int k = static_cast<int>(offset / m_partBytes);
+        const std::int64_t within = offset % m_partBytes;
+        if (k >= static_cast<int>(m_fds.size()) || m_fds[static_cast<std::size_t>(k)] < 0)
+            createPart(k, m_createTag, msglvl);
+        const std::int64_t room = std::min({bytes, kLargestCall, m_partBytes - within});
         const ssize_t w =
-            ::pwrite(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+            ::pwrite(m_fds[static_cast<std::size_t>(k)], p, static_cast<std::size_t>(room), within);
         if (w < 0 && errno == EINTR) continue;
         // A full disk, or the process's file size limit, ends here.
         if (w <= 0) fail(kOocReadWriteFailure, msglvl, 986, "spds_write_ooc_file: Write error");
@@ -175,8 +298,12 @@ void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset,
 void OocFile::readAt(void* data, std::int64_t bytes, std::int64_t offset, int msglvl) const {
     char* p = static_cast<char*>(data);
     while (bytes > 0) {
-        const ssize_t r =
-            ::pread(m_fd, p, static_cast<std::size_t>(std::min(bytes, kLargestCall)), offset);
+        const std::size_t k = static_cast<std::size_t>(offset / m_partBytes);
+        const std::int64_t within = offset % m_partBytes;
+        if (k >= m_fds.size() || m_fds[k] < 0)
+            fail(kOocReadWriteFailure, msglvl, 981, "spds_read_ooc_file: Read error");
+        const std::int64_t room = std::min({bytes, kLargestCall, m_partBytes - within});
+        const ssize_t r = ::pread(m_fds[k], p, static_cast<std::size_t>(room), within);
         if (r < 0 && errno == EINTR) continue;
         // A file cut short reads 0 bytes before the panel ends.
         if (r <= 0) fail(kOocReadWriteFailure, msglvl, 981, "spds_read_ooc_file: Read error");
@@ -192,7 +319,7 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
                                  const int* xlnz, int nsuper, std::int64_t scalarBytes,
                                  OocCounters* io)
     : m_nsuper(nsuper), m_lu(lu), m_keep(state.config.keepFile != 0), m_msglvl(state.msglvl),
-      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_io(io) {
+      m_staging(std::max(kLeastStaging, state.stagingBytes)), m_scalar(scalarBytes), m_io(io) {
     char unique[48];
     if (slot > 1)
         std::snprintf(unique, sizeof unique, "_%ld_%d_%d", static_cast<long>(::getpid()),
@@ -200,18 +327,25 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
     else
         std::snprintf(unique, sizeof unique, "_%ld_%d", static_cast<long>(::getpid()),
                       state.serial);
-    const std::string stem = state.config.stem + unique;
+    m_stem = state.config.stem;
+    const std::string stem = m_stem + unique;
     m_lnz.setPath(stem + ".lnz");
     m_unz.setPath(lu ? stem + ".unz" : std::string());
+    m_lnz.setPartBytes(state.partBytes);
+    m_unz.setPartBytes(state.partBytes);
     const std::size_t count = static_cast<std::size_t>(nsuper) + 1;
     m_lBytes.assign(count, 0);
     m_uBytes.assign(count, 0);
     m_lOffset.assign(count, -1);
     m_uOffset.assign(count, -1);
+    m_height.assign(count, 0);
+    m_width.assign(count, 0);
     for (int sn = 1; sn <= nsuper; ++sn) {
         const int fst = xsup[sn - 1];
         const std::int64_t ws = xsup[sn] - fst;
         const std::int64_t hs = xlnz[fst] - xlnz[fst - 1];
+        m_height[static_cast<std::size_t>(sn)] = static_cast<int>(hs);
+        m_width[static_cast<std::size_t>(sn)] = static_cast<int>(ws);
         m_lBytes[static_cast<std::size_t>(sn)] = hs * ws * scalarBytes;
         m_uBytes[static_cast<std::size_t>(sn)] = lu ? (hs - ws) * ws * scalarBytes : 0;
         m_largest = std::max(m_largest, panelBytes(sn));
@@ -228,16 +362,48 @@ OutOfCoreFactor::~OutOfCoreFactor() {
 }
 
 std::vector<std::string> OutOfCoreFactor::paths() const {
-    std::vector<std::string> out{m_lnz.path()};
-    if (m_lu) out.push_back(m_unz.path());
+    std::vector<std::string> out;
+    for (const OocFile* f : {&m_lnz, &m_unz}) {
+        if (f == &m_unz && !m_lu) break;
+        for (int k = 0; k < std::max(1, f->parts()); ++k)
+            out.push_back(f->partPath(k));
+    }
     return out;
 }
 
 void OutOfCoreFactor::createFiles() {
+    // Kept files are meant to stay, whoever left them.
+    if (!m_keep) removeOrphans(m_stem);
     m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
     if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
     m_lw.staging = PanelBlock(m_staging);
     if (m_lu) m_uw.staging = PanelBlock(m_staging);
+    m_scratch = PanelBlock(m_largest);
+}
+
+void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int64_t cols,
+                                std::int64_t lda, std::byte* b, std::int64_t ldb) const {
+    switch (m_scalar) {
+    case 4:
+        transposeTiles<std::uint32_t>(a, rows, cols, lda, b, ldb);
+        break;
+    case 8:
+        transposeTiles<std::uint64_t>(a, rows, cols, lda, b, ldb);
+        break;
+    default:
+        transposeTiles<Pair>(a, rows, cols, lda, b, ldb);
+        break;
+    }
+}
+
+void OutOfCoreFactor::toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const {
+    const std::size_t k = static_cast<std::size_t>(sn);
+    const std::int64_t hs = m_height[k], ws = m_width[k];
+    std::memcpy(scratch, l, static_cast<std::size_t>(m_lBytes[k]));
+    transpose(scratch, ws, hs, ws, l, hs);
+    if (!m_lu || hs == ws) return;
+    std::memcpy(scratch, u, static_cast<std::size_t>(m_uBytes[k]));
+    transpose(scratch, ws, hs - ws, ws, u, hs - ws);
 }
 
 std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
@@ -278,19 +444,31 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
     const double t0 = wallSeconds();
     file.readAt(to, bytes, offset, m_msglvl);
     m_io->factorReadSeconds += wallSeconds() - t0;
-    m_io->bytesRead += bytes;
+    m_io->factorBytesRead += bytes;
 }
 
 void OutOfCoreFactor::append(int sn, const std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    m_lOffset[k] = put(m_lnz, m_lw, panel, m_lBytes[k]);
-    if (m_lu) m_uOffset[k] = put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k]);
+    const std::int64_t hs = m_height[k], ws = m_width[k];
+    std::byte* rows = m_scratch.get();
+    transpose(panel, hs, ws, hs, rows, ws);
+    m_lOffset[k] = put(m_lnz, m_lw, rows, m_lBytes[k]);
+    if (!m_lu) return;
+    transpose(panel + m_lBytes[k], hs - ws, ws, hs - ws, rows, ws);
+    m_uOffset[k] = put(m_unz, m_uw, rows, m_uBytes[k]);
 }
 
-void OutOfCoreFactor::readBack(int sn, std::byte* panel) {
+void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    get(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
-    if (m_lu) get(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
+    const std::int64_t ws = m_width[k];
+    const std::int64_t m = m_height[k] - from; // rows wanted of each side
+    const std::int64_t bytes = m * ws * m_scalar;
+    std::byte* rows = m_scratch.get();
+    get(m_lnz, m_lw, rows, bytes, m_lOffset[k] + from * ws * m_scalar);
+    transpose(rows, ws, m, ws, panel, m);
+    if (!m_lu) return;
+    get(m_unz, m_uw, rows, bytes, m_uOffset[k] + (from - ws) * ws * m_scalar);
+    transpose(rows, ws, m, ws, panel + bytes, m);
 }
 
 void OutOfCoreFactor::finishWriting() {
@@ -298,6 +476,7 @@ void OutOfCoreFactor::finishWriting() {
     if (m_lu) flush(m_unz, m_uw);
     m_lw.staging.reset();
     m_uw.staging.reset();
+    m_scratch.reset();
     m_lnz.close();
     m_unz.close();
     m_complete = true;
@@ -324,9 +503,10 @@ void OutOfCoreFactor::readU(void* to, std::int64_t bytes, std::int64_t offset) c
 // ---- PanelWindow ----
 
 PanelWindow::PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
-                         std::vector<int> readers)
+                         std::vector<int> readers, std::vector<int> rows)
     : m_files(files), m_budget(budget), m_xreaders(std::move(xreaders)),
-      m_readers(std::move(readers)), m_read(m_xreaders.begin(), m_xreaders.end() - 1),
+      m_readers(std::move(readers)), m_rows(std::move(rows)),
+      m_read(m_xreaders.begin(), m_xreaders.end() - 1),
       m_slots(static_cast<std::size_t>(files.nsuper()) + 1),
       m_at(static_cast<std::size_t>(files.nsuper()) + 1, nullptr) {}
 
@@ -348,8 +528,8 @@ void PanelWindow::drop(int sn) {
     s.capacity = 0;
 }
 
-std::byte* PanelWindow::allocate(int sn) {
-    const std::int64_t bytes = std::max<std::int64_t>(1, m_files.panelBytes(sn));
+std::byte* PanelWindow::allocate(int sn, std::int64_t wanted) {
+    const std::int64_t bytes = std::max<std::int64_t>(1, wanted);
     auto fits = [bytes](std::int64_t capacity) {
         return capacity >= bytes && capacity <= 2 * bytes;
     };
@@ -364,8 +544,8 @@ std::byte* PanelWindow::allocate(int sn) {
     // Room: pooled blocks go first, then the idle panels read last. Only
     // idle panels are dropped, so the budget is exceeded by what the
     // threads hold at once when it must be.
-    const std::int64_t wanted = s.data ? 0 : bytes;
-    while (m_resident + m_pooled + wanted > m_budget) {
+    const std::int64_t growth = s.data ? 0 : bytes;
+    while (m_resident + m_pooled + growth > m_budget) {
         const int victim = m_idle.empty() ? 0 : std::prev(m_idle.end())->second;
         Slot& v = m_slots[static_cast<std::size_t>(victim)];
         if (victim != 0 && !s.data && fits(v.capacity)) {
@@ -399,6 +579,40 @@ std::byte* PanelWindow::allocate(int sn) {
     return s.data.get();
 }
 
+// Keeps only the rows from `row` down of an idle panel, when that frees at
+// least half of its block: the rows above are read by nobody any more, and
+// the room they free keeps other panels from being read back.
+void PanelWindow::trim(int sn, int row) {
+    Slot& s = m_slots[static_cast<std::size_t>(sn)];
+    if (!s.data || row <= s.from) return;
+    const std::int64_t bytes = m_files.tailBytes(sn, row);
+    if (2 * bytes > s.capacity) return;
+    const std::int64_t hd = m_files.height(sn), wd = m_files.width(sn);
+    const std::int64_t item = m_files.scalarBytes();
+    const std::int64_t m = hd - row;
+    PanelBlock block(bytes);
+    const std::byte* old = s.data.get();
+    // L by columns from row s.from (ld hd - s.from); U after it, whole
+    // (ld hd - wd) while the panel has not been cut yet, else as L.
+    const std::int64_t ldl = hd - s.from;
+    const std::int64_t ldu = s.from == 0 ? hd - wd : ldl;
+    const std::int64_t uFirst = s.from == 0 ? 0 : s.from - wd;
+    const std::byte* oldU = old + ldl * wd * item;
+    std::byte* newU = block.get() + m * wd * item;
+    for (std::int64_t j = 0; j < wd; ++j) {
+        std::memcpy(block.get() + j * m * item, old + (j * ldl + row - s.from) * item,
+                    static_cast<std::size_t>(m * item));
+        if (m_files.lu())
+            std::memcpy(newU + j * m * item, oldU + (j * ldu + row - wd - uFirst) * item,
+                        static_cast<std::size_t>(m * item));
+    }
+    m_resident += bytes - s.capacity;
+    s.data = std::move(block);
+    s.capacity = bytes;
+    s.from = row;
+    m_at[static_cast<std::size_t>(sn)] = nullptr;
+}
+
 void PanelWindow::release(int sn) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (--s.pins > 0) return;
@@ -407,35 +621,47 @@ void PanelWindow::release(int sn) {
         drop(sn);
         return;
     }
+    trim(sn, m_rows[static_cast<std::size_t>(m_read[static_cast<std::size_t>(sn)])]);
     s.place = m_idle.emplace(next, sn).first;
     s.listed = true;
 }
 
 std::byte* PanelWindow::target(int sn) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return allocate(sn);
+    m_slots[static_cast<std::size_t>(sn)].from = 0;
+    return allocate(sn, m_files.panelBytes(sn));
 }
 
-std::byte* PanelWindow::load(int d) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+PanelWindow::Rows PanelWindow::load(int d, int from) {
+    std::unique_lock<std::mutex> lock(m_mutex);
     Slot& s = m_slots[static_cast<std::size_t>(d)];
+    // Readers come in the order of their rows, except when threads run two
+    // of them at once: a later reader may have read back fewer rows than an
+    // earlier one needs. Then the rows are read again once nobody holds them.
+    while (s.data && s.from > from && s.pins > 0)
+        m_unpinned.wait(lock);
+    if (s.data && s.from > from) drop(d);
     if (s.data) {
         if (s.listed) m_idle.erase(s.place);
         s.listed = false;
         ++s.pins;
-        return s.data.get();
+        return {s.data.get(), s.from};
     }
     // Read under the lock: another thread that wants d waits for it rather
     // than reading it twice.
-    std::byte* p = allocate(d);
-    m_files.readBack(d, p);
-    return p;
+    std::byte* p = allocate(d, m_files.tailBytes(d, from));
+    s.from = from;
+    m_files.readBack(d, from, p);
+    return {p, from};
 }
 
 void PanelWindow::used(int d) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_read[static_cast<std::size_t>(d)];
-    release(d);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_read[static_cast<std::size_t>(d)];
+        release(d);
+    }
+    m_unpinned.notify_all();
 }
 
 void PanelWindow::finish(int sn) {
@@ -463,6 +689,7 @@ PanelReader::PanelReader(const OutOfCoreFactor& files, std::vector<int> order,
     }
     m_capacity = std::max(m_capacity, sum);
     m_bounds.push_back(m_order.size());
+    m_scratch = PanelBlock(files.largestPanel());
     const std::size_t chunks = m_bounds.size() - 1;
     for (std::size_t k = 0; k < 2 && k < chunks; ++k)
         m_chunks[k].data =
@@ -497,7 +724,7 @@ void PanelReader::fill(Chunk& c) {
             hi = std::max(hi, off + b);
             sum += b;
         }
-        std::vector<const std::byte*>& ptr = upper ? c.u : c.l;
+        std::vector<std::byte*>& ptr = upper ? c.u : c.l;
         if (sum == 0) {
             std::fill(ptr.begin(), ptr.end(), at);
             return at;
@@ -523,6 +750,8 @@ void PanelReader::fill(Chunk& c) {
     };
     std::byte* after = readSide(false, base);
     if (m_files.lu()) readSide(true, after);
+    for (std::size_t i = 0; i < count; ++i)
+        m_files.toColumns(m_order[c.first + i], c.l[i], c.u[i], m_scratch.get());
 }
 
 void PanelReader::run() {
@@ -550,7 +779,7 @@ void PanelReader::run() {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             io.solveReadSeconds += wallSeconds() - t0;
-            io.bytesRead += bytes;
+            io.solveBytesRead += bytes;
             m_error = error;
             c.ready = error == 0;
         }

@@ -8,7 +8,10 @@
 // (structure, pivots, work arrays) stays in memory as in core.
 //
 // Files. Per factor slot one file of L panels (".lnz") and, for LU, one of
-// U panels (".unz"), raw scalars in machine order, no header. Names are
+// U panels (".unz"), raw scalars in machine order, no header. Each panel is
+// stored by rows (the transpose of its in-memory layout), so that the rows
+// from a given one down, which are all a later update reads of a source,
+// are one contiguous run of the file. Names are
 // <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
 // the others: created with O_EXCL, so two handles or two processes never
 // share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
@@ -20,7 +23,8 @@
 // Errors are thrown as OocFailure inside the solver and never cross the C
 // entry: -10 a file cannot be created or opened, -11 a read or write failed
 // (disk full, file size limit, short file). -9 comes from the plan: the
-// limit leaves no room for the two largest panels.
+// limit leaves no room for three of the largest panels (a target, a source
+// and the scratch panel in which panels are turned by rows).
 //
 // Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
 // in-core values: the window, the staging buffers, the reader's chunks and
@@ -31,8 +35,8 @@
 // threads hold more at once), the staging buffer of each file (a sixteenth
 // of the window, 64 KB to 2 MB) turns small panels into large writes, and
 // the reader holds two chunks of consecutive panels, each at most a quarter
-// of the window or one panel when that is larger. Panel blocks are mapped
-// from the system (PanelBlock), outside the handle's counters.
+// of the window or one panel when that is larger. Panel blocks come from
+// the heap (PanelBlock), outside the handle's counters.
 //
 // Threads: the factorization's threads share the window (one lock; reads
 // and writes of the files happen under it, so the files see one stream);
@@ -62,14 +66,18 @@ inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
 inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+// No part of a file grows beyond this, for the file systems and tools that
+// stop at 2 GB.
+inline constexpr std::int64_t kLargestPart = 2147483647;
 
 struct OocFailure {
     int error; // -9, -10 or -11
 };
 
-// A block of bytes for panels. Large blocks are mapped from the system and
-// given back whole, so that the process's size follows what the window
-// holds rather than what the heap once held.
+// A block of bytes for panels, from the heap: a block given back is taken
+// again by the next panel of about its size, where a fresh mapping of the
+// system would fault in and clear every page anew (measured: a third more
+// CPU time for the factorization).
 class PanelBlock {
 public:
     PanelBlock() = default;
@@ -81,23 +89,18 @@ public:
         return *this;
     }
     void reset();
-    void swap(PanelBlock& other) noexcept {
-        std::swap(m_data, other.m_data);
-        std::swap(m_bytes, other.m_bytes);
-        std::swap(m_mapped, other.m_mapped);
-    }
+    void swap(PanelBlock& other) noexcept { std::swap(m_data, other.m_data); }
     std::byte* get() const { return m_data; }
     explicit operator bool() const { return m_data != nullptr; }
 
 private:
     std::byte* m_data = nullptr;
-    std::int64_t m_bytes = 0;
-    bool m_mapped = false;
 };
 
 struct OocCounters {
     std::int64_t bytesWritten = 0;
-    std::int64_t bytesRead = 0; // factorization and solve
+    std::int64_t factorBytesRead = 0; // panels read back by the factorization
+    std::int64_t solveBytesRead = 0;
     double writeSeconds = 0;
     double factorReadSeconds = 0;
     double solveReadSeconds = 0;
@@ -109,11 +112,14 @@ struct OutOfCoreState {
     OocConfig config;
     int serial = 0;      // this handle's number in the process
     bool active = false; // the current analysis keeps its factors in files
-    int mode = -1;       // iparm[55]: -1 none, 0 the window holds every panel, 2 panels stream
+    int mode = -1;       // iparm[55]: -1 none, 0 the window holds every panel, 3 it holds
+                         // the largest branch of the dissection, 2 panels stream
+    int parts = 0;       // with mode 3: the dissection's domains
     std::int64_t windowBytes = 0;
     std::int64_t stagingBytes = 0;
     int status = 0; // -9, -10, -11 of the last call, 0 otherwise
     int msglvl = 0;
+    std::int64_t partBytes = kLargestPart; // tests make it small
     OocCounters io;
 
     // Reads the configuration the first time the mode is asked for.
@@ -128,6 +134,11 @@ struct OocFigures {
     std::int64_t lindxSize = 0;    // row indices of the supernodes
     std::int64_t largestPanel = 0; // bytes of the largest L+U panel
     std::int64_t tableBytes = 0;   // where each panel lies, how often it is read
+    // The dissection's parts as a binary tree (a domain, then the
+    // separators above it up to the root): the largest sum of panel bytes
+    // along one such branch; 0 when the parts do not form that tree.
+    std::int64_t largestBranch = 0;
+    int parts = 0; // domains of that tree
 };
 
 struct OocPlan {
@@ -146,12 +157,25 @@ struct OocPlan {
 // requested: iparm[59] (0, 1 or 2); limitMb: the configured limit.
 OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& figures);
 
-// One temporary file; closing does not remove it (its owner decides).
+// The largest branch of a dissection into `domains` parts (a power of 2)
+// given the bytes of each domain and of each separator in the order the
+// dissection numbers them (children before their parent); 0 when the
+// counts do not make a whole binary tree.
+std::int64_t largestBranch(const std::vector<std::int64_t>& domainBytes,
+                           const std::vector<std::int64_t>& separatorBytes);
+
+// One temporary file, in parts of at most partBytes each: "<name>.lnz",
+// then "<name>-2.lnz", "<name>-3.lnz" and so on, made as the writes reach
+// them; a run of bytes may continue in the next part. Closing does not
+// remove it (its owner decides).
 class OocFile {
 public:
     OocFile() = default;
     explicit OocFile(std::string path) : m_path(std::move(path)) {}
     ~OocFile() { close(); }
+    void setPartBytes(std::int64_t bytes) { m_partBytes = std::max<std::int64_t>(1, bytes); }
+    int parts() const { return m_parts; }
+    std::string partPath(int k) const; // k from 0
     OocFile(const OocFile&) = delete;
     OocFile& operator=(const OocFile&) = delete;
 
@@ -169,8 +193,13 @@ public:
     bool exists() const;
 
 private:
+    void createPart(int k, const char* tag, int msglvl);
+
     std::string m_path;
-    int m_fd = -1;
+    std::int64_t m_partBytes = kLargestPart;
+    int m_parts = 0; // parts made by the writes
+    const char* m_createTag = "";
+    std::vector<int> m_fds; // by part, -1 when closed
 };
 
 // The files of one factor slot and where each supernode's panels lie.
@@ -188,15 +217,26 @@ public:
     std::int64_t lBytes(int sn) const { return m_lBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t uBytes(int sn) const { return m_uBytes[static_cast<std::size_t>(sn)]; }
     std::int64_t panelBytes(int sn) const { return lBytes(sn) + uBytes(sn); }
+    // Bytes of the rows `from` .. end of sn's L panel, and as many of U.
+    std::int64_t tailBytes(int sn, int from) const {
+        const std::size_t k = static_cast<std::size_t>(sn);
+        return static_cast<std::int64_t>(m_height[k] - from) * m_width[k] * m_scalar *
+               (m_lu ? 2 : 1);
+    }
+    int height(int sn) const { return m_height[static_cast<std::size_t>(sn)]; }
+    std::int64_t scalarBytes() const { return m_scalar; }
+    int width(int sn) const { return m_width[static_cast<std::size_t>(sn)]; }
     std::int64_t largestPanel() const { return m_largest; }
     std::int64_t totalBytes() const { return m_total; }
     std::vector<std::string> paths() const;
 
     // Factorization: create, append each finished panel (L then U, in one
-    // block of panelBytes), read one back, finish.
+    // block of panelBytes), read one back, finish. readBack brings the rows
+    // from `from` down (of U: from - width), each side by columns with the
+    // leading dimension height - from, the U side after the L side.
     void createFiles();
     void append(int sn, const std::byte* panel);
-    void readBack(int sn, std::byte* panel);
+    void readBack(int sn, int from, std::byte* panel);
     void finishWriting();
 
     // Solve: open by name; chunk reads of consecutive panels.
@@ -206,6 +246,9 @@ public:
     std::int64_t uOffset(int sn) const { return m_uOffset[static_cast<std::size_t>(sn)]; }
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
+    // Turns sn's panels as read from the files (by rows) into the layout of
+    // memory (by columns), in place; scratch holds largestPanel() bytes.
+    void toColumns(int sn, std::byte* l, std::byte* u, std::byte* scratch) const;
     OocCounters& counters() const { return *m_io; }
     bool complete() const { return m_complete; }
 
@@ -219,6 +262,9 @@ private:
     std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
     void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
              std::int64_t offset);
+    // Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb).
+    void transpose(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
+                   std::byte* b, std::int64_t ldb) const;
     void flush(OocFile& file, Writer& w);
 
     int m_nsuper;
@@ -226,7 +272,11 @@ private:
     bool m_keep;
     int m_msglvl;
     std::int64_t m_staging;
+    std::int64_t m_scalar;
+    std::string m_stem; // as configured, without the process and handle
     bool m_complete = false;
+    std::vector<int> m_height, m_width;           // by supernode, one-based
+    PanelBlock m_scratch;                         // a panel turned by rows or back
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
     std::vector<std::int64_t> m_lOffset, m_uOffset;
     std::int64_t m_largest = 0;
@@ -237,7 +287,9 @@ private:
 };
 
 // The factorization's panels in memory: the targets being built, and the
-// finished ones that later targets still read, up to a budget. When room is
+// finished ones that later targets still read, up to a budget. A panel read
+// back holds only the rows from the first one its reader needs down: a
+// source's later readers are its ancestors, whose rows lie further down. When room is
 // needed, the panel whose next reader comes last in the schedule goes first
 // (it would stay unread the longest), and a panel that no target needs any
 // more goes at once; a dropped panel's block serves a later panel of about
@@ -247,14 +299,21 @@ private:
 class PanelWindow {
 public:
     // The places in the schedule of the targets that read supernode d
-    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending.
+    // (one-based): readers[xreaders[d]] .. readers[xreaders[d+1]-1], ascending;
+    // rows[k]: the first row of d that reader k needs.
     PanelWindow(OutOfCoreFactor& files, std::int64_t budget, std::vector<int> xreaders,
-                std::vector<int> readers);
+                std::vector<int> readers, std::vector<int> rows);
 
-    std::byte* target(int sn); // a block for sn's panels
-    std::byte* load(int d);    // d's panels, read back if they were dropped
-    void used(int d);          // d has served one more target
-    void finish(int sn);       // writes sn's panels
+    // What a source holds: its L rows from `from` down by columns, leading
+    // dimension height - from, then as many rows of U.
+    struct Rows {
+        const std::byte* data;
+        int from;
+    };
+    std::byte* target(int sn);  // a block for sn's panels
+    Rows load(int d, int from); // d's rows from `from` on, read back if they were dropped
+    void used(int d);           // d has served one more target
+    void finish(int sn);        // writes sn's panels
     // The panels of a held supernode.
     std::byte* at(int sn) const { return m_at[static_cast<std::size_t>(sn)]; }
     std::int64_t peakBytes() const { return m_peak; }
@@ -266,6 +325,7 @@ private:
         bool listed = false;
         int pins = 0;
         std::int64_t capacity = 0; // bytes of data, at least the panel's
+        int from = 0;              // first row held
     };
     // Place of the next reader of d, past every place when none is left.
     int nextReader(int d) const {
@@ -275,11 +335,13 @@ private:
     }
     void drop(int sn);
     void release(int sn);
-    std::byte* allocate(int sn);
+    std::byte* allocate(int sn, std::int64_t bytes);
 
     OutOfCoreFactor& m_files;
     std::int64_t m_budget;
-    std::vector<int> m_xreaders, m_readers;
+    void trim(int sn, int row);
+
+    std::vector<int> m_xreaders, m_readers, m_rows;
     std::vector<int> m_read; // per supernode: next entry of readers
     std::vector<Slot> m_slots;
     std::vector<std::byte*> m_at;
@@ -289,6 +351,7 @@ private:
     std::int64_t m_pooled = 0;
     std::int64_t m_peak = 0;
     std::mutex m_mutex;
+    std::condition_variable m_unpinned;
 };
 
 // The panels of a factor in a given order of supernodes, read ahead by a
@@ -314,7 +377,7 @@ private:
     struct Chunk {
         std::size_t first = 0, last = 0; // positions in the order
         PanelBlock data;
-        std::vector<const std::byte*> l, u; // by position from `first`
+        std::vector<std::byte*> l, u; // by position from `first`
         bool ready = false;
     };
     void fill(Chunk& c);
@@ -324,6 +387,7 @@ private:
     std::vector<int> m_order;
     std::vector<std::size_t> m_bounds; // chunk k: positions m_bounds[k] .. m_bounds[k+1]-1
     std::int64_t m_capacity = 0;
+    PanelBlock m_scratch; // the reader thread's, to turn panels by columns
     Chunk m_chunks[2];
     std::size_t m_chunk = 0;    // chunk being handed out
     bool m_holding = false;     // the caller may read m_chunks[m_chunk % 2]

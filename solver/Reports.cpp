@@ -191,6 +191,55 @@ constexpr int kTimerOfLine[10] = {kTimeGraph,      kTimeOrdering, kTimeSymbolic,
                                   kTimeMatrixMap,  kTimeNumeric,  kTimeSolve,    kTimeIterative,
                                   kTimeAllocation, kTimeTotal};
 
+// Share of `part` in `whole`, in whole percent.
+int percentOf(double part, double whole) {
+    return whole > 0 ? static_cast<int>(100.0 * part / whole) : 0;
+}
+
+double megabytes(std::int64_t bytes) {
+    return static_cast<double>(bytes) / (1024.0 * 1024.0);
+}
+
+// The time the files took, beside the stage times, and then the same as
+// shares of each stage and the bytes moved.
+void outOfCoreLines(const Handle& h) {
+    const OocCounters& io = h.ooc.io;
+    spds_message(0, 779, 1, io.writeSeconds);
+    spds_message(0, 780, 1, io.factorReadSeconds);
+    spds_message(0, 781, 1, io.solveReadSeconds);
+    spds_message(0, 0, 0);
+    const double factor = h.timers[kTimeNumeric];
+    const double solve = h.timers[kTimeSolve];
+    const double total = h.timers[kTimeTotal];
+    const int write = percentOf(io.writeSeconds, factor);
+    const int factorRead = percentOf(io.factorReadSeconds, factor);
+    const int solveRead = percentOf(io.solveReadSeconds, solve);
+    const int totalRead = percentOf(io.factorReadSeconds + io.solveReadSeconds, total);
+    const int totalWrite = percentOf(io.writeSeconds, total);
+    spds_message(0, 782, 0);
+    spds_message(0, 783, 0);
+    spds_message(0, 784, 0);
+    spds_message(0, 785, 1, write);
+    spds_message(0, 786, 1, factorRead);
+    spds_message(0, 787, 1, 100 - write - factorRead);
+    spds_message(0, 791, 0);
+    spds_message(0, 786, 1, solveRead);
+    spds_message(0, 792, 1, 100 - solveRead);
+    spds_message(0, 794, 0);
+    spds_message(0, 786, 1, totalRead);
+    spds_message(0, 795, 1, 100 - totalRead - totalWrite);
+    spds_message(0, 797, 0);
+    spds_message(0, 798, 0);
+    spds_message(0, 799, 1, megabytes(io.bytesWritten));
+    spds_message(0, 800, 1, megabytes(io.factorBytesRead));
+    spds_message(0, 801, 0);
+    spds_message(0, 800, 1, megabytes(io.solveBytesRead));
+    spds_message(0, 802, 0);
+    spds_message(0, 803, 1, megabytes(io.bytesWritten + io.factorBytesRead + io.solveBytesRead));
+    spds_message(0, 782, 0);
+    spds_message(0, 0, 0);
+}
+
 } // namespace
 
 int reportNumber(int id) {
@@ -291,6 +340,7 @@ void spds_statistics(const ReportCall& c, Handle* h, double callSeconds) {
         }
     }
     spds_message(0, 0, 0);
+    if (h->ooc.active) outOfCoreLines(*h);
 
     // A handle without an analysis has no factor to describe; its figures
     // would all be zeros and leftovers.

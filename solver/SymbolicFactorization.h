@@ -7,8 +7,9 @@
 // written are one-based and indexed by position (column of the permuted
 // matrix) or by supernode.
 //
-// Writes SymbolicResult (see Handle.h) and converts ord.domainpairs from
-// columns to supernodes.
+// Writes SymbolicResult (see Handle.h), converts ord.domainpairs from
+// columns to supernodes, and with `postorder` rewrites ord.perm and invp
+// (the column ranges of the domains stay as they were).
 //
 // Workspace: the ordering graph in permuted positions (n + 1 integers and
 // one per edge), 8 x n integers for the column counts, 2 x nsuper for the
@@ -42,6 +43,12 @@ struct SymbolicInput {
     // Merge supernodes into their parents within the bounds on explicit
     // zeros (SymbolicFactorization.cpp); off: fundamental supernodes.
     bool relax = true;
+    // Renumber the columns in a postorder of the elimination tree inside
+    // each range of the dissection (ord.perm and invp follow), so that more
+    // children end next to their parent and merge with it. The driver asks
+    // for it only for its own order cut into domains (Driver.cpp says why);
+    // a caller's order is used exactly.
+    bool postorder = false;
     MemoryCounter* memory = nullptr;
 };
 

@@ -11,6 +11,8 @@
 #include "spds.h"
 
 #ifdef SPDS_BENCH_ZMUMPS
+#include "MumpsJobs.h"
+
 #include <zmumps_c.h>
 #endif
 
@@ -63,23 +65,6 @@ ComplexProblem helmholtz(const char* name, int nx, int ny, int nz) {
     return p;
 }
 
-double residual(const ComplexProblem& p, const std::vector<Complex>& x,
-                const std::vector<Complex>& b) {
-    std::vector<Complex> r(b.size());
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            const int j = p.ja[k] - 1;
-            r[i] += p.a[k] * x[j];
-            if (j != i) r[j] += p.a[k] * x[i];
-        }
-    double rr = 0, bb = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-        rr += std::norm(r[i] - b[i]);
-        bb += std::norm(b[i]);
-    }
-    return std::sqrt(rr / bb);
-}
-
 struct Times {
     double analysis = 1e30, factorization = 1e30, solve = 1e30, residual = 0;
     std::string note;
@@ -107,7 +92,7 @@ Times runSpds(const ComplexProblem& p, const std::vector<Complex>& b, int reps) 
             t.analysis = std::min(t.analysis, stamp[1] - stamp[0]);
             t.factorization = std::min(t.factorization, stamp[2] - stamp[1]);
             t.solve = std::min(t.solve, stamp[3] - stamp[2]);
-            t.residual = residual(p, x, b);
+            t.residual = bench::residual(p, x, b);
         }
         int release = -1;
         spds(pt, &maxfct, &mnum, &mtype, &release, &n, nullptr, nullptr, nullptr, nullptr, &nrhs,
@@ -119,55 +104,29 @@ Times runSpds(const ComplexProblem& p, const std::vector<Complex>& b, int reps) 
 Times runZmumps(const ComplexProblem& p, const std::vector<Complex>& b, int reps) {
     Times t;
 #ifdef SPDS_BENCH_ZMUMPS
-    std::vector<int> irn, jcn;
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            irn.push_back(i + 1);
-            jcn.push_back(p.ja[k]);
-        }
+    bench::MumpsCoordinates coordinates(p.n, p.ia, p.ja);
     std::vector<mumps_double_complex> values(p.a.size());
     for (std::size_t k = 0; k < p.a.size(); ++k)
         values[k] = {p.a[k].real(), p.a[k].imag()};
     for (int rep = 0; rep < reps; ++rep) {
-        ZMUMPS_STRUC_C id{};
-        id.comm_fortran = -987654; // the sequential library's communicator
-        id.par = 1;
-        id.sym = 2; // general symmetric: complex symmetric, not Hermitian
-        id.job = -1;
-        zmumps_c(&id);
-        id.icntl[0] = id.icntl[1] = id.icntl[2] = id.icntl[3] = 0;
-        id.n = p.n;
-        id.nnz = static_cast<MUMPS_INT8>(irn.size());
-        id.irn = irn.data();
-        id.jcn = jcn.data();
-        id.a = values.data();
         std::vector<mumps_double_complex> x(b.size());
         for (std::size_t i = 0; i < b.size(); ++i)
             x[i] = {b[i].real(), b[i].imag()};
-        id.rhs = x.data();
-        const double t0 = nrt_seconds();
-        id.job = 1;
-        zmumps_c(&id);
-        const double t1 = nrt_seconds();
-        id.job = 2;
-        if (id.infog[0] >= 0) zmumps_c(&id);
-        const double t2 = nrt_seconds();
-        id.job = 3;
-        if (id.infog[0] >= 0) zmumps_c(&id);
-        const double t3 = nrt_seconds();
-        if (id.infog[0] < 0) {
-            t.note = "failed, INFOG(1) " + std::to_string(id.infog[0]);
+        // General symmetric: complex symmetric, not Hermitian.
+        const bench::MumpsJobs r =
+            bench::runMumpsJobs(zmumps_c, 2, p.n, coordinates, values.data(), x.data());
+        if (r.failedJob != 0) {
+            t.note = "failed in job " + std::to_string(r.failedJob) + ", INFOG(1) " +
+                     std::to_string(r.infog1);
         } else {
-            t.analysis = std::min(t.analysis, t1 - t0);
-            t.factorization = std::min(t.factorization, t2 - t1);
-            t.solve = std::min(t.solve, t3 - t2);
+            t.analysis = std::min(t.analysis, r.analysis);
+            t.factorization = std::min(t.factorization, r.factorization);
+            t.solve = std::min(t.solve, r.solve);
             std::vector<Complex> xs(x.size());
             for (std::size_t i = 0; i < x.size(); ++i)
                 xs[i] = Complex(x[i].r, x[i].i);
-            t.residual = residual(p, xs, b);
+            t.residual = bench::residual(p, xs, b);
         }
-        id.job = -2;
-        zmumps_c(&id);
     }
 #else
     (void)p;

@@ -7,6 +7,8 @@
 #include <cholmod.h>
 
 #ifdef SPDS_BENCH_MUMPS
+#include "MumpsJobs.h"
+
 #include <dmumps_c.h>
 #endif
 #ifdef SPDS_BENCH_EIGEN
@@ -24,22 +26,6 @@ void Timing::keepBest(double an, double fa, double so) {
     analysis = std::min(analysis, an);
     factorization = std::min(factorization, fa);
     solve = std::min(solve, so);
-}
-
-double residual(const Problem& p, const std::vector<double>& x, const std::vector<double>& b) {
-    std::vector<double> r(b.size(), 0.0);
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            const int j = p.ja[k] - 1;
-            r[i] += p.a[k] * x[j];
-            if (j != i) r[j] += p.a[k] * x[i];
-        }
-    double rr = 0, bb = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-        rr += (r[i] - b[i]) * (r[i] - b[i]);
-        bb += b[i] * b[i];
-    }
-    return std::sqrt(rr / (bb > 0 ? bb : 1));
 }
 
 Timing runCholmod(const Problem& p, const std::vector<double>& b, int repetitions) {
@@ -98,51 +84,20 @@ Timing runCholmod(const Problem& p, const std::vector<double>& b, int repetition
 Timing runMumps(const Problem& p, const std::vector<double>& b, int repetitions) {
     Timing t;
 #ifdef SPDS_BENCH_MUMPS
-    std::vector<int> irn, jcn;
-    irn.reserve(p.ja.size());
-    for (int i = 0; i < p.n; ++i)
-        for (int k = p.ia[i] - 1; k < p.ia[i + 1] - 1; ++k) {
-            irn.push_back(i + 1);
-            jcn.push_back(p.ja[k]);
-        }
+    MumpsCoordinates coordinates(p.n, p.ia, p.ja);
     std::vector<double> values(p.a.begin(), p.a.end());
     for (int rep = 0; rep < repetitions; ++rep) {
-        DMUMPS_STRUC_C id{};
-        id.comm_fortran = -987654; // the sequential library's communicator
-        id.par = 1;
-        id.sym = p.definite ? 1 : 2;
-        id.job = -1;
-        dmumps_c(&id);
-        id.icntl[0] = id.icntl[1] = id.icntl[2] = id.icntl[3] = 0; // silent
-        id.n = p.n;
-        id.nnz = static_cast<MUMPS_INT8>(irn.size());
-        id.irn = irn.data();
-        id.jcn = jcn.data();
-        id.a = values.data();
         std::vector<double> x(b);
-        id.rhs = x.data();
-        // Each job only when the one before it succeeded, so that the note
-        // names the first failure.
-        const double t0 = nrt_seconds();
-        id.job = 1;
-        dmumps_c(&id);
-        const double t1 = nrt_seconds();
-        id.job = 2;
-        if (id.infog[0] >= 0) dmumps_c(&id);
-        const double t2 = nrt_seconds();
-        id.job = 3;
-        if (id.infog[0] >= 0) dmumps_c(&id);
-        const double t3 = nrt_seconds();
-        if (id.infog[0] < 0) {
-            t.note = "failed in job " + std::to_string(id.job) + ", INFOG(1) " +
-                     std::to_string(id.infog[0]) + ", INFOG(2) " + std::to_string(id.infog[1]);
+        const MumpsJobs r =
+            runMumpsJobs(dmumps_c, p.definite ? 1 : 2, p.n, coordinates, values.data(), x.data());
+        if (r.failedJob != 0) {
+            t.note = "failed in job " + std::to_string(r.failedJob) + ", INFOG(1) " +
+                     std::to_string(r.infog1) + ", INFOG(2) " + std::to_string(r.infog2);
         } else {
-            t.keepBest(t1 - t0, t2 - t1, t3 - t2);
+            t.keepBest(r.analysis, r.factorization, r.solve);
             t.residual = residual(p, x, b);
-            t.nnzFactor = static_cast<double>(id.infog[28]);
+            t.nnzFactor = r.nnzFactor;
         }
-        id.job = -2;
-        dmumps_c(&id);
     }
 #else
     (void)p;

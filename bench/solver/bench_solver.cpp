@@ -1,44 +1,5 @@
-// Speed of SPDS against its peers, in one run with one thread count.
-//
-//   bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
-//        full benchmark: matting Laplacians of three photographs at the
-//        working size, a 2D and a 3D Laplacian and a saddle-point system;
-//        analysis, factorization and solve of SPDS (single and double, the
-//        parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
-//        simplicial LDL^T; best of R repetitions (default 3), each peer's
-//        time as a ratio to SPDS single, and the residuals; --fundamental:
-//        SPDS without merging supernodes
-//   bench_solver --write-photo-mtx PHOTO FILE
-//        writes the matting Laplacian of a photograph for spds-solve
-//   bench_solver --analysis [WIDTH HEIGHT]
-//        analysis only (phase 11) on a matting-shaped pattern, against
-//        CHOLMOD's analysis of the same pattern
-//   bench_solver --write-mtx FILE [W H]  writes that pattern's system
-//   bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
-//                [--threads N] [--analysis-only]
-//        the photo tool's call on the three photographs (one thread unless
-//        --threads), for
-//        each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
-//        analysis, factorization and solve times, nnz(L) and the factor's
-//        operations, against CHOLMOD's analysis with METIS and AMD.
-//        --photo K runs photograph K (0..2) only; --analysis-only stops
-//        after phase 11 (for instruction counts under callgrind)
-//   bench_solver --parallel [--reps R] [--quick]
-//        thread scaling: factorization and solve on 1 and 2 threads of one
-//        analysis (single and double), the factor's rate against the
-//        sgemm/dgemm rate of the same run, whether the factors agree to the
-//        bit, and the tree model's speed-up for 4 to 64 threads
-//   bench_solver --complex [--threads N] [--reps R]
-//        complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
-//        against MUMPS's complex solver, complex double for both
-//   bench_solver --kernels [--threads N] [--reps R] [--quick]
-//        the numeric factorization alone on 1 and N threads, wall and
-//        processor time (KernelBenchmark.cpp)
-//   bench_solver --blas-builds [--reps R] [--quick]
-//        that on 2 threads with each OpenBLAS build installed
-//   bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
-//        factorization and solve with the factor in files (limit a quarter
-//        of the factor) against in core, the bytes written and read
+// Speed of SPDS against its peers, in one run with one thread count; the
+// modes are listed in kUsage (bench_solver --help).
 #include "FullBenchmark.h"
 #include "MatrixMarket.h"
 
@@ -162,7 +123,9 @@ double processSeconds() {
 // One photograph, one ordering: each phase's best time over the rounds.
 struct PhotoRun {
     double analysis = 1e30, analysisCpu = 1e30, factor = 1e30, solve = 1e30;
+    double factorCpu = 1e30, solveCpu = 1e30;
     double nnzL = 0, mflop = 0;
+    int supernodes = 0;
     int error = 0;
 };
 
@@ -179,6 +142,7 @@ PhotoRun spdsPhotoRun(const bench::Problem& p, int ordering, int reps, bool anal
         int maxfct = 1, mnum = 1, mtype = -2, nrhs = 1, msglvl = 0, error = 0, n = p.n;
         const int phases[3] = {11, 22, 33};
         double* times[3] = {&r.analysis, &r.factor, &r.solve};
+        double* cpuTimes[3] = {&r.analysisCpu, &r.factorCpu, &r.solveCpu};
         for (int k = 0; k < (analysisOnly ? 1 : 3) && error == 0; ++k) {
             int phase = phases[k];
             const double t0 = nrt_seconds();
@@ -186,8 +150,10 @@ PhotoRun spdsPhotoRun(const bench::Problem& p, int ordering, int reps, bool anal
             spds(pt, &maxfct, &mnum, &mtype, &phase, &n, a.data(), p.ia.data(), p.ja.data(),
                  nullptr, &nrhs, iparm, &msglvl, b.data(), x.data(), &error);
             *times[k] = std::min(*times[k], nrt_seconds() - t0);
+            *cpuTimes[k] = std::min(*cpuTimes[k], processSeconds() - c0);
             if (k == 0) {
-                r.analysisCpu = std::min(r.analysisCpu, processSeconds() - c0);
+                spds_analysis_info info{};
+                if (spds_get_analysis_info(pt, &info) == 0) r.supernodes = info.supernodes;
                 r.nnzL = iparm[17];
                 r.mflop = iparm[18];
             }
@@ -237,8 +203,8 @@ int photoAnalysis(int argc, char** argv) {
     std::printf("The photo tool's call (single, mtype -2, matching and symmetric scaling), %d "
                 "thread(s), best of %d; seconds\n",
                 threads, reps);
-    std::printf("  %-17s %8s %8s %8s %8s %8s %10s %10s\n", "", "analysis", "(cpu)", "factor",
-                "solve", "total", "nnz(L)", "Mflop");
+    std::printf("  %-17s %8s %8s %8s %8s %8s %8s %8s %10s %10s %9s\n", "", "analysis", "(cpu)",
+                "factor", "(cpu)", "solve", "(cpu)", "total", "nnz(L)", "Mflop", "supernodes");
     for (int k = 0; k < 3; ++k) {
         if (only >= 0 && k != only) continue;
         const bench::Problem p = bench::photoProblem(bench::sourceFile(photos[k]));
@@ -251,18 +217,18 @@ int photoAnalysis(int argc, char** argv) {
             }
             std::printf("  SPDS iparm[1] = %d %8.3f %8.3f", ordering, r.analysis, r.analysisCpu);
             if (!analysisOnly)
-                std::printf(" %8.3f %8.3f %8.3f", r.factor, r.solve,
-                            r.analysis + r.factor + r.solve);
+                std::printf(" %8.3f %8.3f %8.3f %8.3f %8.3f", r.factor, r.factorCpu, r.solve,
+                            r.solveCpu, r.analysis + r.factor + r.solve);
             else
-                std::printf(" %8s %8s %8s", "-", "-", "-");
-            std::printf(" %9.2fM %10.0f\n", r.nnzL / 1e6, r.mflop);
+                std::printf(" %8s %8s %8s %8s %8s", "-", "-", "-", "-", "-");
+            std::printf(" %9.2fM %10.0f %9d\n", r.nnzL / 1e6, r.mflop, r.supernodes);
         }
         if (analysisOnly) continue;
         const skyrinse::mm::Csr upper = upperPattern(p);
         const Result cm = cholmodAnalysis(upper, CHOLMOD_METIS);
         const Result ca = cholmodAnalysis(upper, CHOLMOD_AMD);
-        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD METIS", cm.seconds, cm.nnzL / 1e6);
-        std::printf("  %-17s %8.3f %46.2fM\n", "CHOLMOD AMD", ca.seconds, ca.nnzL / 1e6);
+        std::printf("  %-17s %8.3f %64.2fM\n", "CHOLMOD METIS", cm.seconds, cm.nnzL / 1e6);
+        std::printf("  %-17s %8.3f %64.2fM\n", "CHOLMOD AMD", ca.seconds, ca.nnzL / 1e6);
         std::fflush(stdout);
     }
     return 0;
@@ -317,7 +283,59 @@ int analysisTable(int argc, char** argv) {
     return 0;
 }
 
+namespace {
+
+const char kUsage[] = R"(usage:
+  bench_solver [--threads N] [--reps R] [--quick] [--fundamental]
+       full benchmark: matting Laplacians of three photographs at the
+       working size, a 2D and a 3D Laplacian and a saddle-point system;
+       analysis, factorization and solve of SPDS (single and double, the
+       parameters of the photo tool), CHOLMOD supernodal, MUMPS and Eigen's
+       simplicial LDL^T; best of R repetitions (default 3), each peer's
+       time as a ratio to SPDS single, and the residuals; --fundamental:
+       SPDS without merging supernodes
+  bench_solver --write-photo-mtx PHOTO FILE
+       writes the matting Laplacian of a photograph for spds-solve
+  bench_solver --analysis [WIDTH HEIGHT]
+       analysis only (phase 11) on a matting-shaped pattern, against
+       CHOLMOD's analysis of the same pattern
+  bench_solver --write-mtx FILE [W H]  writes that pattern's system
+  bench_solver --analysis-photos [--reps R] [--orderings LIST] [--photo K]
+               [--threads N] [--analysis-only]
+       the photo tool's call on the three photographs (one thread unless
+       --threads), for
+       each fill-reducing ordering of LIST (iparm[1] values, default 3,0):
+       analysis, factorization and solve times (wall and processor
+       time of the process, which other processes' load disturbs
+       less), nnz(L), the factor's operations and the supernodes,
+       against CHOLMOD's analysis with METIS and AMD.
+       --photo K runs photograph K (0..2) only; --analysis-only stops
+       after phase 11 (for instruction counts under callgrind)
+  bench_solver --parallel [--reps R] [--quick]
+       thread scaling: factorization and solve on 1 and 2 threads of one
+       analysis (single and double), the factor's rate against the
+       sgemm/dgemm rate of the same run, whether the factors agree to the
+       bit, and the tree model's speed-up for 4 to 64 threads
+  bench_solver --complex [--threads N] [--reps R]
+       complex symmetric Helmholtz-like 2D and 3D systems, SPDS mtype 6
+       against MUMPS's complex solver, complex double for both
+  bench_solver --kernels [--threads N] [--reps R] [--quick]
+       the numeric factorization alone on 1 and N threads, wall and
+       processor time (KernelBenchmark.cpp)
+  bench_solver --blas-builds [--reps R] [--quick]
+       that on 2 threads with each OpenBLAS build installed
+  bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
+       factorization and solve with the factor in files (limit a quarter
+       of the factor) against in core, the bytes written and read
+)";
+
+} // namespace
+
 int main(int argc, char** argv) {
+    if (argc >= 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     if (argc >= 3 && !std::strcmp(argv[1], "--write-mtx")) return analysisTable(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis-photos")) return photoAnalysis(argc, argv);
     if (argc >= 2 && !std::strcmp(argv[1], "--analysis")) return analysisTable(argc, argv);

@@ -4,10 +4,12 @@
 // peak run in a child process (this program, re-run with one case named in
 // SPDS_OOC_TEST_CHILD).
 #include "OutOfCoreConfig.h"
+#include "OutOfCoreStore.h"
 #include "SpdsTest.h"
 
 #include <gtest/gtest.h>
 
+#include <complex>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -98,14 +100,23 @@ bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
 // iparm of the run come back.
 template <class T>
 int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = nullptr,
-              const TempFolder* watch = nullptr, std::vector<std::string>* seen = nullptr) {
+              const TempFolder* watch = nullptr, std::vector<std::string>* seen = nullptr,
+              int ordering = -1, std::int64_t partBytes = 0) {
     SpdsRun<T> run(s);
     run.iparm[59] = mode;
+    if (ordering >= 0) run.iparm[1] = ordering;
     std::vector<T> b(static_cast<std::size_t>(s.n));
     for (int i = 0; i < s.n; ++i)
         b[static_cast<std::size_t>(i)] = static_cast<T>(1.0 + (i % 7) * 0.25);
     x.assign(b.size(), T(0));
-    int error = run.call(12);
+    int error = 0;
+    if (partBytes > 0) {
+        error = run.call(11);
+        run.handle()->ooc.partBytes = partBytes;
+        if (error == 0) error = run.call(22);
+    } else {
+        error = run.call(12);
+    }
     if (watch && seen) *seen = watch->files();
     if (error == 0) error = run.call(33, &b, &x);
     if (iparmOut) std::copy(run.iparm, run.iparm + 64, iparmOut);
@@ -114,33 +125,44 @@ int solveWith(const System& s, int mode, std::vector<T>& x, int* iparmOut = null
 
 // ---- the same answer -------------------------------------------------------
 
+// With partBytes the files are split into parts of that size.
 template <class T>
-void expectSameAsInCore(const System& s, int limitMb) {
+void expectSameAsInCore(const System& s, int limitMb, std::int64_t partBytes = 0) {
     TempFolder folder;
     OocEnv env(folder.path.string(), folder.stem(), limitMb);
     std::vector<T> inCore, outOfCore;
     int iparm[64] = {};
     ASSERT_EQ(solveWith(s, 0, inCore), 0);
     std::vector<std::string> during;
-    ASSERT_EQ(solveWith(s, 2, outOfCore, iparm, &folder, &during), 0) << iparm[14];
+    ASSERT_EQ(solveWith(s, 2, outOfCore, iparm, &folder, &during, -1, partBytes), 0) << iparm[14];
     EXPECT_EQ(iparm[55], 2) << "the window should hold only part of the factor";
-    EXPECT_TRUE(sameBits(inCore, outOfCore))
-        << relativeDifference(std::vector<double>(inCore.begin(), inCore.end()),
-                              std::vector<double>(outOfCore.begin(), outOfCore.end()));
+    EXPECT_TRUE(sameBits(inCore, outOfCore)) << s.mtype;
     const std::string own = "run_" + std::to_string(::getpid()) + "_";
     ASSERT_FALSE(during.empty());
     for (const std::string& f : during)
         EXPECT_EQ(f.rfind(own, 0), 0u) << f;
-    EXPECT_EQ(during.size(), s.mtype == 11 ? 2u : 1u) << "one file of L, and one of U for LU";
+    const std::size_t sides = s.mtype == 11 || s.mtype == 13 ? 2u : 1u;
+    if (partBytes > 0) {
+        EXPECT_GT(during.size(), 2 * sides) << "the files should be in several parts";
+        EXPECT_NE(std::find_if(during.begin(), during.end(),
+                               [](const std::string& f) {
+                                   return f.size() > 6 && f.compare(f.size() - 6, 6, "-2.unz") == 0;
+                               }),
+                  during.end());
+    } else
+        EXPECT_EQ(during.size(), sides) << "one file of L, and one of U for LU";
     EXPECT_TRUE(folder.files().empty()) << "files outlived their handle";
 }
 
 TEST(OutOfCore, SameBitsAsInCore) {
     // Limits small enough that panels stream, for each factor kind.
-    expectSameAsInCore<double>(laplacian3d(16, 2), 1);
-    expectSameAsInCore<double>(laplacian3d(16, -2, -0.5), 1);
+    expectSameAsInCore<double>(laplacian3d(16, 2), 2);
+    expectSameAsInCore<double>(laplacian3d(16, -2, -0.5), 2);
     expectSameAsInCore<double>(laplacian3d(16, 11), 2);
     expectSameAsInCore<float>(laplacian3d(18, 2), 2);
+    expectSameAsInCore<std::complex<double>>(laplacian3d(14, 13), 3);
+    // Parts of an odd size, so that panels and chunks straddle them.
+    expectSameAsInCore<double>(laplacian3d(16, 11), 2, 300007);
 }
 
 TEST(OutOfCore, DecisionAndLimits) {
@@ -153,11 +175,13 @@ TEST(OutOfCore, DecisionAndLimits) {
         int error;
         int reported; // iparm[55]
         bool files;   // files exist between factorization and solve
+        int ordering = -1;
     } rows[] = {
         {"mode 1 with room stays in core", 1, 2000, 0, -1, false},
-        {"mode 1 without room goes out of core", 1, 1, 0, 2, true},
+        {"mode 1 without room goes out of core", 1, 2, 0, 2, true},
         {"mode 2 with room keeps every panel in the window", 2, 2000, 0, 0, true},
         {"a limit below two panels", 2, 0, -9, -1, false},
+        {"dissected into parts, the largest branch fits", 2, 3, 0, 3, true, 3},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
@@ -165,7 +189,7 @@ TEST(OutOfCore, DecisionAndLimits) {
         std::vector<double> x;
         int iparm[64] = {};
         std::vector<std::string> seen;
-        EXPECT_EQ(solveWith(s, r.mode, x, iparm, &folder, &seen), r.error);
+        EXPECT_EQ(solveWith(s, r.mode, x, iparm, &folder, &seen, r.ordering), r.error);
         EXPECT_EQ(iparm[55], r.reported);
         EXPECT_EQ(!seen.empty(), r.files);
         EXPECT_GE(iparm[60], iparm[61]);
@@ -173,6 +197,61 @@ TEST(OutOfCore, DecisionAndLimits) {
             EXPECT_GT(iparm[14], 0) << "the need, in kilobytes";
         }
         EXPECT_TRUE(folder.files().empty());
+    }
+}
+
+TEST(OutOfCore, LargestBranchOfTheDissection) {
+    using skyrinse::spds::largestBranch;
+    struct Row {
+        std::vector<std::int64_t> domains, separators;
+        std::int64_t expected;
+    } rows[] = {
+        {{1, 2}, {3}, 5},
+        // Separators children first: over 0-1, over 2-3, the root.
+        {{5, 1, 1, 9}, {1, 2, 10}, 21},
+        {{5, 1, 1, 1}, {1, 2, 10}, 16},
+        {{1, 2, 3}, {1, 1}, 0}, // not a power of 2
+        {{1, 2}, {}, 0},        // a separator missing
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(largestBranch(r.domains, r.separators), r.expected);
+}
+
+// The statistics show the files' share of the time and the bytes moved,
+// and the second level the storage scheme, only when the factor was in
+// files.
+TEST(OutOfCore, StatisticsShowTheFiles) {
+    const System s = laplacian3d(8, 2);
+    TempFolder folder;
+    OocEnv env(folder.path.string(), folder.stem(), 4);
+    for (int mode : {0, 2}) {
+        SpdsRun<double> run(s);
+        run.iparm[59] = mode;
+        run.msglvl = 2;
+        std::vector<double> b(static_cast<std::size_t>(s.n), 1.0), x(b.size());
+        testing::internal::CaptureStdout();
+        const int error = run.call(12) + run.call(33, &b, &x);
+        const std::string out = testing::internal::GetCapturedStdout();
+        ASSERT_EQ(error, 0);
+        const std::size_t mb = out.rfind("Out of core Mb"); // the solve's report
+        EXPECT_EQ(mb != std::string::npos, mode == 2) << out;
+        EXPECT_EQ(out.find("algorithm of OOC SPDS is run; comi(60)=1") != std::string::npos,
+                  mode == 2);
+        if (mode != 2) continue;
+        // Factorization: the whole factor written once; the solve reads it
+        // back in each pass.
+        double written = 0, readBack = -1, solveRead = 0;
+        const char* p = out.c_str() + out.find("write to files :", mb);
+        EXPECT_EQ(std::sscanf(p,
+                              " write to files : %lf Mb read from files: %lf Mb Solution "
+                              "step: read from files: %lf",
+                              &written, &readBack, &solveRead),
+                  3)
+            << p;
+        EXPECT_GT(written, 0.0);
+        EXPECT_GE(readBack, 0.0);
+        EXPECT_GE(solveRead, written) << "a solve reads every panel at least once";
+        EXPECT_NE(out.find("Factorization:\tTime for writing to files"), std::string::npos);
     }
 }
 
@@ -202,6 +281,30 @@ TEST(OutOfCore, FilesBelongToTheirHandle) {
         kept.release();
         EXPECT_EQ(folder.files().size(), 1u) << "SPDS_OOC_KEEP_FILE=1 keeps a finished factor";
     }
+    // Files of a process that died without cleaning up go with the next
+    // factor of the stem, when files are not kept; nothing else does.
+    const pid_t dead = ::fork();
+    if (dead == 0) ::_exit(0);
+    ::waitpid(dead, nullptr, 0);
+    const std::string d = std::to_string(dead), live = std::to_string(::getppid());
+    const std::vector<std::string> orphans = {"run_" + d + "_1.lnz", "run_" + d + "_3_2.unz",
+                                              "run_" + d + "_1-2.lnz"};
+    std::vector<std::string> others = {"run_" + live + "_1.lnz", "run_" + d + "_1.lnz.bak",
+                                       "runs_" + d + "_1.lnz", "run_" + d + "_x.lnz",
+                                       folder.files().front()};
+    for (const std::string& f : orphans)
+        std::ofstream(folder.path / f) << "x";
+    for (std::size_t i = 0; i + 1 < others.size(); ++i)
+        std::ofstream(folder.path / others[i]) << "x";
+    {
+        OocEnv env(folder.path.string(), folder.stem(), 4);
+        SpdsRun<double> run(s);
+        run.iparm[59] = 2;
+        ASSERT_EQ(run.call(12), 0);
+        run.release();
+    }
+    std::sort(others.begin(), others.end());
+    EXPECT_EQ(folder.files(), others);
 }
 
 // ---- failures ----------------------------------------------------------------

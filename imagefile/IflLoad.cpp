@@ -13,6 +13,7 @@
 // recognises it but cannot read it (truncated, corrupt, zero size) 2; more
 // than IFL_MAX_PIXELS pixels or no memory 5.
 #include "imagefile/Ifl.h"
+#include "imagefile/internal/IflDepth.h"
 #include "imagefile/internal/IflFormats.h"
 #include "imagefile/internal/IflMetadata.h"
 
@@ -59,12 +60,6 @@ int depthOf(OIIO::TypeDesc format) {
     default:
         return 32;
     }
-}
-
-OIIO::TypeDesc typeOfDepth(int bits) {
-    return bits == 8    ? OIIO::TypeDesc::UINT8
-           : bits == 16 ? OIIO::TypeDesc::UINT16
-                        : OIIO::TypeDesc::FLOAT;
 }
 
 // Grey and alpha were read into the first two of four components; spread the
@@ -123,6 +118,73 @@ void unassociate(IflBitmap& b) {
     }
 }
 
+// A decoder's working memory beyond the picture: the rows (and the width)
+// of pixels it holds at once, in the file's own layout. A chunk may be as
+// large as the picture itself in that layout, or this much where the picture
+// is smaller (short, wide pictures of real cameras stay far below).
+constexpr std::uint64_t decoderFloorBytes = std::uint64_t{256} << 20;
+
+struct DecoderNeed {
+    std::uint64_t rows = 0;
+    std::uint64_t width = 0;
+    std::uint64_t pixelBytes = 0;
+    std::uint64_t pictureBytes = 0;
+    std::uint64_t cap = std::numeric_limits<std::uint64_t>::max();
+
+    // Products of header values: saturate rather than wrap.
+    std::uint64_t bytes() const {
+        const auto b = static_cast<unsigned __int128>(rows) * width * pixelBytes;
+        return static_cast<std::uint64_t>(
+            std::min<unsigned __int128>(b, std::numeric_limits<std::uint64_t>::max()));
+    }
+    std::uint64_t limit() const { return std::min(std::max(pictureBytes, decoderFloorBytes), cap); }
+    bool fits() const { return bytes() <= limit(); }
+    std::string refusal() const {
+        return "decoding needs " + std::to_string(bytes() >> 20) + " MiB at once (" +
+               std::to_string(rows) + " rows of " + std::to_string(width) +
+               " pixels), more than the limit of " + std::to_string(limit() >> 20) +
+               " MiB for this picture";
+    }
+};
+
+// The most an EXR's chunk or tile may take when the file is opened: 256 rows
+// of 131072 float RGBA pixels (OpenEXR holds a few such buffers at once).
+constexpr std::uint64_t exrOpenCapBytes = std::uint64_t{512} << 20;
+
+std::uint64_t roundUp(std::uint64_t n, std::uint64_t to) {
+    return to > 1 ? (n + to - 1) / to * to : n;
+}
+
+// OpenImageIO's read_image decodes a chunk of `read_chunk` scanlines at a
+// time (whole strips of a TIFF, whole rows of tiles of a tiled file) into a
+// buffer of the file's own layout before it converts into ours, however few
+// rows the picture has.
+DecoderNeed readImageNeed(const OIIO::ImageSpec& spec) {
+    DecoderNeed need;
+    const auto height = static_cast<std::uint64_t>(spec.height);
+    int chunk = 256;
+    OIIO::getattribute("read_chunk", chunk);
+    need.rows = chunk > 0 ? static_cast<std::uint64_t>(chunk) : height;
+    need.width = static_cast<std::uint64_t>(spec.width);
+    if (spec.tile_width > 0 && spec.tile_height > 0) {
+        need.rows = roundUp(need.rows, static_cast<std::uint64_t>(spec.tile_height));
+        need.width = roundUp(need.width, static_cast<std::uint64_t>(spec.tile_width));
+    } else if (const int strip = spec.get_int_attribute("tiff:RowsPerStrip", 0); strip > 0) {
+        // A single strip is commonly written as "all rows" with any large count.
+        need.rows = roundUp(need.rows, std::min(static_cast<std::uint64_t>(strip), height));
+    }
+    need.pixelBytes = spec.pixel_bytes(true);
+    need.pictureBytes = height * spec.scanline_bytes(true);
+    return need;
+}
+
+// Scanlines that OpenEXR compresses together, by its compression code (none,
+// RLE, ZIPS, ZIP, PIZ, PXR24, B44, B44A, DWAA, DWAB); OpenEXR refuses others.
+std::uint64_t exrLinesPerChunk(int compression) {
+    static constexpr std::uint64_t lines[] = {1, 1, 1, 16, 32, 16, 32, 32, 32, 256};
+    return compression >= 0 && compression < 10 ? lines[compression] : 1;
+}
+
 // Bytes that OpenEXR reads for a value of a type of fixed size, or -1 when it
 // reads the declared size (strings, vectors, types it does not know).
 int exrFixedSize(const std::string& type) {
@@ -140,16 +202,19 @@ int exrFixedSize(const std::string& type) {
     return -1;
 }
 
-// OpenEXR takes an attribute's declared size on trust and allocates it before
-// reading: a 1 KiB file that declares a 2 GiB attribute costs 2 GiB and
-// seconds. The headers are walked first, the way OpenEXR reads them (a
-// channel list up to its empty name, a preview by its own size, fixed types
-// by their size, the rest by the declared one), and a size past the end of
-// the file is refused. `head` holds the first bytes of a file of `fileSize`.
-bool exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_t fileSize,
-                   std::string& detail) {
+// OpenEXR takes the header's word for what it allocates before it reads a
+// pixel: an attribute's declared size (a 1 KiB file that declares a 2 GiB
+// attribute costs 2 GiB and seconds), and, as it opens a part, one chunk of
+// scanlines or one tile for its decompressor (a file of one row four million
+// pixels wide costs 16 such rows). The headers are walked first, the way
+// OpenEXR reads them (a channel list up to its empty name, a preview by its
+// own size, fixed types by their size, the rest by the declared one); a size
+// past the end of the file is refused, and so is a chunk out of proportion
+// to the part's picture. `head` holds the first bytes of a file of `fileSize`.
+IflError exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_t fileSize,
+                       std::string& detail) {
     if (available < 8 || head[0] != 0x76 || head[1] != 0x2f || head[2] != 0x31 || head[3] != 0x01)
-        return true; // not EXR: nothing to say
+        return IFL_OK; // not EXR: nothing to say
     const bool multipart = (head[5] & 0x10) != 0;
     std::size_t at = 8;
     auto readName = [&](std::string& out) {
@@ -160,53 +225,88 @@ bool exrHeadersFit(const std::uint8_t* head, std::size_t available, std::uint64_
         ++at;
         return true;
     };
+    auto intAt = [&](std::size_t where) {
+        return static_cast<std::int32_t>(
+            std::uint32_t{head[where]} | std::uint32_t{head[where + 1]} << 8 |
+            std::uint32_t{head[where + 2]} << 16 | std::uint32_t{head[where + 3]} << 24);
+    };
     auto readInt = [&](std::int64_t& out) {
         if (at + 4 > available) return false;
-        out = static_cast<std::int32_t>(std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
-                                        std::uint32_t{head[at + 2]} << 16 |
-                                        std::uint32_t{head[at + 3]} << 24);
+        out = intAt(at);
         at += 4;
         return true;
     };
     auto tooLarge = [&](const std::string& name, std::int64_t size) {
         detail = "the EXR attribute \"" + name + "\" declares " + std::to_string(size) +
                  " bytes, more than the file holds";
-        return false;
+        return IFL_ERROR_FILE_READ;
     };
     for (int header = 0; header < 64; ++header) {
         std::string name, type;
+        std::int64_t width = 0, height = 0, tileWidth = 0, tileHeight = 0;
+        int compression = 3; // OpenEXR's own default, ZIP, for a header that names none
+        std::uint64_t pixelBytes = 0;
         for (;;) {
-            if (!readName(name)) return true; // past what was read: OpenEXR decides
+            if (!readName(name)) return IFL_OK; // past what was read: OpenEXR decides
             if (name.empty()) break;
             std::int64_t size = 0;
-            if (!readName(type) || !readInt(size)) return true;
+            if (!readName(type) || !readInt(size)) return IFL_OK;
             const std::uint64_t left = fileSize - std::min<std::uint64_t>(at, fileSize);
             if (size < 0 || std::uint64_t(size) > left) return tooLarge(name, size);
             if (type == "chlist") {
                 std::string channel;
                 for (;;) {
-                    if (!readName(channel)) return true;
+                    if (!readName(channel)) return IFL_OK;
                     if (channel.empty()) break;
+                    // Pixel type: 0 unsigned int, 1 half, 2 float.
+                    if (at + 16 <= available) pixelBytes += intAt(at) == 1 ? 2 : 4;
                     at += 16;
                 }
             } else if (type == "preview") {
-                std::int64_t width = 0, height = 0;
-                if (!readInt(width) || !readInt(height)) return true;
-                const std::uint64_t bytes =
-                    4 * std::uint64_t(std::uint32_t(width)) * std::uint64_t(std::uint32_t(height));
+                std::int64_t previewWidth = 0, previewHeight = 0;
+                if (!readInt(previewWidth) || !readInt(previewHeight)) return IFL_OK;
+                const std::uint64_t bytes = 4 * std::uint64_t(std::uint32_t(previewWidth)) *
+                                            std::uint64_t(std::uint32_t(previewHeight));
                 if (bytes > fileSize - std::min<std::uint64_t>(at, fileSize))
                     return tooLarge(name, static_cast<std::int64_t>(bytes));
                 at += static_cast<std::size_t>(bytes);
             } else if (const int fixed = exrFixedSize(type); fixed >= 0) {
+                // OpenEXR reads the type's size whatever the declared one.
+                const bool whole = at + static_cast<std::size_t>(fixed) <= available;
+                if (whole && name == "dataWindow" && type == "box2i") {
+                    width = std::int64_t{intAt(at + 8)} - intAt(at) + 1;
+                    height = std::int64_t{intAt(at + 12)} - intAt(at + 4) + 1;
+                } else if (whole && name == "compression" && type == "compression") {
+                    compression = head[at];
+                } else if (whole && name == "tiles" && type == "tiledesc") {
+                    tileWidth = std::uint32_t(intAt(at));
+                    tileHeight = std::uint32_t(intAt(at + 4));
+                }
                 at += static_cast<std::size_t>(fixed);
             } else {
                 at += static_cast<std::size_t>(size);
             }
         }
-        if (!multipart) return true;
-        if (at < available && head[at] == 0) return true; // the empty header ends the list
+        if (width > 0 && height > 0 && pixelBytes > 0) {
+            DecoderNeed need;
+            need.pixelBytes = pixelBytes;
+            need.pictureBytes = std::uint64_t(width) * std::uint64_t(height) * pixelBytes;
+            const bool tiled = tileWidth > 0 && tileHeight > 0;
+            need.rows = tiled ? std::uint64_t(tileHeight) : exrLinesPerChunk(compression);
+            need.width = tiled ? std::uint64_t(tileWidth) : std::uint64_t(width);
+            // OpenEXR allocates this as it opens the part, before the header
+            // reaches anyone who could weigh the picture against the memory
+            // there is: reading a header must stay cheap whatever it says.
+            need.cap = exrOpenCapBytes;
+            if (!need.fits()) {
+                detail = need.refusal();
+                return IFL_ERROR_NO_MEMORY;
+            }
+        }
+        if (!multipart) return IFL_OK;
+        if (at < available && head[at] == 0) return IFL_OK; // the empty header ends the list
     }
-    return true;
+    return IFL_OK;
 }
 
 // Where the bytes come from: a file by its path, or memory.
@@ -289,13 +389,17 @@ IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParam
             std::vector<std::uint8_t> head(std::min<std::uint64_t>(st.st_size, 1 << 20));
             const ssize_t got = ::pread(fd.get(), head.data(), head.size(), 0);
             std::string detail;
-            if (got > 0 && !exrHeadersFit(head.data(), static_cast<std::size_t>(got),
-                                          static_cast<std::uint64_t>(st.st_size), detail))
-                return fail(info, IFL_ERROR_FILE_READ, detail);
+            if (got > 0)
+                if (const IflError code =
+                        exrHeadersFit(head.data(), static_cast<std::size_t>(got),
+                                      static_cast<std::uint64_t>(st.st_size), detail);
+                    code != IFL_OK)
+                    return fail(info, code, detail);
         } else {
             std::string detail;
-            if (!exrHeadersFit(source.data, source.size, source.size, detail))
-                return fail(info, IFL_ERROR_FILE_READ, detail);
+            if (const IflError code = exrHeadersFit(source.data, source.size, source.size, detail);
+                code != IFL_OK)
+                return fail(info, code, detail);
         }
 
         OIIO::ImageSpec config;
@@ -349,6 +453,11 @@ IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParam
         if (stride > std::numeric_limits<std::int32_t>::max())
             return fail(info, IFL_ERROR_NO_MEMORY, "a line of the picture exceeds 2 GiB");
 
+        // Before any read, and for a header alone too, so that a caller
+        // that checks a file first learns it cannot be read.
+        if (const DecoderNeed need = readImageNeed(spec); !need.fits())
+            return fail(info, IFL_ERROR_NO_MEMORY, need.refusal());
+
         IflBitmapPtr record(
             static_cast<IflBitmap*>(iflAllocZeroed(sizeof(IflBitmap), "iflLoadBitmap")));
         if (!record) return fail(info, IFL_ERROR_NO_MEMORY, "no memory for the bitmap record");
@@ -372,29 +481,18 @@ IflError loadBitmap(const Source& source, IflBitmap** bitmap, const IflLoadParam
                 return fail(info, IFL_ERROR_NO_MEMORY,
                             "no memory for the " + std::to_string(bytes / (1024 * 1024)) +
                                 " MiB of pixels");
-            const bool ok = input.read_image(0, 0, 0, readChannels, typeOfDepth(bits), b.data,
+            const bool ok = input.read_image(0, 0, 0, readChannels, ifl::typeOfDepth(bits), b.data,
                                              bytesPerPixel, b.bytesPerLine);
             if (!ok || input.has_error()) {
                 std::string detail = input.geterror();
                 return fail(info, IFL_ERROR_FILE_READ,
                             detail.empty() ? "the pixels cannot be decoded" : detail);
             }
-            if (spec.nchannels == 2) {
-                if (bits == 8)
-                    spreadGreyAlpha<std::uint8_t>(b);
-                else if (bits == 16)
-                    spreadGreyAlpha<std::uint16_t>(b);
-                else
-                    spreadGreyAlpha<float>(b);
-            }
-            if (associated) {
-                if (bits == 8)
-                    unassociate<std::uint8_t>(b);
-                else if (bits == 16)
-                    unassociate<std::uint16_t>(b);
-                else
-                    unassociate<float>(b);
-            }
+            ifl::withComponentType(bits, [&](auto zero) {
+                using T = decltype(zero);
+                if (spec.nchannels == 2) spreadGreyAlpha<T>(b);
+                if (associated) unassociate<T>(b);
+            });
         }
 
         if (params.flags & IFL_LOAD_METADATA) {

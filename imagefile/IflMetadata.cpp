@@ -72,31 +72,6 @@ bool isDirectoryPointer(const std::string& key) {
            key == "Exif.Photo.InteroperabilityTag";
 }
 
-// Tags that describe how the picture is stored, which the output's own
-// header says afresh.
-bool isLayoutTag(const std::string& key) {
-    static const char* const layout[] = {"Exif.Image.ImageWidth",
-                                         "Exif.Image.ImageLength",
-                                         "Exif.Image.BitsPerSample",
-                                         "Exif.Image.Compression",
-                                         "Exif.Image.PhotometricInterpretation",
-                                         "Exif.Image.StripOffsets",
-                                         "Exif.Image.SamplesPerPixel",
-                                         "Exif.Image.RowsPerStrip",
-                                         "Exif.Image.StripByteCounts",
-                                         "Exif.Image.PlanarConfiguration",
-                                         "Exif.Image.ExtraSamples",
-                                         "Exif.Image.SampleFormat",
-                                         "Exif.Image.Predictor",
-                                         "Exif.Photo.PixelXDimension",
-                                         "Exif.Photo.PixelYDimension",
-                                         "Exif.Image.YCbCrPositioning",
-                                         "Exif.Photo.ComponentsConfiguration"};
-    for (const char* k : layout)
-        if (key == k) return true;
-    return false;
-}
-
 // Decoder attributes to the record's form, for files Exiv2 does not read.
 void metadataFromAttributes(const OIIO::ImageSpec& spec, IflMetadata& out,
                             std::vector<std::string>& warnings) {
@@ -379,6 +354,29 @@ std::vector<std::uint8_t> writeKinds(const std::vector<std::uint8_t>& encoded,
 
 namespace ifl {
 
+bool isLayoutTag(const std::string& key) {
+    static const char* const layout[] = {"Exif.Image.ImageWidth",
+                                         "Exif.Image.ImageLength",
+                                         "Exif.Image.BitsPerSample",
+                                         "Exif.Image.Compression",
+                                         "Exif.Image.PhotometricInterpretation",
+                                         "Exif.Image.StripOffsets",
+                                         "Exif.Image.SamplesPerPixel",
+                                         "Exif.Image.RowsPerStrip",
+                                         "Exif.Image.StripByteCounts",
+                                         "Exif.Image.PlanarConfiguration",
+                                         "Exif.Image.ExtraSamples",
+                                         "Exif.Image.SampleFormat",
+                                         "Exif.Image.Predictor",
+                                         "Exif.Photo.PixelXDimension",
+                                         "Exif.Photo.PixelYDimension",
+                                         "Exif.Image.YCbCrPositioning",
+                                         "Exif.Photo.ComponentsConfiguration"};
+    for (const char* k : layout)
+        if (key == k) return true;
+    return false;
+}
+
 IflMetadata* metadataOf(const IflBitmap* bitmap) {
     return bitmap ? static_cast<IflMetadata*>(bitmap->link0) : nullptr;
 }
@@ -438,6 +436,13 @@ void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO
         tag->copy(out.photoshop.data(), Exiv2::invalidByteOrder);
         out.exif.erase(tag);
     }
+    // A TIFF keeps its IPTC in a tag of its directory as well. The record
+    // holds it once, as IPTC, which each output writes where its format keeps
+    // it (a TIFF's writer makes the tag again); as an EXIF tag it would go
+    // twice, or be named as lost where the IPTC itself travels.
+    if (const auto naa = out.exif.findKey(Exiv2::ExifKey("Exif.Image.IPTCNAA"));
+        naa != out.exif.end() && !out.iptc.empty())
+        out.exif.erase(naa);
     out.xmp = image->xmpPacket();
     if (!out.xmp.empty() && image->xmpData().empty()) {
         // The toolkit could not parse the packet (a repeated property, say).

@@ -14,6 +14,7 @@
 // count the format cannot hold 7; unknown format index 10; the file cannot be
 // made in the target folder 3; encoding or writing fails 4; no memory 5.
 #include "imagefile/Ifl.h"
+#include "imagefile/internal/IflDepth.h"
 #include "imagefile/internal/IflFormats.h"
 #include "imagefile/internal/IflMetadata.h"
 
@@ -223,12 +224,6 @@ int qualityOf(std::uint16_t word) {
     return std::clamp<int>(word, 1, 100);
 }
 
-OIIO::TypeDesc typeOfDepth(int bits) {
-    return bits == 8    ? OIIO::TypeDesc::UINT8
-           : bits == 16 ? OIIO::TypeDesc::UINT16
-                        : OIIO::TypeDesc::FLOAT;
-}
-
 // Copies grey pixels into RGB, for formats without a grey form.
 std::vector<std::uint8_t> greyToRgb(const IflBitmap& b) {
     const std::size_t component = b.bitsPerComponent / 8;
@@ -330,7 +325,7 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
                       (format.index == IFL_FORMAT_EXR || format.index == IFL_FORMAT_TIFF);
     OIIO::ImageSpec spec(b.width, b.height, channels,
                          half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF)
-                              : typeOfDepth(b.bitsPerComponent));
+                              : ifl::typeOfDepth(b.bitsPerComponent));
     std::vector<std::uint8_t> associated;
     if (channels == 4) {
         spec.alpha_channel = 3;
@@ -341,9 +336,8 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
             (format.index == IFL_FORMAT_TIFF && (params.flags & IFL_SAVE_ASSOCIATED_ALPHA));
         spec.attribute("oiio:UnassociatedAlpha", associate ? 0 : 1);
         if (associate) {
-            associated = b.bitsPerComponent == 8    ? associatedCopy<std::uint8_t>(b)
-                         : b.bitsPerComponent == 16 ? associatedCopy<std::uint16_t>(b)
-                                                    : associatedCopy<float>(b);
+            associated = ifl::withComponentType(
+                b.bitsPerComponent, [&](auto zero) { return associatedCopy<decltype(zero)>(b); });
             pixels = associated.data();
             xstride = b.bytesPerPixel;
             ystride = xstride * b.width;
@@ -377,7 +371,7 @@ std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
     if (!output) throw Failure{IFL_ERROR_UNKNOWN_FORMAT, OIIO::geterror()};
     if (!output->set_ioproxy(&proxy)) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
     if (!output->open(path, spec)) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
-    if (!output->write_image(typeOfDepth(b.bitsPerComponent), pixels, xstride, ystride))
+    if (!output->write_image(ifl::typeOfDepth(b.bitsPerComponent), pixels, xstride, ystride))
         throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
     if (!output->close()) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
     output.reset();

@@ -82,13 +82,20 @@ private:
 // throws for a format Exiv2 does not read. For those (EXR, HDR...) what the
 // decoder found is taken from `spec`. Never fails: what cannot be read is
 // named in `warnings` and left out.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 void readMetadata(const std::function<Exiv2::Image::AutoPtr()>& open, const OIIO::ImageSpec& spec,
                   IflMetadata& out, std::vector<std::string>& warnings);
+#pragma GCC diagnostic pop
 
 // Puts the metadata into encoder attributes, for formats Exiv2 cannot write;
 // the EXIF tags that the attributes cannot hold are named in `warnings`.
 void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::ImageSpec& spec,
                           std::string_view formatName, std::vector<std::string>& warnings);
+
+// Whether an EXIF tag describes how the picture is stored (its size, samples,
+// strips...), which the output's own header says afresh.
+bool isLayoutTag(const std::string& key);
 
 // The kinds of metadata, as bits of a mask.
 enum MetadataKind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8, Photoshop = 16 };

@@ -7,6 +7,7 @@
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#include "imagefile/internal/IflMetadata.h"
 #include <exiv2/exiv2.hpp>
 #pragma GCC diagnostic pop
 
@@ -190,29 +191,11 @@ inline bool isPosition(const std::string& key) {
     return false;
 }
 
-// Tags that describe the file's own layout rather than the photograph: a TIFF
-// has its own, and the thumbnail does not go into a TIFF.
+// Tags that describe the file's own layout rather than the photograph, as
+// IFL tells them apart when it writes; and the thumbnail, which does not go
+// into a TIFF.
 inline bool describesLayout(const std::string& key) {
-    static const char* const layout[] = {"Exif.Image.ImageWidth",
-                                         "Exif.Image.ImageLength",
-                                         "Exif.Image.BitsPerSample",
-                                         "Exif.Image.Compression",
-                                         "Exif.Image.PhotometricInterpretation",
-                                         "Exif.Image.StripOffsets",
-                                         "Exif.Image.SamplesPerPixel",
-                                         "Exif.Image.RowsPerStrip",
-                                         "Exif.Image.StripByteCounts",
-                                         "Exif.Image.PlanarConfiguration",
-                                         "Exif.Image.ExtraSamples",
-                                         "Exif.Image.SampleFormat",
-                                         "Exif.Image.Predictor",
-                                         "Exif.Image.XResolution",
-                                         "Exif.Image.YResolution",
-                                         "Exif.Image.ResolutionUnit",
-                                         "Exif.Image.YCbCrPositioning"};
-    for (const char* k : layout)
-        if (key == k) return true;
-    return isPosition(key) || key.rfind("Exif.Thumbnail.", 0) == 0;
+    return ifl::isLayoutTag(key) || isPosition(key) || key.rfind("Exif.Thumbnail.", 0) == 0;
 }
 
 // One image resource: "8BIM", its id, an empty name, its size, its data.

@@ -3,6 +3,8 @@
 // that the source file is as it was.
 #include "IflTestSupport.h"
 
+#include <OpenImageIO/imageio.h>
+
 #include <QFile>
 #include <QtGlobal>
 
@@ -48,6 +50,45 @@ std::vector<std::uint8_t> pngClaiming(const QString& scratch, std::uint32_t widt
     putBigEndian(bytes, 16, width);
     putBigEndian(bytes, 20, height);
     putBigEndian(bytes, 29, crc32(bytes.data() + 12, 17));
+    return bytes;
+}
+
+// A tiled EXR or TIFF of 8 x 8 pixels whose header then declares tiles of
+// 32768 x 32768: one tile would hold gigabytes.
+std::vector<std::uint8_t> withHugeTiles(const QString& scratch, const char* format) {
+    const bool exr = std::string(format) == "exr";
+    OIIO::ImageSpec spec(8, 8, 3, exr ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
+    spec.tile_width = spec.tile_height = 16;
+    const std::vector<float> pixels(8 * 8 * 3, 0.5f);
+    auto out = OIIO::ImageOutput::create(format);
+    if (!out || !out->open(scratch.toStdString(), spec) ||
+        !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
+        return {};
+    std::vector<std::uint8_t> bytes = readBytes(scratch.toStdString());
+    QFile::remove(scratch);
+    auto put = [&](std::size_t at) {
+        for (int i = 0; i < 4; ++i)
+            bytes[at + i] = static_cast<std::uint8_t>((32768u >> (8 * i)) & 0xFF);
+    };
+    if (exr) {
+        // "tiles\0tiledesc\0", the size (4), then the tile's width and height.
+        const std::string name("tiles\0tiledesc\0", 15);
+        const auto at = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
+        if (at == bytes.end()) return {};
+        const std::size_t width = static_cast<std::size_t>(at - bytes.begin()) + name.size() + 4;
+        put(width);
+        put(width + 4);
+        return bytes;
+    }
+    // A little-endian TIFF: TileWidth (322) and TileLength (323) in the first
+    // directory, whose entries are tag (2), type (2), count (4), value (4).
+    const std::size_t ifd = bytes[4] | bytes[5] << 8 | bytes[6] << 16 | std::size_t{bytes[7]} << 24;
+    const std::size_t entries = bytes[ifd] | bytes[ifd + 1] << 8;
+    for (std::size_t e = 0; e < entries; ++e) {
+        const std::size_t at = ifd + 2 + 12 * e;
+        const unsigned tag = bytes[at] | bytes[at + 1] << 8;
+        if (tag == 322 || tag == 323) put(at + 8); // a short's value is its low half
+    }
     return bytes;
 }
 
@@ -122,6 +163,18 @@ const BrokenSource brokenSources[] = {
          writeFile(path, pngClaiming(scratch, 60000, 60000));
      },
      "IFL_ERROR_NO_MEMORY", "60000 x 60000 pixels", true},
+    {"huge_exr_tiles", "the EXR header declares tiles of 32768 x 32768 for 8 x 8 pixels",
+     "tiles.exr",
+     [](const QString& path, const QString& scratch) {
+         writeFile(path, withHugeTiles(scratch, "exr"));
+     },
+     "IFL_ERROR_NO_MEMORY", "32768 rows of 32768 pixels", true},
+    {"huge_tiff_tiles", "the TIFF directory declares tiles of 32768 x 32768 for 8 x 8 pixels",
+     "tiles.tif",
+     [](const QString& path, const QString& scratch) {
+         writeFile(path, withHugeTiles(scratch, "tiff"));
+     },
+     "IFL_ERROR_NO_MEMORY", "32768 rows of 32768 pixels", true},
 };
 
 class BrokenSourceTest : public ::testing::TestWithParam<BrokenSource> {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -101,7 +102,8 @@ void removeOrphans(const std::string& stem) {
     const std::size_t slash = stem.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : stem.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? stem : stem.substr(slash + 1);
-    DIR* dir = ::opendir(folder.c_str());
+    const std::unique_ptr<DIR, int (*)(DIR*)> folderStream(::opendir(folder.c_str()), ::closedir);
+    DIR* dir = folderStream.get();
     if (!dir) return;
     const long self = static_cast<long>(::getpid());
     while (const dirent* e = ::readdir(dir)) {
@@ -113,7 +115,6 @@ void removeOrphans(const std::string& stem) {
         if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) continue;
         ::unlinkat(::dirfd(dir), e->d_name, 0);
     }
-    ::closedir(dir);
 }
 
 [[noreturn]] void fail(int error, int msglvl, int row, const char* tag) {

@@ -44,31 +44,6 @@ int clampInt(std::int64_t v) {
     return v > 2147483647 ? 2147483647 : static_cast<int>(v);
 }
 
-// Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb),
-// by tiles so that both sides stay in cache; Item has the scalar's size.
-struct Pair {
-    std::uint64_t a, b;
-};
-template <class Item>
-void transposeTiles(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
-                    std::byte* b, std::int64_t ldb) {
-    const Item* A = reinterpret_cast<const Item*>(a);
-    Item* B = reinterpret_cast<Item*>(b);
-    constexpr std::int64_t kTile = 16;
-    for (std::int64_t j0 = 0; j0 < cols; j0 += kTile) {
-        const std::int64_t j1 = std::min(cols, j0 + kTile);
-        for (std::int64_t i0 = 0; i0 < rows; i0 += kTile) {
-            const std::int64_t i1 = std::min(rows, i0 + kTile);
-            for (std::int64_t i = i0; i < i1; ++i) {
-                Item* bi = B + i * ldb;
-                const Item* ai = A + i;
-                for (std::int64_t j = j0; j < j1; ++j)
-                    bi[j] = ai[j * lda];
-            }
-        }
-    }
-}
-
 // Reads a run of decimal digits at `p`; false when there is none.
 bool digits(const char*& p, long& value) {
     if (*p < '0' || *p > '9') return false;
@@ -393,33 +368,6 @@ void OutOfCoreFactor::createFiles(const int* lindx) {
     m_scratch = PanelBlock(m_largest);
 }
 
-void OutOfCoreFactor::transpose(const std::byte* a, std::int64_t rows, std::int64_t cols,
-                                std::int64_t lda, std::byte* b, std::int64_t ldb) const {
-    switch (m_scalar) {
-    case 4:
-        transposeTiles<std::uint32_t>(a, rows, cols, lda, b, ldb);
-        break;
-    case 8:
-        transposeTiles<std::uint64_t>(a, rows, cols, lda, b, ldb);
-        break;
-    default:
-        transposeTiles<Pair>(a, rows, cols, lda, b, ldb);
-        break;
-    }
-}
-
-void OutOfCoreFactor::toColumns(int sn, bool upper, const std::byte* rows,
-                                std::byte* columns) const {
-    const std::size_t k = static_cast<std::size_t>(sn);
-    const std::int64_t hs = m_height[k], ws = m_width[k];
-    const std::int64_t m = upper ? hs - ws : hs;
-    // One column by rows is the same column.
-    if (ws == 1)
-        std::memcpy(columns, rows, static_cast<std::size_t>(m * m_scalar));
-    else
-        transpose(rows, ws, m, ws, columns, m);
-}
-
 std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
                                   std::int64_t bytes) {
     const std::int64_t offset = w.end;
@@ -463,29 +411,57 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
 
 void OutOfCoreFactor::append(int sn, const std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    const std::int64_t hs = m_height[k], ws = m_width[k];
-    std::byte* rows = m_scratch.get();
-    transpose(panel, hs, ws, hs, rows, ws);
-    m_lOffset[k] = put(m_lnz, m_lw, rows, m_lBytes[k]);
+    m_lOffset[k] = put(m_lnz, m_lw, panel, m_lBytes[k]);
     m_iOffset[k] =
         put(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
             indexBytes(sn));
-    if (!m_lu) return;
-    transpose(panel + m_lBytes[k], hs - ws, ws, hs - ws, rows, ws);
-    m_uOffset[k] = put(m_unz, m_uw, rows, m_uBytes[k]);
+    if (m_lu) m_uOffset[k] = put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k]);
+}
+
+// Rows first .. first + m - 1 of `cols` columns of height ld, stored by
+// columns from `offset`, into `to` by columns (ld m). Columns that lie close
+// together come in one read of the span that covers them, copied from there;
+// far apart (a few rows at the end of tall columns) one read each, straight
+// into place, so that the rows nobody needs are not copied.
+void OutOfCoreFactor::getColumns(const OocFile& file, const Writer& w, std::int64_t offset,
+                                 std::int64_t ld, std::int64_t first, std::int64_t m,
+                                 std::int64_t cols, std::byte* to) {
+    const std::int64_t item = m_scalar;
+    const std::int64_t column = m * item;
+    const std::int64_t start = offset + first * item;
+    const std::int64_t span = ((cols - 1) * ld + m) * item;
+    if (m == ld) {
+        get(file, w, to, span, start);
+        return;
+    }
+    auto spread = [&](const std::byte* from) {
+        for (std::int64_t j = 0; j < cols; ++j)
+            std::memcpy(to + j * column, from + j * ld * item, static_cast<std::size_t>(column));
+    };
+    if (start >= w.flushed) {
+        spread(w.staging.get() + (start - w.flushed));
+        return;
+    }
+    const double t0 = wallSeconds();
+    if (span - cols * column <= cols * kNearColumns) {
+        file.readAt(m_scratch.get(), span, start, m_msglvl);
+        spread(m_scratch.get());
+        m_io->factorBytesRead += span;
+    } else {
+        for (std::int64_t j = 0; j < cols; ++j)
+            file.readAt(to + j * column, column, start + j * ld * item, m_msglvl);
+        m_io->factorBytesRead += cols * column;
+    }
+    m_io->factorReadSeconds += wallSeconds() - t0;
 }
 
 void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    const std::int64_t ws = m_width[k];
-    const std::int64_t m = m_height[k] - from; // rows wanted of each side
-    const std::int64_t bytes = m * ws * m_scalar;
-    std::byte* rows = m_scratch.get();
-    get(m_lnz, m_lw, rows, bytes, m_lOffset[k] + from * ws * m_scalar);
-    transpose(rows, ws, m, ws, panel, m);
-    if (!m_lu) return;
-    get(m_unz, m_uw, rows, bytes, m_uOffset[k] + (from - ws) * ws * m_scalar);
-    transpose(rows, ws, m, ws, panel + bytes, m);
+    const std::int64_t hs = m_height[k], ws = m_width[k];
+    const std::int64_t m = hs - from; // rows wanted of each side
+    getColumns(m_lnz, m_lw, m_lOffset[k], hs, from, m, ws, panel);
+    if (m_lu)
+        getColumns(m_unz, m_uw, m_uOffset[k], hs - ws, from - ws, m, ws, panel + m * ws * m_scalar);
 }
 
 void OutOfCoreFactor::finishWriting() {
@@ -741,7 +717,6 @@ PanelReader::PanelReader(const OutOfCoreFactor& files, std::int64_t chunkBytes, 
     }
     m_capacity = std::max<std::int64_t>({m_capacity, sum, 1});
     m_bounds.push_back(files.nsuper() + 1);
-    m_scratch = PanelBlock(files.largestPanel());
     const std::int64_t fit = std::clamp<std::int64_t>(budget / m_capacity, 2, chunks());
     m_chunks.resize(static_cast<std::size_t>(std::max<std::int64_t>(1, fit)));
     for (Chunk& c : m_chunks)
@@ -819,11 +794,9 @@ void PanelReader::fill(Chunk& c) {
         else
             m_files.readRows(to, bytes, offset);
     };
-    // The panels of a side lie in the chunk in the order of the supernodes.
-    // Values are read by rows into the scratch block, as many panels at a
-    // time as lie side by side in the file and fit, and turned from there
-    // into their place: one copy, not a read in place and a turn through
-    // the scratch block.
+    // The panels of a side lie in the chunk in the order of the supernodes,
+    // as in the file: each run of them that lies side by side there comes
+    // in one read, straight into place.
     auto readSide = [&](Side side, std::byte* at) {
         std::vector<std::byte*>& ptr = side == kL ? c.l : side == kU ? c.u : c.rows;
         std::byte* p = at;
@@ -831,23 +804,11 @@ void PanelReader::fill(Chunk& c) {
             const std::int64_t start = offsetOf(side, sn);
             std::int64_t sum = 0;
             int end = sn;
-            while (end < hi && offsetOf(side, end) == start + sum &&
-                   (side == kRows || sum + bytesOf(side, end) <= m_files.largestPanel()))
+            while (end < hi && offsetOf(side, end) == start + sum)
                 sum += bytesOf(side, end++);
-            if (side == kRows) {
-                if (sum > 0) read(side, p, sum, start);
-                for (; sn < end; ++sn) {
-                    ptr[static_cast<std::size_t>(sn - lo)] = p;
-                    p += bytesOf(side, sn);
-                }
-                continue;
-            }
-            std::byte* rows = m_scratch.get();
-            if (sum > 0) read(side, rows, sum, start);
+            if (sum > 0) read(side, p, sum, start);
             for (; sn < end; ++sn) {
                 ptr[static_cast<std::size_t>(sn - lo)] = p;
-                m_files.toColumns(sn, side == kU, rows, p);
-                rows += bytesOf(side, sn);
                 p += bytesOf(side, sn);
             }
         }

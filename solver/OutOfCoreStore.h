@@ -75,6 +75,9 @@ inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
 inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+// A read back takes the span over the columns it wants when the rows it
+// does not want come to at most this per column; else one read per column.
+inline constexpr std::int64_t kNearColumns = std::int64_t(8) << 10;
 // No part of a file grows beyond this, for the file systems and tools that
 // stop at 2 GB.
 inline constexpr std::int64_t kLargestPart = 2147483647;
@@ -266,9 +269,6 @@ public:
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readRows(void* to, std::int64_t bytes, std::int64_t offset) const;
-    // Turns sn's L panel (U with `upper`) as read from its file (by rows)
-    // into the layout of memory (by columns).
-    void toColumns(int sn, bool upper, const std::byte* rows, std::byte* columns) const;
     OocCounters& counters() const { return *m_io; }
     bool complete() const { return m_complete; }
 
@@ -283,9 +283,8 @@ private:
     std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
     void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
              std::int64_t offset);
-    // Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb).
-    void transpose(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
-                   std::byte* b, std::int64_t ldb) const;
+    void getColumns(const OocFile& file, const Writer& w, std::int64_t offset, std::int64_t ld,
+                    std::int64_t first, std::int64_t m, std::int64_t cols, std::byte* to);
     void flush(OocFile& file, Writer& w);
 
     int m_nsuper;
@@ -297,7 +296,7 @@ private:
     std::string m_stem; // as configured, without the process and handle
     bool m_complete = false;
     std::vector<int> m_height, m_width;           // by supernode, one-based
-    PanelBlock m_scratch;                         // a panel turned by rows or back
+    PanelBlock m_scratch;                         // the span of columns read back
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
     std::vector<std::int64_t> m_lOffset, m_uOffset, m_iOffset;
     std::int64_t m_largest = 0;
@@ -424,7 +423,6 @@ private:
     const OutOfCoreFactor& m_files;
     std::vector<int> m_bounds; // chunk k: supernodes m_bounds[k] .. m_bounds[k+1]-1
     std::int64_t m_capacity = 0;
-    PanelBlock m_scratch; // the reader thread's, to turn panels by columns
     std::vector<Chunk> m_chunks;
     bool m_ascending = true;
     int m_chunk = 0;            // place in the sweep of the chunk handed out

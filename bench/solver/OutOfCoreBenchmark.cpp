@@ -2,12 +2,16 @@
 // and the solve with the factor in files against the same in memory, on the
 // same matrix, threads and precision (double, the photo tool's parameters
 // otherwise). The limit is a quarter of the factor, so most panels stream.
-// Printed per system: seconds in core and out of core and their ratio, the
+// Printed per system: seconds in core and out of core and their ratio, for
+// the factorization, the solve and the two in a row (the usual use), the
 // bytes written by one factorization and read by one solve (with its
 // refinement steps), whether the answers agree to the last bit. The solve
 // runs twice: with the files as the factorization left them (in the page
 // cache of a machine with memory to spare) and after they were written out
-// and dropped from the cache, so that every byte comes from the disk.
+// and dropped from the cache, so that the first pass takes every byte from
+// the disk. The disk's own sequential rate is measured first, the same way
+// (a file written, dropped from the cache and read back in large blocks),
+// so that the cold solve's reading can be set against it.
 #include "FullBenchmark.h"
 
 #include "Handle.h"
@@ -44,6 +48,8 @@ struct Measured {
     double solveCpu = 1e30;
     double solve = 1e30;
     double coldSolve = 1e30;
+    double both = 1e30; // a factorization and the solve after it
+    double writeSeconds = 0, readBackSeconds = 0;
     std::int64_t written = 0;
     std::int64_t readBack = 0; // by the factorization, of panels dropped from the window
     std::int64_t read = 0;
@@ -53,17 +59,45 @@ struct Measured {
     std::vector<double> x;
 };
 
-// Writes the files out and drops them from the page cache.
+// Writes a file out and drops it from the page cache.
+void dropFromCache(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    ::fdatasync(fd);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    ::close(fd);
+}
+
 void dropFromCache(const skyrinse::spds::Handle* h) {
-    const auto* files = h->factors[0].outOfCore.get();
-    if (!files) return;
-    for (const std::string& path : files->paths()) {
-        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) continue;
-        ::fdatasync(fd);
-        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-        ::close(fd);
+    if (const auto* files = h->factors[0].outOfCore.get())
+        for (const std::string& path : files->paths())
+            dropFromCache(path);
+}
+
+// The disk's sequential read rate in MB/s under `dir`: a file of `mb` MB
+// written, dropped from the cache and read in blocks of 4 MB; best of
+// `reps`. 0 when the file cannot be made.
+double diskReadRate(const std::string& dir, int mb, int reps) {
+    const std::string path = dir + "/bench_ooc_rate_" + std::to_string(::getpid());
+    constexpr std::size_t kBlock = std::size_t(4) << 20;
+    std::vector<char> block(kBlock, 1);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return 0;
+    const std::int64_t bytes = std::int64_t(mb) << 20;
+    bool written = true;
+    for (std::int64_t at = 0; at < bytes && written; at += kBlock)
+        written = ::pwrite(fd, block.data(), kBlock, at) == static_cast<ssize_t>(kBlock);
+    double best = 1e30;
+    for (int r = 0; r < reps && written; ++r) {
+        dropFromCache(path);
+        const double t0 = nrt_seconds();
+        for (std::int64_t at = 0; at < bytes;)
+            at += std::max<ssize_t>(1, ::pread(fd, block.data(), kBlock, at));
+        best = std::min(best, nrt_seconds() - t0);
     }
+    ::close(fd);
+    ::unlink(path.c_str());
+    return written ? mb / best : 0;
 }
 
 Measured run(const Problem& p, int ooc, int reps) {
@@ -90,13 +124,18 @@ Measured run(const Problem& p, int ooc, int reps) {
     m.mode = iparm[55];
     auto* h = skyrinse::spds::handleOf(pt);
     for (int r = 0; r < reps && m.error == 0; ++r) {
-        m.factor = std::min(m.factor, call(22));
+        const double factor = call(22);
+        m.factor = std::min(m.factor, factor);
         m.factorCpu = std::min(m.factorCpu, cpu);
         // The counters start again with each factorization.
         m.written = h->ooc.io.bytesWritten;
         m.readBack = h->ooc.io.factorBytesRead;
+        m.writeSeconds = h->ooc.io.writeSeconds;
+        m.readBackSeconds = h->ooc.io.factorReadSeconds;
         const auto mid = h->ooc.io;
-        m.solve = std::min(m.solve, call(33));
+        const double solve = call(33);
+        m.solve = std::min(m.solve, solve);
+        m.both = std::min(m.both, factor + solve);
         m.solveCpu = std::min(m.solveCpu, cpu);
         m.read = h->ooc.io.solveBytesRead - mid.solveBytesRead;
         if (ooc != 0) {
@@ -132,13 +171,19 @@ int outOfCoreBenchmark(int argc, char** argv) {
                 reps, nrt_get_max_threads(), dir.c_str());
     std::printf("columns: factor MB and the limit; factorization s in core / out of core (ratio); "
                 "solve s in core / out of core, files in the page cache (ratio) / read from disk "
-                "(ratio); MB written and read back by a factorization, read by a solve; same bits; "
-                "then the CPU seconds of the process (all threads) for the same calls\n");
+                "(ratio); factorization and solve in a row; MB written and read back by a "
+                "factorization (seconds in the calls that wrote and read), read by a solve; same "
+                "bits; the cold solve's first pass against the disk's rate; then the CPU seconds "
+                "of the process (all threads) for the same calls\n");
     if (std::FILE* f = std::fopen("/proc/loadavg", "r")) {
         char load[128] = {};
         if (std::fgets(load, sizeof load, f)) std::printf("load average at start: %s", load);
         std::fclose(f);
     }
+    const double disk = diskReadRate(dir, 256, 3);
+    std::printf("disk under %s: sequential read %.0f MB/s (256 MB file, dropped from the cache, "
+                "4 MB reads, best of 3)\n",
+                dir.c_str(), disk);
     std::vector<Problem> problems;
     problems.push_back(bench::laplacian3d(quick ? 30 : 40));
     if (!quick) {
@@ -161,12 +206,23 @@ int outOfCoreBenchmark(int argc, char** argv) {
                           std::memcmp(in.x.data(), out.x.data(), in.x.size() * sizeof(double)) == 0;
         std::printf("%s: n %d, factor %d MB, limit %d MB (mode %d)\n", p.name.c_str(), p.n,
                     in.factorMb, limit, out.mode);
-        std::printf(
-            "  factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f) / %.3f s "
-            "(x%.2f); written %.1f MB, read back %.1f MB; solve read %.1f MB; same bits: %s\n",
-            in.factor, out.factor, out.factor / in.factor, in.solve, out.solve,
-            out.solve / in.solve, out.coldSolve, out.coldSolve / in.solve, out.written / 1048576.0,
-            out.readBack / 1048576.0, out.read / 1048576.0, same ? "yes" : "NO");
+        std::printf("  factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f) / %.3f s "
+                    "(x%.2f); both %.3f / %.3f s (x%.2f); same bits: %s\n",
+                    in.factor, out.factor, out.factor / in.factor, in.solve, out.solve,
+                    out.solve / in.solve, out.coldSolve, out.coldSolve / in.solve, in.both,
+                    out.both, out.both / in.both, same ? "yes" : "NO");
+        std::printf("  written %.1f MB (%.3f s), read back %.1f MB (%.3f s); solve read %.1f MB\n",
+                    out.written / 1048576.0, out.writeSeconds, out.readBack / 1048576.0,
+                    out.readBackSeconds, out.read / 1048576.0);
+        // The first pass of the cold solve takes the factor from the disk;
+        // what it costs beyond the warm solve is that reading.
+        const double factorMb = out.written / 1048576.0;
+        const double extra = out.coldSolve - out.solve;
+        if (disk > 0 && extra > 0)
+            std::printf(
+                "  cold: %.1f MB from the disk in %.3f s more than warm: %.0f MB/s, %.0f %% "
+                "of the disk's rate (alone it would take %.3f s)\n",
+                factorMb, extra, factorMb / extra, 100 * factorMb / extra / disk, factorMb / disk);
         std::printf("  cpu: factorization %.3f / %.3f s (x%.2f); solve %.3f / %.3f s (x%.2f)\n",
                     in.factorCpu, out.factorCpu, out.factorCpu / in.factorCpu, in.solveCpu,
                     out.solveCpu, out.solveCpu / in.solveCpu);

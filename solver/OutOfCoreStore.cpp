@@ -209,7 +209,9 @@ void OocFile::createPart(int k, const char* tag, int msglvl) {
     ::unlink(path.c_str());
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) fail(kOocOpenFailure, msglvl, 965, tag);
-    m_fds.resize(static_cast<std::size_t>(k) + 1, -1);
+    // Parts are made in the order the writes reach them, not always by number.
+    if (m_fds.size() <= static_cast<std::size_t>(k))
+        m_fds.resize(static_cast<std::size_t>(k) + 1, -1);
     m_fds[static_cast<std::size_t>(k)] = fd;
     m_parts = std::max(m_parts, k + 1);
 }
@@ -332,6 +334,18 @@ OutOfCoreFactor::OutOfCoreFactor(const OutOfCoreState& state, int slot, bool lu,
         m_largest = std::max(m_largest, panelBytes(sn));
         m_total += panelBytes(sn);
     }
+    // Each file holds the panels in the order of the supernodes, the order
+    // the solve reads them in.
+    std::int64_t l = 0, u = 0, i = 0;
+    for (int sn = 1; sn <= nsuper; ++sn) {
+        const std::size_t k = static_cast<std::size_t>(sn);
+        m_lOffset[k] = l;
+        m_uOffset[k] = u;
+        m_iOffset[k] = i;
+        l += m_lBytes[k];
+        u += m_uBytes[k];
+        i += indexBytes(sn);
+    }
 }
 
 OutOfCoreFactor::~OutOfCoreFactor() {
@@ -354,53 +368,87 @@ std::vector<std::string> OutOfCoreFactor::paths() const {
     return out;
 }
 
-void OutOfCoreFactor::createFiles(const int* lindx) {
+void OutOfCoreFactor::createFiles(const int* lindx, int streams) {
     // Kept files are meant to stay, whoever left them.
     if (!m_keep) removeOrphans(m_stem);
     m_lindx = lindx;
     m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
     if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
     m_ind.create("do_all: open file for storing lindx", m_msglvl);
-    m_lw.staging = PanelBlock(m_lw.capacity = m_staging);
-    if (m_lu) m_uw.staging = PanelBlock(m_uw.capacity = m_staging);
+    startWriter(m_lw, m_staging, streams);
+    if (m_lu) startWriter(m_uw, m_staging, streams);
     // Index lists are a small fraction of the panels' bytes.
-    m_iw.staging = PanelBlock(m_iw.capacity = kLeastStaging);
+    startWriter(m_iw, kLeastStaging, streams);
     m_scratch = PanelBlock(m_largest);
 }
 
-std::int64_t OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data,
-                                  std::int64_t bytes) {
-    const std::int64_t offset = w.end;
-    if (bytes >= w.capacity) {
-        flush(file, w);
+void OutOfCoreFactor::startWriter(Writer& w, std::int64_t bytes, int streams) {
+    const int count = std::max(1, streams);
+    w.capacity = std::max<std::int64_t>(4096, bytes / count);
+    w.streams.clear();
+    w.streams.resize(static_cast<std::size_t>(count));
+    for (Stream& s : w.streams)
+        s.staging = PanelBlock(w.capacity);
+}
+
+// Every panel has its place in the file from the start (the supernodes'
+// order, the order of the solve), whichever thread finishes it when. A
+// panel that continues a stream's run joins it; another starts the stream
+// used least recently, and one as large as a stream goes straight out.
+void OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+                          std::int64_t offset) {
+    Stream* target = nullptr;
+    for (Stream& s : w.streams)
+        if (s.staged > 0 && s.base + s.staged == offset) target = &s;
+    if (target && target->staged + bytes > w.capacity) {
+        flush(file, *target);
+        target = nullptr;
+    }
+    if (!target && bytes >= w.capacity) {
         const double t0 = wallSeconds();
         file.writeAt(data, bytes, offset, m_msglvl);
         m_io->writeSeconds += wallSeconds() - t0;
         m_io->bytesWritten += bytes;
-        w.flushed = w.end = offset + bytes;
-        return offset;
+        return;
     }
-    if (w.staged + bytes > w.capacity) flush(file, w);
-    std::memcpy(w.staging.get() + w.staged, data, static_cast<std::size_t>(bytes));
-    w.staged += bytes;
-    w.end += bytes;
-    return offset;
+    if (!target) {
+        target = &w.streams.front();
+        for (Stream& s : w.streams)
+            if (s.staged == 0 || (target->staged > 0 && s.lastUse < target->lastUse)) target = &s;
+        flush(file, *target);
+        target->base = offset;
+    }
+    std::memcpy(target->staging.get() + target->staged, data, static_cast<std::size_t>(bytes));
+    target->staged += bytes;
+    target->lastUse = ++w.uses;
 }
 
-void OutOfCoreFactor::flush(OocFile& file, Writer& w) {
-    if (w.staged == 0) return;
+void OutOfCoreFactor::flush(OocFile& file, Stream& s) {
+    if (s.staged == 0) return;
     const double t0 = wallSeconds();
-    file.writeAt(w.staging.get(), w.staged, w.flushed, m_msglvl);
+    file.writeAt(s.staging.get(), s.staged, s.base, m_msglvl);
     m_io->writeSeconds += wallSeconds() - t0;
-    m_io->bytesWritten += w.staged;
-    w.flushed += w.staged;
-    w.staged = 0;
+    m_io->bytesWritten += s.staged;
+    s.staged = 0;
+}
+
+void OutOfCoreFactor::flushAll(OocFile& file, Writer& w) {
+    for (Stream& s : w.streams)
+        flush(file, s);
+    w.streams.clear();
+}
+
+const std::byte* OutOfCoreFactor::staged(const Writer& w, std::int64_t offset, std::int64_t bytes) {
+    for (const Stream& s : w.streams)
+        if (offset >= s.base && offset + bytes <= s.base + s.staged)
+            return s.staging.get() + (offset - s.base);
+    return nullptr;
 }
 
 void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
                           std::int64_t offset) {
-    if (offset >= w.flushed) {
-        std::memcpy(to, w.staging.get() + (offset - w.flushed), static_cast<std::size_t>(bytes));
+    if (const std::byte* copy = staged(w, offset, bytes)) {
+        std::memcpy(to, copy, static_cast<std::size_t>(bytes));
         return;
     }
     const double t0 = wallSeconds();
@@ -411,11 +459,10 @@ void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, s
 
 void OutOfCoreFactor::append(int sn, const std::byte* panel) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    m_lOffset[k] = put(m_lnz, m_lw, panel, m_lBytes[k]);
-    m_iOffset[k] =
-        put(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
-            indexBytes(sn));
-    if (m_lu) m_uOffset[k] = put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k]);
+    put(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
+    put(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
+        indexBytes(sn), m_iOffset[k]);
+    if (m_lu) put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
 }
 
 // Rows first .. first + m - 1 of `cols` columns of height ld, stored by
@@ -438,8 +485,8 @@ void OutOfCoreFactor::getColumns(const OocFile& file, const Writer& w, std::int6
         for (std::int64_t j = 0; j < cols; ++j)
             std::memcpy(to + j * column, from + j * ld * item, static_cast<std::size_t>(column));
     };
-    if (start >= w.flushed) {
-        spread(w.staging.get() + (start - w.flushed));
+    if (const std::byte* copy = staged(w, start, span)) {
+        spread(copy);
         return;
     }
     const double t0 = wallSeconds();
@@ -465,12 +512,9 @@ void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
 }
 
 void OutOfCoreFactor::finishWriting() {
-    flush(m_lnz, m_lw);
-    if (m_lu) flush(m_unz, m_uw);
-    flush(m_ind, m_iw);
-    m_lw.staging.reset();
-    m_uw.staging.reset();
-    m_iw.staging.reset();
+    flushAll(m_lnz, m_lw);
+    if (m_lu) flushAll(m_unz, m_uw);
+    flushAll(m_ind, m_iw);
     m_scratch.reset();
     m_lnz.close();
     m_unz.close();

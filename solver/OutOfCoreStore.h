@@ -252,7 +252,8 @@ public:
     // until finishWriting), read one back, finish. readBack brings the rows
     // from `from` down (of U: from - width), each side by columns with the
     // leading dimension height - from, the U side after the L side.
-    void createFiles(const int* lindx);
+    // streams: how many threads finish panels at once.
+    void createFiles(const int* lindx, int streams);
     void append(int sn, const std::byte* panel);
     void readBack(int sn, int from, std::byte* panel);
     void finishWriting();
@@ -273,19 +274,31 @@ public:
     bool complete() const { return m_complete; }
 
 private:
-    struct Writer {
+    // Staging of one file: a few streams, each a run of the file being
+    // filled from its start, so that threads that finish panels of
+    // different parts of the tree each make large writes.
+    struct Stream {
         PanelBlock staging;
-        std::int64_t capacity = 0; // of staging
+        std::int64_t base = 0; // where the staged bytes go in the file
         std::int64_t staged = 0;
-        std::int64_t flushed = 0; // bytes in the file
-        std::int64_t end = 0;     // bytes in file and staging
+        std::int64_t lastUse = 0;
     };
-    std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
+    struct Writer {
+        std::vector<Stream> streams;
+        std::int64_t capacity = 0; // of each stream
+        std::int64_t uses = 0;
+    };
+    void put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+             std::int64_t offset);
+    // The staged copy of bytes at `offset`, null when they are in the file.
+    static const std::byte* staged(const Writer& w, std::int64_t offset, std::int64_t bytes);
     void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
              std::int64_t offset);
     void getColumns(const OocFile& file, const Writer& w, std::int64_t offset, std::int64_t ld,
                     std::int64_t first, std::int64_t m, std::int64_t cols, std::byte* to);
-    void flush(OocFile& file, Writer& w);
+    void flush(OocFile& file, Stream& s);
+    void flushAll(OocFile& file, Writer& w);
+    void startWriter(Writer& w, std::int64_t bytes, int streams);
 
     int m_nsuper;
     bool m_lu;

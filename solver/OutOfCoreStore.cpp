@@ -132,8 +132,8 @@ OocPlan planOutOfCore(int requested, int limitMb, const OocFigures& f) {
     // The limit is for the factor's panels: the window, the staging of the
     // files, the tables that say where each panel lies. The analysis and
     // the factorization's work arrays (iparm[62]) come on top, as in core.
-    // The window must hold a target and one of its sources, and a panel is
-    // turned by rows (or back) in a scratch block of its own.
+    // The window must hold a target and one of its sources, and a source
+    // read back may come through a scratch block of a panel's size.
     const std::int64_t base = f.tableBytes;
     const std::int64_t least = 3 * f.largestPanel + 3 * kLeastStaging;
     std::int64_t available = limit * (std::int64_t(1) << 20) - base;
@@ -809,9 +809,8 @@ void PanelReader::start(bool ascending) {
 }
 
 // Reads chunk c (its id set) into its block: per file one read of each run
-// of panels that lie side by side (all of them when one thread wrote the
-// factor and they fit the scratch block). The L side, then U, then the
-// index lists.
+// of panels that lie side by side (the whole chunk, as the files hold the
+// panels in order). The L side, then U, then the index lists.
 void PanelReader::fill(Chunk& c) {
     const int lo = m_bounds[static_cast<std::size_t>(c.id)];
     const int hi = m_bounds[static_cast<std::size_t>(c.id) + 1];

@@ -15,9 +15,14 @@
 // supernode's list beside its panel; once the factor is complete the array
 // leaves memory, the solve reads the lists with the panels, and the next
 // factorization of the analysis reads the array back whole first. Each panel is
-// stored by rows (the transpose of its in-memory layout), so that the rows
-// from a given one down, which are all a later update reads of a source,
-// are one contiguous run of the file. Names are
+// stored as memory holds it (by columns), and the panels in the order of the
+// supernodes, each at a place fixed before the factorization starts,
+// whichever thread finishes it when: the order in which the solve reads
+// them, so that a chunk of consecutive panels is one read per file and
+// lands in place as it is. A source read back by the factorization wants
+// only the rows from a given one down of each column: the span over its
+// columns in one read when little in it is unwanted, else one read per
+// column. Names are
 // <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
 // the others (.unz and .ind alike): created with O_EXCL, so two handles or two processes never
 // share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
@@ -30,7 +35,7 @@
 // entry: -10 a file cannot be created or opened, -11 a read or write failed
 // (disk full, file size limit, short file). -9 comes from the plan: the
 // limit leaves no room for three of the largest panels (a target, a source
-// and the scratch panel in which panels are turned by rows).
+// and the scratch panel that takes the span of a source's columns).
 //
 // Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
 // in-core values: the window, the staging buffers, the reader's chunks and
@@ -39,8 +44,9 @@
 // work arrays (update buffer, index maps, the matrix entries by column;
 // iparm[62] estimates them) are needed in core as well and come on top.
 // The window holds at most its budget in panels (more only while the
-// threads hold more at once), the staging buffer of each value file (a
-// sixteenth of the window, 64 KB to 2 MB; 64 KB for the index file) turns
+// threads hold more at once), the staging of each value file (a sixteenth
+// of the window, 64 KB to 2 MB; 64 KB for the index file, shared by as many
+// streams as there are threads, each filling one run of the file) turns
 // small panels into large writes, and the solve's reader holds as many
 // chunks of consecutive panels with their indices as the window has room
 // for, each at most an eighth of it, and never fewer than two (a chunk is
@@ -48,7 +54,7 @@
 // the heap (PanelBlock), outside the handle's counters.
 //
 // Threads: the factorization's threads share the window (one lock; reads
-// and writes of the files happen under it, so the files see one stream);
+// and writes of the files happen under it);
 // the solve uses the reader from one thread, whose own thread only fills
 // chunks.
 #pragma once
@@ -390,10 +396,10 @@ private:
 };
 
 // The panels of a factor for the sweeps of the solve, read ahead by a
-// thread in chunks of consecutive supernodes (one read per file and chunk
-// when their panels lie side by side, as they do when one thread wrote
-// them). The chunk buffers outlive a sweep: a sweep runs in the order the
-// panels were written or its reverse, and the next one (backward after
+// thread in chunks of consecutive supernodes (one read per file and chunk:
+// the files hold the panels in that order). The chunk buffers outlive a
+// sweep: a sweep runs in the order of the files or its reverse, and the
+// next one (backward after
 // forward, forward after the backward of a refinement step) begins where
 // the last one ended, so the chunks still held are handed out first
 // instead of being read again.

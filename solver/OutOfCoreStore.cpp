@@ -216,12 +216,16 @@ void OocFile::createPart(int k, const char* tag, int msglvl) {
     m_parts = std::max(m_parts, k + 1);
 }
 
-void OocFile::create(const char* tag, int msglvl) {
+void OocFile::create(const char* tag, int msglvl, std::int64_t bytes) {
     remove();
     m_createTag = tag;
     // Further parts of a kept factor of the same name go as well.
     for (int k = 1; ::unlink(partPath(k).c_str()) == 0; ++k) {
     }
+    // Every part has its place from the start: a thread that reads one
+    // while another makes the next finds the table as it was.
+    m_fds.assign(static_cast<std::size_t>(std::max<std::int64_t>(1, (bytes - 1) / m_partBytes + 1)),
+                 -1);
     createPart(0, tag, msglvl);
 }
 
@@ -260,11 +264,16 @@ void OocFile::writeAt(const void* data, std::int64_t bytes, std::int64_t offset,
     while (bytes > 0) {
         const int k = static_cast<int>(offset / m_partBytes);
         const std::int64_t within = offset % m_partBytes;
-        if (k >= static_cast<int>(m_fds.size()) || m_fds[static_cast<std::size_t>(k)] < 0)
-            createPart(k, m_createTag, msglvl);
+        int fd = -1;
+        {
+            // Two threads may reach a new part at once.
+            std::lock_guard<std::mutex> hold(m_partMutex);
+            if (k >= static_cast<int>(m_fds.size()) || m_fds[static_cast<std::size_t>(k)] < 0)
+                createPart(k, m_createTag, msglvl);
+            fd = m_fds[static_cast<std::size_t>(k)];
+        }
         const std::int64_t room = std::min({bytes, kLargestCall, m_partBytes - within});
-        const ssize_t w =
-            ::pwrite(m_fds[static_cast<std::size_t>(k)], p, static_cast<std::size_t>(room), within);
+        const ssize_t w = ::pwrite(fd, p, static_cast<std::size_t>(room), within);
         if (w < 0 && errno == EINTR) continue;
         // A full disk, or the process's file size limit, ends here.
         if (w <= 0) fail(kOocReadWriteFailure, msglvl, 986, "spds_write_ooc_file: Write error");
@@ -372,9 +381,13 @@ void OutOfCoreFactor::createFiles(const int* lindx, int streams) {
     // Kept files are meant to stay, whoever left them.
     if (!m_keep) removeOrphans(m_stem);
     m_lindx = lindx;
-    m_lnz.create("fact. step: open file for storing lnz", m_msglvl);
-    if (m_lu) m_unz.create("fact. step: open file for storing unz", m_msglvl);
-    m_ind.create("do_all: open file for storing lindx", m_msglvl);
+    const std::size_t end = static_cast<std::size_t>(m_nsuper);
+    m_lnz.create("fact. step: open file for storing lnz", m_msglvl, m_lOffset[end] + m_lBytes[end]);
+    if (m_lu)
+        m_unz.create("fact. step: open file for storing unz", m_msglvl,
+                     m_uOffset[end] + m_uBytes[end]);
+    m_ind.create("do_all: open file for storing lindx", m_msglvl,
+                 m_iOffset[end] + indexBytes(m_nsuper));
     startWriter(m_lw, m_staging, streams);
     if (m_lu) startWriter(m_uw, m_staging, streams);
     // Index lists are a small fraction of the panels' bytes.
@@ -394,8 +407,9 @@ void OutOfCoreFactor::startWriter(Writer& w, std::int64_t bytes, int streams) {
 // Every panel has its place in the file from the start (the supernodes'
 // order, the order of the solve), whichever thread finishes it when. A
 // panel that continues a stream's run joins it; another starts the stream
-// used least recently, and one as large as a stream goes straight out.
-void OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+// used least recently; one as large as a stream is left to the caller to
+// write (false).
+bool OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
                           std::int64_t offset) {
     Stream* target = nullptr;
     for (Stream& s : w.streams)
@@ -404,13 +418,7 @@ void OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::
         flush(file, *target);
         target = nullptr;
     }
-    if (!target && bytes >= w.capacity) {
-        const double t0 = wallSeconds();
-        file.writeAt(data, bytes, offset, m_msglvl);
-        m_io->writeSeconds += wallSeconds() - t0;
-        m_io->bytesWritten += bytes;
-        return;
-    }
+    if (!target && bytes >= w.capacity) return false;
     if (!target) {
         target = &w.streams.front();
         for (Stream& s : w.streams)
@@ -421,6 +429,7 @@ void OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::
     std::memcpy(target->staging.get() + target->staged, data, static_cast<std::size_t>(bytes));
     target->staged += bytes;
     target->lastUse = ++w.uses;
+    return true;
 }
 
 void OutOfCoreFactor::flush(OocFile& file, Stream& s) {
@@ -445,70 +454,115 @@ const std::byte* OutOfCoreFactor::staged(const Writer& w, std::int64_t offset, s
     return nullptr;
 }
 
-void OutOfCoreFactor::get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
-                          std::int64_t offset) {
-    if (const std::byte* copy = staged(w, offset, bytes)) {
-        std::memcpy(to, copy, static_cast<std::size_t>(bytes));
-        return;
-    }
-    const double t0 = wallSeconds();
-    file.readAt(to, bytes, offset, m_msglvl);
-    m_io->factorReadSeconds += wallSeconds() - t0;
-    m_io->factorBytesRead += bytes;
-}
-
-void OutOfCoreFactor::append(int sn, const std::byte* panel) {
+// The small sides of a panel go to the staging under the window's lock;
+// one as large as a stream is written with the lock released, so that the
+// other threads go on meanwhile (the panel is held until it is written).
+void OutOfCoreFactor::append(int sn, const std::byte* panel, std::unique_lock<std::mutex>& lock) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    put(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
-    put(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
-        indexBytes(sn), m_iOffset[k]);
-    if (m_lu) put(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
+    struct Direct {
+        OocFile* file;
+        const std::byte* data;
+        std::int64_t bytes, offset;
+    } direct[3];
+    int count = 0;
+    auto stage = [&](OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+                     std::int64_t offset) {
+        if (!put(file, w, data, bytes, offset)) direct[count++] = {&file, data, bytes, offset};
+    };
+    stage(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
+    stage(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
+          indexBytes(sn), m_iOffset[k]);
+    if (m_lu) stage(m_unz, m_uw, panel + m_lBytes[k], m_uBytes[k], m_uOffset[k]);
+    if (count == 0) return;
+    lock.unlock();
+    const double t0 = wallSeconds();
+    std::int64_t bytes = 0;
+    try {
+        for (int i = 0; i < count; ++i) {
+            direct[i].file->writeAt(direct[i].data, direct[i].bytes, direct[i].offset, m_msglvl);
+            bytes += direct[i].bytes;
+        }
+    } catch (...) {
+        lock.lock();
+        throw;
+    }
+    const double t = wallSeconds() - t0;
+    lock.lock();
+    m_io->writeSeconds += t;
+    m_io->bytesWritten += bytes;
 }
 
 // Rows first .. first + m - 1 of `cols` columns of height ld, stored by
-// columns from `offset`, into `to` by columns (ld m). Columns that lie close
-// together come in one read of the span that covers them, copied from there;
-// far apart (a few rows at the end of tall columns) one read each, straight
-// into place, so that the rows nobody needs are not copied.
-void OutOfCoreFactor::getColumns(const OocFile& file, const Writer& w, std::int64_t offset,
-                                 std::int64_t ld, std::int64_t first, std::int64_t m,
-                                 std::int64_t cols, std::byte* to) {
+// columns from `offset`, into `to` by columns (ld m), when they are still
+// in a staging stream; false when they are in the file.
+bool OutOfCoreFactor::copyStaged(const Writer& w, const ColumnRead& r) const {
     const std::int64_t item = m_scalar;
-    const std::int64_t column = m * item;
-    const std::int64_t start = offset + first * item;
-    const std::int64_t span = ((cols - 1) * ld + m) * item;
-    if (m == ld) {
-        get(file, w, to, span, start);
-        return;
-    }
-    auto spread = [&](const std::byte* from) {
-        for (std::int64_t j = 0; j < cols; ++j)
-            std::memcpy(to + j * column, from + j * ld * item, static_cast<std::size_t>(column));
-    };
-    if (const std::byte* copy = staged(w, start, span)) {
-        spread(copy);
-        return;
-    }
-    const double t0 = wallSeconds();
-    if (span - cols * column <= cols * kNearColumns) {
-        file.readAt(m_scratch.get(), span, start, m_msglvl);
-        spread(m_scratch.get());
-        m_io->factorBytesRead += span;
-    } else {
-        for (std::int64_t j = 0; j < cols; ++j)
-            file.readAt(to + j * column, column, start + j * ld * item, m_msglvl);
-        m_io->factorBytesRead += cols * column;
-    }
-    m_io->factorReadSeconds += wallSeconds() - t0;
+    const std::int64_t column = r.m * item;
+    const std::byte* copy =
+        staged(w, r.offset + r.first * item, ((r.cols - 1) * r.ld + r.m) * item);
+    if (!copy) return false;
+    for (std::int64_t j = 0; j < r.cols; ++j)
+        std::memcpy(r.to + j * column, copy + j * r.ld * item, static_cast<std::size_t>(column));
+    return true;
 }
 
-void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel) {
+// The same from the file. Columns that lie close together come in one read
+// of the span that covers them, copied from there; far apart (a few rows at
+// the end of tall columns) one read each, straight into place, so that the
+// rows nobody needs are not copied. Returns the bytes read.
+std::int64_t OutOfCoreFactor::readColumns(const OocFile& file, const ColumnRead& r) {
+    const std::int64_t item = m_scalar;
+    const std::int64_t column = r.m * item;
+    const std::int64_t start = r.offset + r.first * item;
+    const std::int64_t span = ((r.cols - 1) * r.ld + r.m) * item;
+    if (r.m == r.ld) {
+        file.readAt(r.to, span, start, m_msglvl);
+        return span;
+    }
+    if (span - r.cols * column <= r.cols * kNearColumns) {
+        std::lock_guard<std::mutex> hold(m_scratchMutex);
+        file.readAt(m_scratch.get(), span, start, m_msglvl);
+        for (std::int64_t j = 0; j < r.cols; ++j)
+            std::memcpy(r.to + j * column, m_scratch.get() + j * r.ld * item,
+                        static_cast<std::size_t>(column));
+        return span;
+    }
+    for (std::int64_t j = 0; j < r.cols; ++j)
+        file.readAt(r.to + j * column, column, start + j * r.ld * item, m_msglvl);
+    return r.cols * column;
+}
+
+void OutOfCoreFactor::readBack(int sn, int from, std::byte* panel,
+                               std::unique_lock<std::mutex>& lock) {
     const std::size_t k = static_cast<std::size_t>(sn);
     const std::int64_t hs = m_height[k], ws = m_width[k];
     const std::int64_t m = hs - from; // rows wanted of each side
-    getColumns(m_lnz, m_lw, m_lOffset[k], hs, from, m, ws, panel);
-    if (m_lu)
-        getColumns(m_unz, m_uw, m_uOffset[k], hs - ws, from - ws, m, ws, panel + m * ws * m_scalar);
+    struct Side {
+        const OocFile* file;
+        ColumnRead read;
+    } pending[2];
+    int count = 0;
+    const ColumnRead l{m_lOffset[k], hs, from, m, ws, panel};
+    if (!copyStaged(m_lw, l)) pending[count++] = {&m_lnz, l};
+    if (m_lu) {
+        const ColumnRead u{m_uOffset[k], hs - ws, from - ws, m, ws, panel + m * ws * m_scalar};
+        if (!copyStaged(m_uw, u)) pending[count++] = {&m_unz, u};
+    }
+    if (count == 0) return;
+    lock.unlock();
+    const double t0 = wallSeconds();
+    std::int64_t bytes = 0;
+    try {
+        for (int i = 0; i < count; ++i)
+            bytes += readColumns(*pending[i].file, pending[i].read);
+    } catch (...) {
+        lock.lock();
+        throw;
+    }
+    const double t = wallSeconds() - t0;
+    lock.lock();
+    m_io->factorReadSeconds += t;
+    m_io->factorBytesRead += bytes;
 }
 
 void OutOfCoreFactor::finishWriting() {
@@ -706,8 +760,10 @@ PanelWindow::Rows PanelWindow::load(int d, int from) {
     // Readers come in the order of their rows, except when threads run two
     // of them at once: a later reader may have read back fewer rows than an
     // earlier one needs. Then the rows are read again once nobody holds them.
-    while (s.data && s.from > from && s.pins > 0)
+    // A panel on its way in is waited for, not read twice.
+    while (!m_failed && s.data && (s.loading || (s.from > from && s.pins > 0)))
         m_unpinned.wait(lock);
+    if (m_failed) throw OocFailure{kOocReadWriteFailure};
     if (s.data && s.from > from) drop(d);
     if (s.data) {
         if (s.listed) m_idle.erase(s.place);
@@ -715,11 +771,18 @@ PanelWindow::Rows PanelWindow::load(int d, int from) {
         ++s.pins;
         return {s.data.get(), s.from};
     }
-    // Read under the lock: another thread that wants d waits for it rather
-    // than reading it twice.
     std::byte* p = allocate(d, m_files.tailBytes(d, from));
     s.from = from;
-    m_files.readBack(d, from, p);
+    s.loading = true;
+    try {
+        m_files.readBack(d, from, p, lock);
+    } catch (...) {
+        failed(lock);
+        throw;
+    }
+    s.loading = false;
+    lock.unlock();
+    m_unpinned.notify_all();
     return {p, from};
 }
 
@@ -733,9 +796,22 @@ void PanelWindow::used(int d) {
 }
 
 void PanelWindow::finish(int sn) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_files.append(sn, m_slots[static_cast<std::size_t>(sn)].data.get());
+    std::unique_lock<std::mutex> lock(m_mutex);
+    try {
+        m_files.append(sn, m_slots[static_cast<std::size_t>(sn)].data.get(), lock);
+    } catch (...) {
+        failed(lock);
+        throw;
+    }
     release(sn);
+}
+
+// A read or write that failed ends the factorization: whoever waits for a
+// panel gives up instead of waiting for one that never comes.
+void PanelWindow::failed(std::unique_lock<std::mutex>& lock) {
+    m_failed = true;
+    lock.unlock();
+    m_unpinned.notify_all();
 }
 
 // ---- PanelReader ----

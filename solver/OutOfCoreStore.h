@@ -53,10 +53,11 @@
 // one panel when that is larger). Panel blocks come from
 // the heap (PanelBlock), outside the handle's counters.
 //
-// Threads: the factorization's threads share the window (one lock; reads
-// and writes of the files happen under it);
-// the solve uses the reader from one thread, whose own thread only fills
-// chunks.
+// Threads: the factorization's threads share the window (one lock, released
+// while a panel is read back or a large one written, so that one thread's
+// wait for the disk does not stop the other; a panel on its way in is
+// marked, and whoever wants it waits for it); the solve uses the reader
+// from one thread, whose own thread only fills chunks.
 #pragma once
 
 #include "OutOfCoreConfig.h"
@@ -197,8 +198,8 @@ public:
     OocFile(const OocFile&) = delete;
     OocFile& operator=(const OocFile&) = delete;
 
-    void create(const char* tag, int msglvl);   // exclusive; -10
-    void openRead(const char* tag, int msglvl); // by name; -10
+    void create(const char* tag, int msglvl, std::int64_t bytes); // exclusive; -10
+    void openRead(const char* tag, int msglvl);                   // by name; -10
     void close();
     void remove();
     void writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl);
@@ -218,6 +219,7 @@ private:
     int m_parts = 0; // parts made by the writes
     const char* m_createTag = "";
     std::vector<int> m_fds; // by part, -1 when closed
+    std::mutex m_partMutex; // making a part
 };
 
 // The files of one factor slot and where each supernode's panels lie.
@@ -258,10 +260,12 @@ public:
     // until finishWriting), read one back, finish. readBack brings the rows
     // from `from` down (of U: from - width), each side by columns with the
     // leading dimension height - from, the U side after the L side.
-    // streams: how many threads finish panels at once.
+    // streams: how many threads finish panels at once. append and readBack
+    // are called under the window's lock, which they release while the
+    // files work (and hold again when they return, or throw).
     void createFiles(const int* lindx, int streams);
-    void append(int sn, const std::byte* panel);
-    void readBack(int sn, int from, std::byte* panel);
+    void append(int sn, const std::byte* panel, std::unique_lock<std::mutex>& lock);
+    void readBack(int sn, int from, std::byte* panel, std::unique_lock<std::mutex>& lock);
     void finishWriting();
     // The whole index array as the analysis laid it out (xlindx), from the
     // file of a complete factor.
@@ -294,14 +298,18 @@ private:
         std::int64_t capacity = 0; // of each stream
         std::int64_t uses = 0;
     };
-    void put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+    bool put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
              std::int64_t offset);
     // The staged copy of bytes at `offset`, null when they are in the file.
     static const std::byte* staged(const Writer& w, std::int64_t offset, std::int64_t bytes);
-    void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
-             std::int64_t offset);
-    void getColumns(const OocFile& file, const Writer& w, std::int64_t offset, std::int64_t ld,
-                    std::int64_t first, std::int64_t m, std::int64_t cols, std::byte* to);
+    // Rows first .. first + m - 1 of cols columns of height ld stored from
+    // offset, wanted by columns (ld m) at `to`.
+    struct ColumnRead {
+        std::int64_t offset, ld, first, m, cols;
+        std::byte* to;
+    };
+    bool copyStaged(const Writer& w, const ColumnRead& r) const;
+    std::int64_t readColumns(const OocFile& file, const ColumnRead& r);
     void flush(OocFile& file, Stream& s);
     void flushAll(OocFile& file, Writer& w);
     void startWriter(Writer& w, std::int64_t bytes, int streams);
@@ -314,8 +322,9 @@ private:
     std::int64_t m_scalar;
     std::string m_stem; // as configured, without the process and handle
     bool m_complete = false;
-    std::vector<int> m_height, m_width;           // by supernode, one-based
-    PanelBlock m_scratch;                         // the span of columns read back
+    std::vector<int> m_height, m_width; // by supernode, one-based
+    PanelBlock m_scratch;               // the span of columns read back
+    std::mutex m_scratchMutex;
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
     std::vector<std::int64_t> m_lOffset, m_uOffset, m_iOffset;
     std::int64_t m_largest = 0;
@@ -367,6 +376,7 @@ private:
         int pins = 0;
         std::int64_t capacity = 0; // bytes of data, at least the panel's
         int from = 0;              // first row held
+        bool loading = false;      // being read back, outside the lock
     };
     // Place of the next reader of d, past every place when none is left.
     int nextReader(int d) const {
@@ -376,6 +386,7 @@ private:
     }
     void drop(int sn);
     void release(int sn);
+    void failed(std::unique_lock<std::mutex>& lock);
     std::byte* allocate(int sn, std::int64_t bytes);
 
     OutOfCoreFactor& m_files;
@@ -393,6 +404,7 @@ private:
     std::int64_t m_peak = 0;
     std::mutex m_mutex;
     std::condition_variable m_unpinned;
+    bool m_failed = false;
 };
 
 // The panels of a factor for the sweeps of the solve, read ahead by a

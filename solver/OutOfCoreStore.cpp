@@ -388,10 +388,11 @@ void OutOfCoreFactor::createFiles(const int* lindx, int streams) {
                      m_uOffset[end] + m_uBytes[end]);
     m_ind.create("do_all: open file for storing lindx", m_msglvl,
                  m_iOffset[end] + indexBytes(m_nsuper));
-    startWriter(m_lw, m_staging, streams);
-    if (m_lu) startWriter(m_uw, m_staging, streams);
+    // Two streams a thread: one filling while the other goes out.
+    startWriter(m_lw, m_staging, 2 * streams);
+    if (m_lu) startWriter(m_uw, m_staging, 2 * streams);
     // Index lists are a small fraction of the panels' bytes.
-    startWriter(m_iw, kLeastStaging, streams);
+    startWriter(m_iw, kLeastStaging, 2 * streams);
     m_scratch = PanelBlock(m_largest);
 }
 
@@ -406,23 +407,32 @@ void OutOfCoreFactor::startWriter(Writer& w, std::int64_t bytes, int streams) {
 
 // Every panel has its place in the file from the start (the supernodes'
 // order, the order of the solve), whichever thread finishes it when. A
-// panel that continues a stream's run joins it; another starts the stream
-// used least recently; one as large as a stream is left to the caller to
-// write (false).
+// panel that continues a stream's run joins it; another starts an empty
+// stream, else the one used least recently (written out at once: a thread
+// that moved to another part of the tree). A stream that fills is handed
+// back (`full`) for the caller to write with the lock let go: meanwhile it
+// takes nothing new and its bytes stay readable. False when the caller
+// writes the bytes itself: as large as a stream, or every stream on its way
+// out.
 bool OutOfCoreFactor::put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
-                          std::int64_t offset) {
+                          std::int64_t offset, Stream*& full) {
+    full = nullptr;
     Stream* target = nullptr;
     for (Stream& s : w.streams)
-        if (s.staged > 0 && s.base + s.staged == offset) target = &s;
+        if (!s.flushing && s.staged > 0 && s.base + s.staged == offset) target = &s;
     if (target && target->staged + bytes > w.capacity) {
-        flush(file, *target);
+        target->flushing = true;
+        full = target;
         target = nullptr;
     }
     if (!target && bytes >= w.capacity) return false;
     if (!target) {
-        target = &w.streams.front();
-        for (Stream& s : w.streams)
-            if (s.staged == 0 || (target->staged > 0 && s.lastUse < target->lastUse)) target = &s;
+        for (Stream& s : w.streams) {
+            if (s.flushing) continue;
+            if (!target || (target->staged > 0 && (s.staged == 0 || s.lastUse < target->lastUse)))
+                target = &s;
+        }
+        if (!target) return false;
         flush(file, *target);
         target->base = offset;
     }
@@ -459,15 +469,21 @@ const std::byte* OutOfCoreFactor::staged(const Writer& w, std::int64_t offset, s
 // other threads go on meanwhile (the panel is held until it is written).
 void OutOfCoreFactor::append(int sn, const std::byte* panel, std::unique_lock<std::mutex>& lock) {
     const std::size_t k = static_cast<std::size_t>(sn);
-    struct Direct {
+    // What goes out with the lock let go: panels as large as a stream, and
+    // the streams they and the others filled.
+    struct Write {
         OocFile* file;
         const std::byte* data;
         std::int64_t bytes, offset;
-    } direct[3];
+        Stream* stream; // set when the bytes are a stream's
+    } writes[6];
     int count = 0;
     auto stage = [&](OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
                      std::int64_t offset) {
-        if (!put(file, w, data, bytes, offset)) direct[count++] = {&file, data, bytes, offset};
+        Stream* full = nullptr;
+        if (!put(file, w, data, bytes, offset, full))
+            writes[count++] = {&file, data, bytes, offset, nullptr};
+        if (full) writes[count++] = {&file, full->staging.get(), full->staged, full->base, full};
     };
     stage(m_lnz, m_lw, panel, m_lBytes[k], m_lOffset[k]);
     stage(m_ind, m_iw, reinterpret_cast<const std::byte*>(m_lindx + m_xlindx[sn - 1] - 1),
@@ -479,8 +495,8 @@ void OutOfCoreFactor::append(int sn, const std::byte* panel, std::unique_lock<st
     std::int64_t bytes = 0;
     try {
         for (int i = 0; i < count; ++i) {
-            direct[i].file->writeAt(direct[i].data, direct[i].bytes, direct[i].offset, m_msglvl);
-            bytes += direct[i].bytes;
+            writes[i].file->writeAt(writes[i].data, writes[i].bytes, writes[i].offset, m_msglvl);
+            bytes += writes[i].bytes;
         }
     } catch (...) {
         lock.lock();
@@ -488,6 +504,11 @@ void OutOfCoreFactor::append(int sn, const std::byte* panel, std::unique_lock<st
     }
     const double t = wallSeconds() - t0;
     lock.lock();
+    for (int i = 0; i < count; ++i)
+        if (Stream* s = writes[i].stream) {
+            s->staged = 0;
+            s->flushing = false;
+        }
     m_io->writeSeconds += t;
     m_io->bytesWritten += bytes;
 }

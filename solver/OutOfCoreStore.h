@@ -45,9 +45,9 @@
 // iparm[62] estimates them) are needed in core as well and come on top.
 // The window holds at most its budget in panels (more only while the
 // threads hold more at once), the staging of each value file (a sixteenth
-// of the window, 64 KB to 2 MB; 64 KB for the index file, shared by as many
-// streams as there are threads, each filling one run of the file) turns
-// small panels into large writes, and the solve's reader holds as many
+// of the window, 64 KB to 2 MB; 64 KB for the index file, shared by two
+// streams a thread, each filling one run of the file while another goes
+// out) turns small panels into large writes, and the solve's reader holds as many
 // chunks of consecutive panels with their indices as the window has room
 // for, each at most an eighth of it, and never fewer than two (a chunk is
 // one panel when that is larger). Panel blocks come from
@@ -292,6 +292,7 @@ private:
         std::int64_t base = 0; // where the staged bytes go in the file
         std::int64_t staged = 0;
         std::int64_t lastUse = 0;
+        bool flushing = false; // being written with the lock let go
     };
     struct Writer {
         std::vector<Stream> streams;
@@ -299,7 +300,7 @@ private:
         std::int64_t uses = 0;
     };
     bool put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
-             std::int64_t offset);
+             std::int64_t offset, Stream*& full);
     // The staged copy of bytes at `offset`, null when they are in the file.
     static const std::byte* staged(const Writer& w, std::int64_t offset, std::int64_t bytes);
     // Rows first .. first + m - 1 of cols columns of height ld stored from

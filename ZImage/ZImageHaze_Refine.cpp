@@ -51,10 +51,6 @@
 #include <mutex>
 #include <vector>
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 namespace {
 
 // Regulariser of the window covariance, divided by the window's pixel count.
@@ -238,15 +234,6 @@ void checkWorkingImage(const ZImage& working) {
             Z_INVALID_BITMAP);
 }
 
-// Hands the free pages of the C heap back to the system. Freed memory stays
-// with the process otherwise: the heap only shrinks from its top, and each
-// thread that allocated keeps an arena of its own.
-void returnFreedHeap() {
-#if defined(__GLIBC__)
-    malloc_trim(0);
-#endif
-}
-
 } // namespace
 
 void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
@@ -354,6 +341,9 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
     // refuses such a right-hand side: the map stays as it is.
     if (!std::all_of(map.begin(), map.end(), [](float d) { return std::isfinite(d); })) return;
 
+    // What the solver frees stays with the C heap, which the full-size passes
+    // then reuse: handing it back to the system would only have them fault
+    // the same pages in again.
     {
         CSparseSingle matrix;
         assembleMattingSystem(*this, matrix);
@@ -368,7 +358,4 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
         matrix.solve(rhs, work, true, true);
         std::copy(rhs.begin(), rhs.end(), map.begin());
     }
-    // What the solver freed stays mapped by the heap otherwise, while the
-    // full-size passes allocate their own blocks.
-    returnFreedHeap();
 }

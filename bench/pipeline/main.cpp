@@ -181,10 +181,18 @@ Resident residentMemory() {
     return r;
 }
 
+// Pages the process has faulted in so far (each first touch of a page).
+long pageFaults() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt + usage.ru_majflt;
+}
+
 struct Stage {
     const char* name;
     double wall;
     double cpu;
+    long faults;
     Resident memory; // after the stage
 };
 
@@ -199,9 +207,11 @@ int printStages(const char* in, const char* out, int threads) {
     std::vector<Stage> stages;
     auto time = [&](const char* name, auto&& body) {
         const double cpu = processCpuSeconds();
+        const long faults = pageFaults();
         const auto start = Clock::now();
         body();
-        stages.push_back({name, seconds(start), processCpuSeconds() - cpu, residentMemory()});
+        stages.push_back({name, seconds(start), processCpuSeconds() - cpu, pageFaults() - faults,
+                          residentMemory()});
     };
     threadCount = threads;
     ZImage source, output;
@@ -243,11 +253,14 @@ int printStages(const char* in, const char* out, int threads) {
     double total = 0.0;
     for (const Stage& s : stages)
         if (s.name[0] != ' ') total += s.wall;
-    std::printf("  stages in a process of their own (%.2f s), resident memory after each:\n",
+    std::printf("  stages in a process of their own (%.2f s), page faults in each, resident "
+                "memory after each:\n",
                 total);
     for (const Stage& s : stages)
-        std::printf("    %-25s %7.1f ms (cpu %7.1f)  %5.1f %%  %4.0f MiB, peak %4.0f\n", s.name,
-                    s.wall * 1e3, s.cpu * 1e3, 100.0 * s.wall / total, s.memory.now, s.memory.peak);
+        std::printf(
+            "    %-25s %7.1f ms (cpu %7.1f)  %5.1f %%  %6ld faults  %4.0f MiB, peak %4.0f\n",
+            s.name, s.wall * 1e3, s.cpu * 1e3, 100.0 * s.wall / total, s.faults, s.memory.now,
+            s.memory.peak);
     std::fflush(stdout);
     return 0;
 }

@@ -106,6 +106,14 @@ public:
     // changed in number throws "Invalid Parameter".
     void solve(std::span<float> rhs, std::span<float> x, bool symmetric, bool solutionOnRhs);
 
+    // The analysis of solve() alone, on a handle of its own that is released
+    // at once, printing nothing. The solver remembers the order it finds for
+    // the structure, so a later solve() of a matrix of the same structure
+    // (values may differ) takes it instead of working it out: a caller that
+    // knows its structure early can run this beforehand on another thread.
+    // Throws as solve() does for its analysis.
+    void analyse(bool symmetric);
+
     int symmetricFlag() const { return m_symmetricFlag; }
     int nnz() const { return m_nnz; }
     int iaSize() const { return m_iaSize; }
@@ -128,6 +136,9 @@ private:
     template <class T>
     static AlignedArray<T> allocate(std::int64_t count);
     static std::size_t size(int count) { return count > 0 ? static_cast<std::size_t>(count) : 0; }
+
+    // The solver's parameters of solve() and analyse().
+    static void solverSettings(bool symmetric, bool solutionOnRhs, int* iparm);
 
     float& atUnprepared(int row, int col);
     float& atFixed(int row, int col);

@@ -49,7 +49,12 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace {
 
@@ -236,13 +241,14 @@ void checkWorkingImage(const ZImage& working) {
 
 } // namespace
 
-void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
-    checkWorkingImage(working);
-    const int w = working.Width();
-    const int h = working.Height();
+namespace {
+
+// Lays out the compressed arrays of the system of a w x h working image:
+// ia complete, ja and a left for the rows' writers. A picture with no window
+// is the data term alone, written here.
+CSparseSingle::CompressedArrays layOutMattingSystem(int w, int h, CSparseSingle& matrix) {
     const int n = w * h;
     if (w < 3 || h < 3) {
-        // No window: the data term alone.
         const CSparseSingle::CompressedArrays m = matrix.initCompressed(n, n, n);
         for (int i = 0; i < n; ++i) {
             m.ia[static_cast<std::size_t>(i)] = i + 1;
@@ -250,47 +256,104 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
             m.a[static_cast<std::size_t>(i)] = kLambdaDiagonal;
         }
         m.ia[static_cast<std::size_t>(n)] = n + 1;
-        return;
+        return m;
     }
-
-    // The structure is the same stencil at every pixel, clipped at the
-    // borders, so the arrays are laid out before any value is known and
-    // every term goes straight to its place: no search, no node per entry.
     std::int64_t entries = 0;
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
             entries += StencilRow(x, y, w, h).size();
     const CSparseSingle::CompressedArrays m = matrix.initCompressed(n, n, entries);
     std::int32_t* const ia = m.ia.data();
-    std::int32_t* const ja = m.ja.data();
-    float* const a = m.a.data();
     ia[0] = 1;
     for (int i = 0; i < n; ++i)
         ia[i + 1] = ia[i] + StencilRow(i % w, i / w, w, h).size();
+    return m;
+}
+
+// Writes the columns of the rows of pixel row y (w, h >= 3), and puts
+// `diagonal` on their diagonals.
+void writeRowColumns(int y, int w, int h, const CSparseSingle::CompressedArrays& m,
+                     float diagonal) {
+    for (int x = 0; x < w; ++x) {
+        const StencilRow row(x, y, w, h);
+        const int i = y * w + x;
+        std::int32_t* col = m.ja.data() + (m.ia[static_cast<std::size_t>(i)] - 1);
+        for (int c = 0; c <= row.ahead; ++c)
+            *col++ = i + c + 1;
+        for (int dy = 1; dy <= row.below; ++dy)
+            for (int c = 0; c < row.across; ++c)
+                *col++ = (y + dy) * w + row.first + c + 1;
+        m.a[static_cast<std::size_t>(m.ia[static_cast<std::size_t>(i)] - 1)] = diagonal;
+    }
+}
+
+// Hands the free pages of the C heap back to the system.
+void returnFreedHeap() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+
+} // namespace
+
+void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
+    checkWorkingImage(working);
+    const int w = working.Width();
+    const int h = working.Height();
+    // The structure is the same stencil at every pixel, clipped at the
+    // borders, so the arrays are laid out before any value is known and
+    // every term goes straight to its place: no search, no node per entry.
+    const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
+    if (w < 3 || h < 3) return;
 
     const std::vector<WindowStats> stats = allWindowStats(working);
+    const std::int32_t* const ia = m.ia.data();
+    float* const a = m.a.data();
     const auto entry = [&](int x, int y, int lx, int ly) -> float& {
         const StencilRow row(x, y, w, h);
         return a[ia[y * w + x] - 1 + row.slot(x, lx, ly - y)];
     };
-    // Nothing in here allocates, so nothing throws.
+    // Nothing in here allocates, so nothing throws. A row's data term goes
+    // in before its window terms, as the entries begin at the diagonal's
+    // weight.
 #pragma omp parallel for schedule(static) num_threads(teamSize(h))
     for (int y = 0; y < h; ++y) {
-        // The row's columns and its data term, before its window terms, as
-        // the entries begin at the diagonal's weight.
-        for (int x = 0; x < w; ++x) {
-            const StencilRow row(x, y, w, h);
-            const int i = y * w + x;
-            std::int32_t* col = ja + (ia[i] - 1);
-            for (int c = 0; c <= row.ahead; ++c)
-                *col++ = i + c + 1;
-            for (int dy = 1; dy <= row.below; ++dy)
-                for (int c = 0; c < row.across; ++c)
-                    *col++ = (y + dy) * w + row.first + c + 1;
-            a[ia[i] - 1] = kLambdaDiagonal;
-        }
+        writeRowColumns(y, w, h, m, kLambdaDiagonal);
         addPixelRow(working, stats, y, entry);
     }
+}
+
+RefinementPreparation::RefinementPreparation(int width, int height) {
+    const HazeWorkingSize size = hazeWorkingSize(width, height);
+    if (size.width < 3 || size.height < 3) return;
+    m_thread = std::thread([size] {
+        try {
+            // The structure with stand-in values: a dominant diagonal makes
+            // the matrix positive definite like the real one, so the
+            // solver's matching leaves its rows in place for both, and the
+            // graph it orders is the same.
+            CSparseSingle matrix;
+            const int w = size.width, h = size.height;
+            const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
+            for (int y = 0; y < h; ++y)
+                writeRowColumns(y, w, h, m, 1.0f);
+            for (std::size_t i = 0; i + 1 < m.ia.size(); ++i)
+                for (std::int32_t k = m.ia[i]; k < m.ia[i + 1] - 1; ++k)
+                    m.a[static_cast<std::size_t>(k)] = -1.0f / 32.0f;
+            matrix.analyse(true);
+            matrix.reset();
+            // What this thread allocated is back in its own arena of the C
+            // heap, where the other threads never look: handed back to the
+            // system, it does not add to the picture's high-water mark.
+            returnFreedHeap();
+        } catch (...) {
+            // Only time is lost: the refinement orders its system itself.
+        }
+    });
+}
+
+RefinementPreparation::~RefinementPreparation() {
+    if (m_thread.joinable()) m_thread.join();
 }
 
 namespace haze {

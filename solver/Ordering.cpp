@@ -9,12 +9,17 @@
 //  - iparm[1] = 2: METIS node nested dissection, one domain;
 //  - iparm[1] = 3: METIS nested dissection into p parts (METIS_NodeNDP), whose
 //    leaf domains are then made contiguous with the separators after them.
+//
+// The dissections remember their last graph and its order (see OrderMemo).
 #include "Ordering.h"
 
 #include "runtime/nrt.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <numeric>
 #include <vector>
 
@@ -260,6 +265,136 @@ void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     // is its count of original vertices: the sizes already describe `perm`.
     std::vector<int> fineSizes(sizes.begin(), sizes.end());
     domainsFromDissection(n, p, fineSizes.data(), out);
+}
+
+// A nested dissection is the costly part of an analysis, and one graph
+// always gets the same order (METIS is seeded the same way on every call,
+// and nothing else goes in). A program that knows the structure of its next
+// system before it has the values can therefore have that structure analysed
+// on another thread while it does other work, and the analysis of the real
+// system then takes the order instead of dissecting again: the haze removal
+// does so while the photograph decodes, as the size of its working system
+// follows from the picture's header.
+//
+// One graph is remembered, the last one dissected (its arrays, about 10 MiB
+// for a 100,000-unknown matting system, stay until another replaces it). An
+// analysis that finds its graph being
+// dissected on another thread waits for that, rather than doing it twice on
+// a machine whose cores are busy. The graph is compared whole: a different
+// graph, method or part count is dissected as usual.
+class OrderMemo {
+public:
+    struct Entry {
+        int method = 0;
+        int partitions = 0;
+        std::vector<int> xadj, adjncy; // the graph, one-based as orderGraph has it
+        std::vector<int> perm, domainpairs;
+        int ndomains = 1;
+        bool done = false;
+        bool failed = false;
+    };
+
+    static OrderMemo& instance() {
+        static OrderMemo memo;
+        return memo;
+    }
+
+    // The remembered order of this graph, waiting for it if it is still
+    // being made; null when there is none.
+    std::shared_ptr<const Entry> take(const OrderingInput& in, const OrderingResult& graph) {
+        std::unique_lock lock(m_mutex);
+        if (!m_entry || !sameGraph(*m_entry, in, graph)) return nullptr;
+        const std::shared_ptr<Entry> entry = m_entry;
+        m_changed.wait(lock, [&] { return entry->done || entry->failed; });
+        if (entry->failed) return nullptr;
+        ++m_hits;
+        return entry;
+    }
+
+    // Announces that this graph is being dissected; the result follows
+    // through finish(), or abandon() on a failure.
+    std::shared_ptr<Entry> begin(const OrderingInput& in, const OrderingResult& graph) {
+        auto entry = std::make_shared<Entry>();
+        const int n = in.n;
+        entry->method = in.method;
+        entry->partitions = in.partitions;
+        entry->xadj.assign(graph.xadj.data(), graph.xadj.data() + n + 1);
+        entry->adjncy.assign(graph.adjncy.data(), graph.adjncy.data() + (graph.xadj[n] - 1));
+        std::lock_guard lock(m_mutex);
+        m_entry = entry;
+        return entry;
+    }
+
+    void finish(Entry& entry, const OrderingResult& out, int n) {
+        entry.perm.assign(out.perm.data(), out.perm.data() + n);
+        entry.domainpairs.assign(out.domainpairs.data(),
+                                 out.domainpairs.data() + out.domainpairs.size());
+        entry.ndomains = out.ndomains;
+        std::lock_guard lock(m_mutex);
+        entry.done = true;
+        m_changed.notify_all();
+    }
+
+    void abandon(const std::shared_ptr<Entry>& entry) {
+        std::lock_guard lock(m_mutex);
+        entry->failed = true;
+        if (m_entry == entry) m_entry.reset();
+        m_changed.notify_all();
+    }
+
+    long long hits() {
+        std::lock_guard lock(m_mutex);
+        return m_hits;
+    }
+
+private:
+    static bool sameGraph(const Entry& e, const OrderingInput& in, const OrderingResult& graph) {
+        const int n = in.n;
+        if (e.method != in.method || e.partitions != in.partitions ||
+            static_cast<int>(e.xadj.size()) != n + 1)
+            return false;
+        if (!std::equal(e.xadj.begin(), e.xadj.end(), graph.xadj.data())) return false;
+        return std::equal(e.adjncy.begin(), e.adjncy.end(), graph.adjncy.data());
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::shared_ptr<Entry> m_entry;
+    long long m_hits = 0;
+};
+
+// Below this many vertices a dissection costs less than remembering it.
+constexpr int kMemoMinVertices = 4096;
+
+// nestedDissection through the memo.
+void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
+    OrderMemo& memo = OrderMemo::instance();
+    if (in.n < kMemoMinVertices) {
+        nestedDissection(in, out);
+        return;
+    }
+    if (const auto known = memo.take(in, out)) {
+        std::copy(known->perm.begin(), known->perm.end(), out.perm.data());
+        out.ndomains = known->ndomains;
+        out.domainpairs =
+            IntBlock(static_cast<std::int64_t>(known->domainpairs.size()), kGraphCode, nullptr);
+        std::copy(known->domainpairs.begin(), known->domainpairs.end(), out.domainpairs.data());
+        return;
+    }
+    std::shared_ptr<OrderMemo::Entry> entry;
+    try {
+        entry = memo.begin(in, out);
+        nestedDissection(in, out);
+    } catch (...) {
+        if (entry) memo.abandon(entry);
+        throw;
+    }
+    try {
+        memo.finish(*entry, out, in.n);
+    } catch (...) {
+        // No memory to remember it: the order stands, only unremembered.
+        memo.abandon(entry);
+    }
 }
 
 void amdOrder(int n, int* xadj, int* adjncy, int* perm) {
@@ -574,6 +709,10 @@ void regroupDomains(int n, OrderingResult& out) {
     deriveInverse(n, out);
 }
 
+long long rememberedOrdersTaken() {
+    return OrderMemo::instance().hits();
+}
+
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out) {
     const double t0 = nrt_seconds();
     buildOrderingGraph(in, out);
@@ -603,7 +742,7 @@ OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out) {
     } else if (in.method == kMinimumDegreeCompressed) {
         compressedMinimumDegree(in, out);
     } else {
-        nestedDissection(in, out);
+        rememberedDissection(in, out);
     }
     deriveInverse(n, out);
     if (!userOrder && out.ndomains > 1) regroupDomains(n, out);

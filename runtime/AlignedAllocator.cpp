@@ -16,10 +16,6 @@
 #include <cstring>
 #include <limits>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
-
 namespace nrt::detail {
 namespace {
 
@@ -64,33 +60,6 @@ std::size_t userOffset(std::uintptr_t block, std::size_t alignment) noexcept {
     return static_cast<std::size_t>(p - block);
 }
 
-// Blocks from this size up are asked to be backed by huge pages.
-constexpr std::size_t kHugeBlock = std::size_t{8} << 20;
-constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
-
-// The factor and the analysis's arrays are large, written once from end to
-// end and read many times. Backed by 4 KiB pages, their first touch costs a
-// fault every 4 KiB (about 2 us each here, a tenth of a second of system
-// time for a 100,000-unknown factorization); with transparent huge pages in
-// "madvise" mode a 2 MiB page takes one. Only the whole 2 MiB pages inside
-// the block are advised, so nothing beyond it is claimed. Advice is a hint:
-// a heap whose memory cannot take it (not anonymous, or huge pages off)
-// just refuses, and nothing changes.
-void adviseHugePages(void* block, std::size_t size) noexcept {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    if (size < kHugeBlock) return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(block);
-    const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
-    const std::uintptr_t last = (begin + size) & ~(kHugePage - 1);
-    if (last > first)
-        ::madvise(reinterpret_cast<void*>(first), static_cast<std::size_t>(last - first),
-                  MADV_HUGEPAGE);
-#else
-    (void)block;
-    (void)size;
-#endif
-}
-
 } // namespace
 } // namespace nrt::detail
 
@@ -103,7 +72,6 @@ extern "C" void* nrt_malloc(size_t size, int alignment) {
     if (total == 0) return nullptr;
     void* block = heapMalloc(total);
     if (block == nullptr) return nullptr;
-    adviseHugePages(block, total);
     void* p =
         static_cast<unsigned char*>(block) + userOffset(reinterpret_cast<std::uintptr_t>(block), a);
     writeHeader(p, {size, a, block});

@@ -820,7 +820,7 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
                                               s.xlindx.data(), s.nsuper, sizeof(T), &h.ooc.io);
         // The figures of the statistics are those since the last factorization.
         h.ooc.io = OocCounters{};
-        row.outOfCore->createFiles(s.lindx.data());
+        row.outOfCore->createFiles(s.lindx.data(), std::max(1, rq.threads));
         worker.outOfCore = row.outOfCore.get();
         worker.windowBytes = h.ooc.windowBytes;
     }

@@ -15,9 +15,14 @@
 // supernode's list beside its panel; once the factor is complete the array
 // leaves memory, the solve reads the lists with the panels, and the next
 // factorization of the analysis reads the array back whole first. Each panel is
-// stored by rows (the transpose of its in-memory layout), so that the rows
-// from a given one down, which are all a later update reads of a source,
-// are one contiguous run of the file. Names are
+// stored as memory holds it (by columns), and the panels in the order of the
+// supernodes, each at a place fixed before the factorization starts,
+// whichever thread finishes it when: the order in which the solve reads
+// them, so that a chunk of consecutive panels is one read per file and
+// lands in place as it is. A source read back by the factorization wants
+// only the rows from a given one down of each column: the span over its
+// columns in one read when little in it is unwanted, else one read per
+// column. Names are
 // <stem>_<pid>_<handle>.lnz for slot 1, <stem>_<pid>_<handle>_<slot>.lnz for
 // the others (.unz and .ind alike): created with O_EXCL, so two handles or two processes never
 // share a file. An OutOfCoreFactor owns its files: destroying it (phase 0 or
@@ -30,7 +35,7 @@
 // entry: -10 a file cannot be created or opened, -11 a read or write failed
 // (disk full, file size limit, short file). -9 comes from the plan: the
 // limit leaves no room for three of the largest panels (a target, a source
-// and the scratch panel in which panels are turned by rows).
+// and the scratch panel that takes the span of a source's columns).
 //
 // Memory. The limit (SPDS_OOC_MAX_CORE_SIZE) bounds what stands in for the
 // in-core values: the window, the staging buffers, the reader's chunks and
@@ -39,18 +44,20 @@
 // work arrays (update buffer, index maps, the matrix entries by column;
 // iparm[62] estimates them) are needed in core as well and come on top.
 // The window holds at most its budget in panels (more only while the
-// threads hold more at once), the staging buffer of each value file (a
-// sixteenth of the window, 64 KB to 2 MB; 64 KB for the index file) turns
-// small panels into large writes, and the solve's reader holds as many
+// threads hold more at once), the staging of each value file (a sixteenth
+// of the window, 64 KB to 2 MB; 64 KB for the index file, shared by two
+// streams a thread, each filling one run of the file while another goes
+// out) turns small panels into large writes, and the solve's reader holds as many
 // chunks of consecutive panels with their indices as the window has room
 // for, each at most an eighth of it, and never fewer than two (a chunk is
 // one panel when that is larger). Panel blocks come from
 // the heap (PanelBlock), outside the handle's counters.
 //
-// Threads: the factorization's threads share the window (one lock; reads
-// and writes of the files happen under it, so the files see one stream);
-// the solve uses the reader from one thread, whose own thread only fills
-// chunks.
+// Threads: the factorization's threads share the window (one lock, released
+// while a panel is read back or a large one written, so that one thread's
+// wait for the disk does not stop the other; a panel on its way in is
+// marked, and whoever wants it waits for it); the solve uses the reader
+// from one thread, whose own thread only fills chunks.
 #pragma once
 
 #include "OutOfCoreConfig.h"
@@ -75,6 +82,9 @@ inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
 inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+// A read back takes the span over the columns it wants when the rows it
+// does not want come to at most this per column; else one read per column.
+inline constexpr std::int64_t kNearColumns = std::int64_t(8) << 10;
 // No part of a file grows beyond this, for the file systems and tools that
 // stop at 2 GB.
 inline constexpr std::int64_t kLargestPart = 2147483647;
@@ -188,8 +198,8 @@ public:
     OocFile(const OocFile&) = delete;
     OocFile& operator=(const OocFile&) = delete;
 
-    void create(const char* tag, int msglvl);   // exclusive; -10
-    void openRead(const char* tag, int msglvl); // by name; -10
+    void create(const char* tag, int msglvl, std::int64_t bytes); // exclusive; -10
+    void openRead(const char* tag, int msglvl);                   // by name; -10
     void close();
     void remove();
     void writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl);
@@ -209,6 +219,7 @@ private:
     int m_parts = 0; // parts made by the writes
     const char* m_createTag = "";
     std::vector<int> m_fds; // by part, -1 when closed
+    std::mutex m_partMutex; // making a part
 };
 
 // The files of one factor slot and where each supernode's panels lie.
@@ -249,9 +260,12 @@ public:
     // until finishWriting), read one back, finish. readBack brings the rows
     // from `from` down (of U: from - width), each side by columns with the
     // leading dimension height - from, the U side after the L side.
-    void createFiles(const int* lindx);
-    void append(int sn, const std::byte* panel);
-    void readBack(int sn, int from, std::byte* panel);
+    // streams: how many threads finish panels at once. append and readBack
+    // are called under the window's lock, which they release while the
+    // files work (and hold again when they return, or throw).
+    void createFiles(const int* lindx, int streams);
+    void append(int sn, const std::byte* panel, std::unique_lock<std::mutex>& lock);
+    void readBack(int sn, int from, std::byte* panel, std::unique_lock<std::mutex>& lock);
     void finishWriting();
     // The whole index array as the analysis laid it out (xlindx), from the
     // file of a complete factor.
@@ -266,27 +280,40 @@ public:
     void readL(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readU(void* to, std::int64_t bytes, std::int64_t offset) const;
     void readRows(void* to, std::int64_t bytes, std::int64_t offset) const;
-    // Turns sn's L panel (U with `upper`) as read from its file (by rows)
-    // into the layout of memory (by columns).
-    void toColumns(int sn, bool upper, const std::byte* rows, std::byte* columns) const;
     OocCounters& counters() const { return *m_io; }
     bool complete() const { return m_complete; }
 
 private:
-    struct Writer {
+    // Staging of one file: a few streams, each a run of the file being
+    // filled from its start, so that threads that finish panels of
+    // different parts of the tree each make large writes.
+    struct Stream {
         PanelBlock staging;
-        std::int64_t capacity = 0; // of staging
+        std::int64_t base = 0; // where the staged bytes go in the file
         std::int64_t staged = 0;
-        std::int64_t flushed = 0; // bytes in the file
-        std::int64_t end = 0;     // bytes in file and staging
+        std::int64_t lastUse = 0;
+        bool flushing = false; // being written with the lock let go
     };
-    std::int64_t put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes);
-    void get(const OocFile& file, const Writer& w, std::byte* to, std::int64_t bytes,
-             std::int64_t offset);
-    // Column-major rows x cols (ld lda) to column-major cols x rows (ld ldb).
-    void transpose(const std::byte* a, std::int64_t rows, std::int64_t cols, std::int64_t lda,
-                   std::byte* b, std::int64_t ldb) const;
-    void flush(OocFile& file, Writer& w);
+    struct Writer {
+        std::vector<Stream> streams;
+        std::int64_t capacity = 0; // of each stream
+        std::int64_t uses = 0;
+    };
+    bool put(OocFile& file, Writer& w, const std::byte* data, std::int64_t bytes,
+             std::int64_t offset, Stream*& full);
+    // The staged copy of bytes at `offset`, null when they are in the file.
+    static const std::byte* staged(const Writer& w, std::int64_t offset, std::int64_t bytes);
+    // Rows first .. first + m - 1 of cols columns of height ld stored from
+    // offset, wanted by columns (ld m) at `to`.
+    struct ColumnRead {
+        std::int64_t offset, ld, first, m, cols;
+        std::byte* to;
+    };
+    bool copyStaged(const Writer& w, const ColumnRead& r) const;
+    std::int64_t readColumns(const OocFile& file, const ColumnRead& r);
+    void flush(OocFile& file, Stream& s);
+    void flushAll(OocFile& file, Writer& w);
+    void startWriter(Writer& w, std::int64_t bytes, int streams);
 
     int m_nsuper;
     bool m_lu;
@@ -296,8 +323,9 @@ private:
     std::int64_t m_scalar;
     std::string m_stem; // as configured, without the process and handle
     bool m_complete = false;
-    std::vector<int> m_height, m_width;           // by supernode, one-based
-    PanelBlock m_scratch;                         // a panel turned by rows or back
+    std::vector<int> m_height, m_width; // by supernode, one-based
+    PanelBlock m_scratch;               // the span of columns read back
+    std::mutex m_scratchMutex;
     std::vector<std::int64_t> m_lBytes, m_uBytes; // by supernode, one-based
     std::vector<std::int64_t> m_lOffset, m_uOffset, m_iOffset;
     std::int64_t m_largest = 0;
@@ -349,6 +377,7 @@ private:
         int pins = 0;
         std::int64_t capacity = 0; // bytes of data, at least the panel's
         int from = 0;              // first row held
+        bool loading = false;      // being read back, outside the lock
     };
     // Place of the next reader of d, past every place when none is left.
     int nextReader(int d) const {
@@ -358,6 +387,7 @@ private:
     }
     void drop(int sn);
     void release(int sn);
+    void failed(std::unique_lock<std::mutex>& lock);
     std::byte* allocate(int sn, std::int64_t bytes);
 
     OutOfCoreFactor& m_files;
@@ -375,13 +405,14 @@ private:
     std::int64_t m_peak = 0;
     std::mutex m_mutex;
     std::condition_variable m_unpinned;
+    bool m_failed = false;
 };
 
 // The panels of a factor for the sweeps of the solve, read ahead by a
-// thread in chunks of consecutive supernodes (one read per file and chunk
-// when their panels lie side by side, as they do when one thread wrote
-// them). The chunk buffers outlive a sweep: a sweep runs in the order the
-// panels were written or its reverse, and the next one (backward after
+// thread in chunks of consecutive supernodes (one read per file and chunk:
+// the files hold the panels in that order). The chunk buffers outlive a
+// sweep: a sweep runs in the order of the files or its reverse, and the
+// next one (backward after
 // forward, forward after the backward of a refinement step) begins where
 // the last one ended, so the chunks still held are handed out first
 // instead of being read again.
@@ -424,7 +455,6 @@ private:
     const OutOfCoreFactor& m_files;
     std::vector<int> m_bounds; // chunk k: supernodes m_bounds[k] .. m_bounds[k+1]-1
     std::int64_t m_capacity = 0;
-    PanelBlock m_scratch; // the reader thread's, to turn panels by columns
     std::vector<Chunk> m_chunks;
     bool m_ascending = true;
     int m_chunk = 0;            // place in the sweep of the chunk handed out

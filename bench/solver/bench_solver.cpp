@@ -326,7 +326,8 @@ const char kUsage[] = R"(usage:
        that on 2 threads with each OpenBLAS build installed
   bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
        factorization and solve with the factor in files (limit a quarter
-       of the factor) against in core, the bytes written and read
+       of the factor) against in core, the bytes written and read, and one
+       pass from a cold cache against the disk's measured read rate
 )";
 
 } // namespace

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <numeric>
 #include <vector>
 
@@ -202,6 +203,14 @@ constexpr int kContractMinVertices = 4096;
 constexpr int kContractMinDegree = 12;
 constexpr int kContractMaxLevels = 2;
 
+// METIS draws from one random stream for the whole process, so two
+// dissections at once would each get an order that depends on the other's
+// timing (and race on the stream). They take turns.
+std::mutex& metisLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     const int n = in.n;
     idx_t options[METIS_NOPTIONS];
@@ -234,6 +243,7 @@ void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     std::vector<idx_t> cperm(static_cast<std::size_t>(g.n)), ciperm(static_cast<std::size_t>(g.n));
     std::vector<idx_t> sizes;
     bool parts = false;
+    const std::lock_guard metisTurn(metisLock());
     if (p > 1 && p <= g.n) {
         sizes.assign(2 * static_cast<std::size_t>(p), 0);
         const int result =
@@ -299,30 +309,41 @@ public:
         return memo;
     }
 
-    // The remembered order of this graph, waiting for it if it is still
-    // being made; null when there is none.
-    std::shared_ptr<const Entry> take(const OrderingInput& in, const OrderingResult& graph) {
+    // What a dissection of this graph is to do: take a remembered order
+    // (`known`, waited for if another thread is still making it), or make it
+    // and fill `mine` through finish() or abandon(). Looking and claiming are
+    // one step, so that two threads meeting one graph never both dissect it.
+    struct Claim {
+        std::shared_ptr<const Entry> known;
+        std::shared_ptr<Entry> mine;
+    };
+    Claim claim(const OrderingInput& in, const OrderingResult& graph) {
+        std::shared_ptr<Entry> fresh;
         std::unique_lock lock(m_mutex);
-        if (!m_entry || !sameGraph(*m_entry, in, graph)) return nullptr;
-        const std::shared_ptr<Entry> entry = m_entry;
-        m_changed.wait(lock, [&] { return entry->done || entry->failed; });
-        if (entry->failed) return nullptr;
-        ++m_hits;
-        return entry;
-    }
-
-    // Announces that this graph is being dissected; the result follows
-    // through finish(), or abandon() on a failure.
-    std::shared_ptr<Entry> begin(const OrderingInput& in, const OrderingResult& graph) {
-        auto entry = std::make_shared<Entry>();
-        const int n = in.n;
-        entry->method = in.method;
-        entry->partitions = in.partitions;
-        entry->xadj.assign(graph.xadj.data(), graph.xadj.data() + n + 1);
-        entry->adjncy.assign(graph.adjncy.data(), graph.adjncy.data() + (graph.xadj[n] - 1));
-        std::lock_guard lock(m_mutex);
-        m_entry = entry;
-        return entry;
+        for (;;) {
+            if (m_entry && sameGraph(*m_entry, in, graph)) {
+                const std::shared_ptr<Entry> entry = m_entry;
+                m_changed.wait(lock, [&] { return entry->done || entry->failed; });
+                if (entry->done) {
+                    ++m_hits;
+                    return {entry, nullptr};
+                }
+                continue; // its maker failed and let it go: look again
+            }
+            if (fresh) {
+                m_entry = fresh;
+                return {nullptr, fresh};
+            }
+            // The graph is copied without the lock; another thread may claim
+            // the same graph meanwhile, so the loop looks again.
+            lock.unlock();
+            fresh = std::make_shared<Entry>();
+            fresh->method = in.method;
+            fresh->partitions = in.partitions;
+            fresh->xadj.assign(graph.xadj.data(), graph.xadj.data() + in.n + 1);
+            fresh->adjncy.assign(graph.adjncy.data(), graph.adjncy.data() + (graph.xadj[in.n] - 1));
+            lock.lock();
+        }
     }
 
     void finish(Entry& entry, const OrderingResult& out, int n) {
@@ -373,7 +394,15 @@ void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
         nestedDissection(in, out);
         return;
     }
-    if (const auto known = memo.take(in, out)) {
+    OrderMemo::Claim claim;
+    try {
+        claim = memo.claim(in, out);
+    } catch (const std::bad_alloc&) {
+        // No memory to remember the graph: dissected, only unremembered.
+        nestedDissection(in, out);
+        return;
+    }
+    if (const auto& known = claim.known) {
         std::copy(known->perm.begin(), known->perm.end(), out.perm.data());
         out.ndomains = known->ndomains;
         out.domainpairs =
@@ -381,19 +410,17 @@ void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
         std::copy(known->domainpairs.begin(), known->domainpairs.end(), out.domainpairs.data());
         return;
     }
-    std::shared_ptr<OrderMemo::Entry> entry;
     try {
-        entry = memo.begin(in, out);
         nestedDissection(in, out);
     } catch (...) {
-        if (entry) memo.abandon(entry);
+        memo.abandon(claim.mine);
         throw;
     }
     try {
-        memo.finish(*entry, out, in.n);
+        memo.finish(*claim.mine, out, in.n);
     } catch (...) {
         // No memory to remember it: the order stands, only unremembered.
-        memo.abandon(entry);
+        memo.abandon(claim.mine);
     }
 }
 

@@ -261,6 +261,12 @@ void CSparseSingle::analyse(bool symmetric) {
     int iparm[64];
     solverSettings(symmetric, false, iparm);
     SolverHandle handle(symmetric ? -2 : 11, m_rowCount, iparm, 0);
+    // The order found here is left for the solve() that follows; only this
+    // call, not the solves, leaves one.
+    struct Sharing {
+        Sharing() { spds_share_orders(1); }
+        ~Sharing() { spds_share_orders(0); }
+    } sharing;
     int error = 0;
     handle.call(11, m_a.get(), m_ia.get(), m_ja.get(), handle.dummy(), handle.dummy(), error);
     if (error != 0)

@@ -107,10 +107,11 @@ public:
     void solve(std::span<float> rhs, std::span<float> x, bool symmetric, bool solutionOnRhs);
 
     // The analysis of solve() alone, on a handle of its own that is released
-    // at once, printing nothing. The solver remembers the order it finds for
-    // the structure, so a later solve() of a matrix of the same structure
-    // (values may differ) takes it instead of working it out: a caller that
-    // knows its structure early can run this beforehand on another thread.
+    // at once, printing nothing. The solver keeps the order it finds for the
+    // structure (spds_share_orders), so the next solve() of a matrix of the
+    // same structure (values may differ) takes it instead of working it out:
+    // a caller that knows its structure early can run this beforehand on
+    // another thread.
     // Throws as solve() does for its analysis.
     void analyse(bool symmetric);
 

@@ -73,7 +73,7 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix);
 // Starts, on a thread of its own, the part of the refinement of a picture of
 // width x height that does not depend on its pixels: the solver orders the
 // unknowns of the working system, whose structure follows from the working
-// size alone, and remembers the order for the refinement that follows, which
+// size alone, and keeps the order for the refinement that follows, which
 // then takes it instead of working it out. Meant to run while the picture
 // decodes; nothing in the result changes. Destroying the object waits for the
 // thread. Nothing throws: a failure (an empty size, no thread to be had, no

@@ -14,6 +14,7 @@
 #include "Ordering.h"
 
 #include "runtime/nrt.h"
+#include "spds.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -286,12 +287,14 @@ void nestedDissection(const OrderingInput& in, OrderingResult& out) {
 // does so while the photograph decodes, as the size of its working system
 // follows from the picture's header.
 //
-// One graph is remembered, the last one dissected (its arrays, about 10 MiB
-// for a 100,000-unknown matting system, stay until another replaces it). An
-// analysis that finds its graph being
-// dissected on another thread waits for that, rather than doing it twice on
-// a machine whose cores are busy. The graph is compared whole: a different
-// graph, method or part count is dissected as usual.
+// Only analyses that ask for it (spds_share_orders on their thread) leave
+// their order here, so other programs pay nothing and keep nothing. One
+// graph is held at a time, and the analysis that takes it takes it away:
+// nothing stays once the prepared system is analysed. An analysis that
+// finds its graph still being dissected on another thread waits for that,
+// rather than doing it twice on a machine whose cores are busy. The graph is
+// compared whole: a different graph, method or part count is dissected as
+// usual.
 class OrderMemo {
 public:
     struct Entry {
@@ -317,7 +320,7 @@ public:
         std::shared_ptr<const Entry> known;
         std::shared_ptr<Entry> mine;
     };
-    Claim claim(const OrderingInput& in, const OrderingResult& graph) {
+    Claim claim(const OrderingInput& in, const OrderingResult& graph, bool share) {
         std::shared_ptr<Entry> fresh;
         std::unique_lock lock(m_mutex);
         for (;;) {
@@ -326,10 +329,12 @@ public:
                 m_changed.wait(lock, [&] { return entry->done || entry->failed; });
                 if (entry->done) {
                     ++m_hits;
+                    if (m_entry == entry) m_entry.reset();
                     return {entry, nullptr};
                 }
                 continue; // its maker failed and let it go: look again
             }
+            if (!share) return {};
             if (fresh) {
                 m_entry = fresh;
                 return {nullptr, fresh};
@@ -344,6 +349,11 @@ public:
             fresh->adjncy.assign(graph.adjncy.data(), graph.adjncy.data() + (graph.xadj[in.n] - 1));
             lock.lock();
         }
+    }
+
+    bool holding() {
+        std::lock_guard lock(m_mutex);
+        return m_entry != nullptr;
     }
 
     void finish(Entry& entry, const OrderingResult& out, int n) {
@@ -387,16 +397,19 @@ private:
 // Below this many vertices a dissection costs less than remembering it.
 constexpr int kMemoMinVertices = 4096;
 
+// Whether the analyses of this thread leave their order for a later one.
+thread_local bool tShareOrders = false;
+
 // nestedDissection through the memo.
 void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
     OrderMemo& memo = OrderMemo::instance();
-    if (in.n < kMemoMinVertices) {
+    if (in.n < kMemoMinVertices || (!tShareOrders && !memo.holding())) {
         nestedDissection(in, out);
         return;
     }
     OrderMemo::Claim claim;
     try {
-        claim = memo.claim(in, out);
+        claim = memo.claim(in, out, tShareOrders);
     } catch (const std::bad_alloc&) {
         // No memory to remember the graph: dissected, only unremembered.
         nestedDissection(in, out);
@@ -408,6 +421,10 @@ void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
         out.domainpairs =
             IntBlock(static_cast<std::int64_t>(known->domainpairs.size()), kGraphCode, nullptr);
         std::copy(known->domainpairs.begin(), known->domainpairs.end(), out.domainpairs.data());
+        return;
+    }
+    if (!claim.mine) {
+        nestedDissection(in, out);
         return;
     }
     try {
@@ -740,6 +757,10 @@ long long rememberedOrdersTaken() {
     return OrderMemo::instance().hits();
 }
 
+void shareOrders(bool on) {
+    tShareOrders = on;
+}
+
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out) {
     const double t0 = nrt_seconds();
     buildOrderingGraph(in, out);
@@ -787,3 +808,7 @@ OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out) {
 }
 
 } // namespace skyrinse::spds
+
+extern "C" void spds_share_orders(int on) {
+    skyrinse::spds::shareOrders(on != 0);
+}

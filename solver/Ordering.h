@@ -73,6 +73,10 @@ bool graphFromFullPattern(int n, IntBlock& ia, IntBlock& ja, OrderingResult& out
 // instead of dissecting it, since the process started.
 long long rememberedOrdersTaken();
 
+// Whether the dissections of the calling thread leave their order for the
+// next analysis of the same graph (spds_share_orders).
+void shareOrders(bool on);
+
 // Building blocks, exposed for the tests.
 
 // The ordering graph: structure of A + A^T (or the full symmetric structure

@@ -28,7 +28,8 @@ constexpr int kFirstRowCapacity = 8;
 // to anybody at that point.
 class SolverHandle {
 public:
-    SolverHandle(int mtype, int n, int* iparm) : m_mtype(mtype), m_n(n), m_iparm(iparm) {}
+    SolverHandle(int mtype, int n, int* iparm, int msglvl = 1)
+        : m_mtype(mtype), m_n(n), m_iparm(iparm), m_msglvl(msglvl) {}
     ~SolverHandle() {
         int error = 0;
         call(-1, &m_dummy, nullptr, nullptr, &m_dummy, &m_dummy, error);
@@ -42,11 +43,10 @@ public:
         const int maxfct = 1;
         const int mnum = 1;
         const int nrhs = 1;
-        const int msglvl = 1;
         // No permutation of the caller's is asked for: the solver only
         // needs somewhere to point.
         spds(m_pt, &maxfct, &mnum, &m_mtype, &phase, &m_n, a, ia, ja, &m_unusedPerm, &nrhs, m_iparm,
-             &msglvl, b, x, &error);
+             &m_msglvl, b, x, &error);
     }
     // Stands in for the arrays that a phase does not read.
     float* dummy() { return &m_dummy; }
@@ -56,6 +56,7 @@ private:
     int m_mtype;
     int m_n;
     int* m_iparm;
+    int m_msglvl;
     int m_unusedPerm = 0;
     float m_dummy = 0.0f;
 };
@@ -144,6 +145,33 @@ void CSparseSingle::init(int rows, int cols) {
     m_a = allocate<float>(m_nnz);
 }
 
+CSparseSingle::CompressedArrays CSparseSingle::initCompressed(int rows, int cols,
+                                                              std::int64_t entries) {
+    reset();
+    // One-based positions up to entries + 1 must fit the solver's indices.
+    Z_CHECK(rows >= 0 && rows < std::numeric_limits<std::int32_t>::max() && cols >= 0 &&
+                entries >= 0 && entries < std::numeric_limits<std::int32_t>::max(),
+            Z_INVALID_PARAMETER);
+    // Everything is had before anything is kept, so that a failure leaves
+    // the matrix as reset() did.
+    std::vector<RowMap> rowMaps(static_cast<std::size_t>(rows));
+    AlignedArray<std::int32_t> ia = allocate<std::int32_t>(std::int64_t{rows} + 1);
+    AlignedArray<std::int32_t> ja = allocate<std::int32_t>(entries);
+    AlignedArray<float> a = allocate<float>(entries);
+    m_rowMaps = std::move(rowMaps);
+    m_ia = std::move(ia);
+    m_ja = std::move(ja);
+    m_a = std::move(a);
+    m_iaSize = rows + 1;
+    m_nnz = static_cast<std::int32_t>(entries);
+    m_rowCount = rows;
+    m_colCount = cols;
+    m_rowCapacity = rows;
+    m_atAccessor = &CSparseSingle::atFixed;
+    std::fill_n(m_a.get(), m_nnz, 0.0f);
+    return {{m_ia.get(), size(m_iaSize)}, {m_ja.get(), size(m_nnz)}, {m_a.get(), size(m_nnz)}};
+}
+
 int CSparseSingle::rowSize(int row) const {
     if (row < 0 || row >= m_rowCount) return 0;
     return static_cast<int>(m_rowMaps[static_cast<std::size_t>(row)].size());
@@ -213,13 +241,8 @@ void CSparseSingle::compress() {
     ia[m_rowCount] = k + 1;
 }
 
-void CSparseSingle::solve(std::span<float> rhs, std::span<float> x, bool symmetric,
-                          bool solutionOnRhs) {
-    // The arrays must describe the rows as they are now.
-    Z_CHECK(m_ia && m_iaSize == m_rowCount + 1, Z_INVALID_PARAMETER);
-    Z_CHECK(rhs.size() == size(m_rowCount) && x.size() == size(m_rowCount), Z_INVALID_PARAMETER);
-
-    int iparm[64] = {};
+void CSparseSingle::solverSettings(bool symmetric, bool solutionOnRhs, int* iparm) {
+    std::fill_n(iparm, 64, 0);
     iparm[0] = 1;                     // these settings, not the defaults
     iparm[1] = 3;                     // nested dissection into domains
     iparm[5] = solutionOnRhs ? 1 : 0; // solution written over rhs
@@ -231,6 +254,33 @@ void CSparseSingle::solve(std::span<float> rhs, std::span<float> x, bool symmetr
     iparm[18] = -1;                   // and its operations
     iparm[20] = symmetric ? 1 : 0;    // Bunch-Kaufman pivots
     iparm[27] = 1;                    // single precision
+}
+
+void CSparseSingle::analyse(bool symmetric) {
+    Z_CHECK(m_ia && m_iaSize == m_rowCount + 1, Z_INVALID_PARAMETER);
+    int iparm[64];
+    solverSettings(symmetric, false, iparm);
+    SolverHandle handle(symmetric ? -2 : 11, m_rowCount, iparm, 0);
+    // The order found here is left for the solve() that follows; only this
+    // call, not the solves, leaves one.
+    struct Sharing {
+        Sharing() { spds_share_orders(1); }
+        ~Sharing() { spds_share_orders(0); }
+    } sharing;
+    int error = 0;
+    handle.call(11, m_a.get(), m_ia.get(), m_ja.get(), handle.dummy(), handle.dummy(), error);
+    if (error != 0)
+        Z_THROW(QStringLiteral("SPDS error during symbolic factorization: %1").arg(error));
+}
+
+void CSparseSingle::solve(std::span<float> rhs, std::span<float> x, bool symmetric,
+                          bool solutionOnRhs) {
+    // The arrays must describe the rows as they are now.
+    Z_CHECK(m_ia && m_iaSize == m_rowCount + 1, Z_INVALID_PARAMETER);
+    Z_CHECK(rhs.size() == size(m_rowCount) && x.size() == size(m_rowCount), Z_INVALID_PARAMETER);
+
+    int iparm[64];
+    solverSettings(symmetric, solutionOnRhs, iparm);
     const int mtype = symmetric ? -2 : 11;
 
     SolverHandle handle(mtype, m_rowCount, iparm);

@@ -14,6 +14,10 @@
 //   init(0, anything)            growing: the row table starts with 8 slots
 //                                and doubles on demand; at() checks its
 //                                arguments.
+//   initCompressed(rows, cols,   direct: a caller that knows the structure
+//                  entries)      beforehand writes the compressed arrays
+//                                itself, with no map node per entry; the
+//                                matrix is then in fixed mode with empty rows.
 //
 // Rules shared by every operation:
 //  - Indices given to at() are zero-based; the arrays after compress() are
@@ -55,6 +59,20 @@ public:
     // throw "Invalid Parameter".
     void init(int rows, int cols);
 
+    // The arrays that initCompressed() hands to the caller to fill.
+    struct CompressedArrays {
+        std::span<std::int32_t> ia; // rows + 1 one-based row starts
+        std::span<std::int32_t> ja; // one-based columns, ascending in a row
+        std::span<float> a;         // the values, all 0.0 on return
+    };
+    // Resets, then prepares the fixed mode with `rows` x `cols` and arrays of
+    // `entries` entries, which the caller fills as compress() would have:
+    // solve() reads them as they are. The rows stay empty, so a later
+    // compress() would write an empty matrix. Sizes that are negative, or
+    // beyond 32-bit counts, throw "Invalid Parameter"; memory that cannot be
+    // had throws "Not enough memory".
+    CompressedArrays initCompressed(int rows, int cols, std::int64_t entries);
+
     // With the flag on, (row, col) with col < row is stored as (col, row):
     // only the upper triangle exists. Set it after init(), which clears it.
     void setSymmetricFlag(bool on) { m_symmetricFlag = on ? 1 : 0; }
@@ -88,6 +106,15 @@ public:
     // changed in number throws "Invalid Parameter".
     void solve(std::span<float> rhs, std::span<float> x, bool symmetric, bool solutionOnRhs);
 
+    // The analysis of solve() alone, on a handle of its own that is released
+    // at once, printing nothing. The solver keeps the order it finds for the
+    // structure (spds_share_orders), so the next solve() of a matrix of the
+    // same structure (values may differ) takes it instead of working it out:
+    // a caller that knows its structure early can run this beforehand on
+    // another thread.
+    // Throws as solve() does for its analysis.
+    void analyse(bool symmetric);
+
     int symmetricFlag() const { return m_symmetricFlag; }
     int nnz() const { return m_nnz; }
     int iaSize() const { return m_iaSize; }
@@ -110,6 +137,9 @@ private:
     template <class T>
     static AlignedArray<T> allocate(std::int64_t count);
     static std::size_t size(int count) { return count > 0 ? static_cast<std::size_t>(count) : 0; }
+
+    // The solver's parameters of solve() and analyse().
+    static void solverSettings(bool symmetric, bool solutionOnRhs, int* iparm);
 
     float& atUnprepared(int row, int col);
     float& atFixed(int row, int col);

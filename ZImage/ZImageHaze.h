@@ -32,6 +32,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <thread>
 
 class CSparseSingle;
 class ZImage;
@@ -68,6 +69,26 @@ HazeWorkingSize hazeWorkingSize(int width, int height);
 // Values do not depend on threadCount. Throws "Invalid Bitmap" for anything
 // but an RGBA float image.
 void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix);
+
+// Starts, on a thread of its own, the part of the refinement of a picture of
+// width x height that does not depend on its pixels: the solver orders the
+// unknowns of the working system, whose structure follows from the working
+// size alone, and keeps the order for the refinement that follows, which
+// then takes it instead of working it out. Meant to run while the picture
+// decodes; nothing in the result changes. Destroying the object waits for the
+// thread. Nothing throws: a failure (an empty size, no thread to be had, no
+// memory in the thread) costs only the time, as the refinement then orders
+// its system itself.
+class RefinementPreparation {
+public:
+    RefinementPreparation(int width, int height);
+    ~RefinementPreparation();
+    RefinementPreparation(const RefinementPreparation&) = delete;
+    RefinementPreparation& operator=(const RefinementPreparation&) = delete;
+
+private:
+    std::thread m_thread;
+};
 
 // Whether a run keeps the full-size map for a later change of strength.
 enum class DepthMap {

@@ -26,9 +26,14 @@
 //     and every entry sums its window terms in the same order whatever the
 //     team size: the matrix is bit for bit that of one thread, which is the
 //     order of the plain serial loop over windows.
-// Exceptions (out of memory in the row maps) are caught inside the regions
-// and rethrown after them.
+// The upper triangle's structure is a fixed stencil clipped at the borders,
+// so the compressed arrays are laid out first and each term is added at a
+// computed place. haze::assembleMattingSystemByLookup does the same through
+// CSparseSingle's ordered rows instead; both give the same bits. Its
+// exceptions (out of memory in the row maps) are caught inside the region
+// and rethrown after it.
 #include "ZImage/ZImageHaze.h"
+#include "ZImage/ZImageHaze_p.h"
 
 #include "ZImage/CSparseSingle.h"
 #include "ZImage/ThreadCount.h"
@@ -44,6 +49,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #if defined(__GLIBC__)
@@ -150,16 +156,18 @@ private:
 };
 
 // Adds, for every window that holds pixel (x, y), the terms of the pairs that
-// start at that pixel, in row-major window order.
+// start at that pixel, in row-major window order. entry(x, y, lx, ly) is the
+// matrix entry of the pair (pixel (x, y), pixel (lx, ly)), the latter never
+// before the former.
+template <class Entry>
 void addPixelRow(const ZImage& image, const std::vector<WindowStats>& stats, int y,
-                 CSparseSingle& matrix) {
+                 const Entry& entry) {
     const int w = image.Width();
     const int h = image.Height();
     const int windowsPerRow = w - 2;
     const int wy0 = std::max(0, y - 2);
     const int wy1 = std::min(y, h - 3);
     for (int x = 0; x < w; ++x) {
-        const int i = y * w + x;
         const float* ik = pixelAt(image, x, y);
         const int wx0 = std::max(0, x - 2);
         const int wx1 = std::min(x, w - 3);
@@ -182,7 +190,7 @@ void addPixelRow(const ZImage& image, const std::vector<WindowStats>& stats, int
                     dot += 1.0;
                     dot += q[1] * v[1];
                     dot += q[2] * v[2];
-                    float& e = matrix.at(i, ly * w + lx);
+                    float& e = entry(x, y, lx, ly);
                     if (l == k) e = static_cast<float>(e + 1.0);
                     e = static_cast<float>(e - dot / kWindowPixels);
                 }
@@ -190,9 +198,92 @@ void addPixelRow(const ZImage& image, const std::vector<WindowStats>& stats, int
     }
 }
 
-// Hands the free pages of the C heap back to the system. Freed memory stays
-// with the process otherwise: the heap only shrinks from its top, and each
-// thread that allocated keeps an arena of its own.
+// The row of pixel (x, y) in the upper triangle: its diagonal and the pixels
+// to its right that share a window (`ahead`), then for each of the next rows
+// that exist (`below`) the `across` pixels from column `first`.
+struct StencilRow {
+    int ahead;
+    int below;
+    int first;
+    int across;
+
+    StencilRow(int x, int y, int w, int h)
+        : ahead(std::min(2, w - 1 - x)), below(std::min(2, h - 1 - y)), first(std::max(0, x - 2)),
+          across(std::min(w - 1, x + 2) - std::max(0, x - 2) + 1) {}
+    int size() const { return 1 + ahead + below * across; }
+    // Position of pixel (lx, y + dy) in the row.
+    int slot(int x, int lx, int dy) const {
+        return dy == 0 ? lx - x : 1 + ahead + (dy - 1) * across + (lx - first);
+    }
+};
+
+// Every window pass needs its statistics, in parallel by window rows.
+std::vector<WindowStats> allWindowStats(const ZImage& working) {
+    const int windowRows = working.Height() - 2;
+    const int windowsPerRow = working.Width() - 2;
+    std::vector<WindowStats> stats(static_cast<std::size_t>(windowRows) * windowsPerRow);
+    // windowStats allocates nothing, so nothing can throw in the region.
+#pragma omp parallel for schedule(static) num_threads(teamSize(windowRows))
+    for (int wy = 0; wy < windowRows; ++wy)
+        for (int wx = 0; wx < windowsPerRow; ++wx)
+            stats[static_cast<std::size_t>(wy) * windowsPerRow + wx] = windowStats(working, wx, wy);
+    return stats;
+}
+
+void checkWorkingImage(const ZImage& working) {
+    Z_CHECK(working.BitmapType() == ZImage::RGBA, Z_INVALID_BITMAP);
+    Z_CHECK(working.BitsPerComponent() == 32, Z_INVALID_BITMAP);
+    const std::int64_t n = std::int64_t{working.Width()} * working.Height();
+    Z_CHECK(working.Width() > 0 && working.Height() > 0 &&
+                n <= std::numeric_limits<std::int32_t>::max(),
+            Z_INVALID_BITMAP);
+}
+
+// Lays out the compressed arrays of the system of a w x h working image:
+// ia complete, ja and a left for the rows' writers. A picture with no window
+// is the data term alone, written here.
+CSparseSingle::CompressedArrays layOutMattingSystem(int w, int h, CSparseSingle& matrix) {
+    const int n = w * h;
+    if (w < 3 || h < 3) {
+        const CSparseSingle::CompressedArrays m = matrix.initCompressed(n, n, n);
+        for (int i = 0; i < n; ++i) {
+            m.ia[static_cast<std::size_t>(i)] = i + 1;
+            m.ja[static_cast<std::size_t>(i)] = i + 1;
+            m.a[static_cast<std::size_t>(i)] = kLambdaDiagonal;
+        }
+        m.ia[static_cast<std::size_t>(n)] = n + 1;
+        return m;
+    }
+    std::int64_t entries = 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            entries += StencilRow(x, y, w, h).size();
+    const CSparseSingle::CompressedArrays m = matrix.initCompressed(n, n, entries);
+    std::int32_t* const ia = m.ia.data();
+    ia[0] = 1;
+    for (int i = 0; i < n; ++i)
+        ia[i + 1] = ia[i] + StencilRow(i % w, i / w, w, h).size();
+    return m;
+}
+
+// Writes the columns of the rows of pixel row y (w, h >= 3), and puts
+// `diagonal` on their diagonals.
+void writeRowColumns(int y, int w, int h, const CSparseSingle::CompressedArrays& m,
+                     float diagonal) {
+    for (int x = 0; x < w; ++x) {
+        const StencilRow row(x, y, w, h);
+        const int i = y * w + x;
+        std::int32_t* col = m.ja.data() + (m.ia[static_cast<std::size_t>(i)] - 1);
+        for (int c = 0; c <= row.ahead; ++c)
+            *col++ = i + c + 1;
+        for (int dy = 1; dy <= row.below; ++dy)
+            for (int c = 0; c < row.across; ++c)
+                *col++ = (y + dy) * w + row.first + c + 1;
+        m.a[static_cast<std::size_t>(m.ia[static_cast<std::size_t>(i)] - 1)] = diagonal;
+    }
+}
+
+// Hands the free pages of the C heap back to the system.
 void returnFreedHeap() {
 #if defined(__GLIBC__)
     malloc_trim(0);
@@ -202,43 +293,96 @@ void returnFreedHeap() {
 } // namespace
 
 void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
-    Z_CHECK(working.BitmapType() == ZImage::RGBA, Z_INVALID_BITMAP);
-    Z_CHECK(working.BitsPerComponent() == 32, Z_INVALID_BITMAP);
+    checkWorkingImage(working);
     const int w = working.Width();
     const int h = working.Height();
-    const std::int64_t n = std::int64_t{w} * h;
-    Z_CHECK(w > 0 && h > 0 && n <= std::numeric_limits<std::int32_t>::max(), Z_INVALID_BITMAP);
+    // The structure is the same stencil at every pixel, clipped at the
+    // borders, so the arrays are laid out before any value is known and
+    // every term goes straight to its place: no search, no node per entry.
+    const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
+    if (w < 3 || h < 3) return;
+
+    const std::vector<WindowStats> stats = allWindowStats(working);
+    const std::int32_t* const ia = m.ia.data();
+    float* const a = m.a.data();
+    const auto entry = [&](int x, int y, int lx, int ly) -> float& {
+        const StencilRow row(x, y, w, h);
+        return a[ia[y * w + x] - 1 + row.slot(x, lx, ly - y)];
+    };
+    // Nothing in here allocates, so nothing throws. A row's data term goes
+    // in before its window terms, as the entries begin at the diagonal's
+    // weight.
+#pragma omp parallel for schedule(static) num_threads(teamSize(h))
+    for (int y = 0; y < h; ++y) {
+        writeRowColumns(y, w, h, m, kLambdaDiagonal);
+        addPixelRow(working, stats, y, entry);
+    }
+}
+
+RefinementPreparation::RefinementPreparation(int width, int height) {
+    try {
+        const HazeWorkingSize size = hazeWorkingSize(width, height);
+        if (size.width < 3 || size.height < 3) return;
+        m_thread = std::thread([size] {
+            try {
+                // The structure with stand-in values: a dominant diagonal
+                // makes the matrix positive definite like the real one, so
+                // the solver's matching leaves its rows in place for both,
+                // and the graph it orders is the same.
+                CSparseSingle matrix;
+                const int w = size.width, h = size.height;
+                const CSparseSingle::CompressedArrays m = layOutMattingSystem(w, h, matrix);
+                for (int y = 0; y < h; ++y)
+                    writeRowColumns(y, w, h, m, 1.0f);
+                for (std::size_t i = 0; i + 1 < m.ia.size(); ++i)
+                    for (std::int32_t k = m.ia[i]; k < m.ia[i + 1] - 1; ++k)
+                        m.a[static_cast<std::size_t>(k)] = -1.0f / 32.0f;
+                matrix.analyse(true);
+                matrix.reset();
+                // What this thread allocated is back in its own arena of the
+                // C heap, where the other threads never look: handed back to
+                // the system, it does not add to the picture's high-water
+                // mark.
+                returnFreedHeap();
+            } catch (...) {
+                // Only time is lost: the refinement orders its system itself.
+            }
+        });
+    } catch (...) {
+        // No size, or no thread to be had: nothing is prepared.
+    }
+}
+
+RefinementPreparation::~RefinementPreparation() {
+    if (m_thread.joinable()) m_thread.join();
+}
+
+namespace haze {
+
+void assembleMattingSystemByLookup(const ZImage& working, CSparseSingle& matrix) {
+    checkWorkingImage(working);
+    const int w = working.Width();
+    const int h = working.Height();
+    const int n = w * h;
 
     // The data term on the diagonal. Going through every row first also
     // brings the row table to its full size, so that it never grows while
     // the threads below insert.
     matrix.init(0, 0);
-    for (std::int64_t i = 0; i < n; ++i)
-        matrix.at(static_cast<int>(i), static_cast<int>(i)) = kLambdaDiagonal;
+    for (int i = 0; i < n; ++i)
+        matrix.at(i, i) = kLambdaDiagonal;
 
     if (w >= 3 && h >= 3) {
-        const int windowRows = h - 2;
-        const int windowsPerRow = w - 2;
-        std::vector<WindowStats> stats(static_cast<std::size_t>(windowRows) * windowsPerRow);
+        const std::vector<WindowStats> stats = allWindowStats(working);
+        const auto entry = [&](int x, int y, int lx, int ly) -> float& {
+            return matrix.at(y * w + x, ly * w + lx);
+        };
         RegionFailure failure;
-#pragma omp parallel for schedule(static) num_threads(teamSize(windowRows))
-        for (int wy = 0; wy < windowRows; ++wy) {
-            if (failure.failed()) continue;
-            try {
-                for (int wx = 0; wx < windowsPerRow; ++wx)
-                    stats[static_cast<std::size_t>(wy) * windowsPerRow + wx] =
-                        windowStats(working, wx, wy);
-            } catch (...) {
-                failure.capture();
-            }
-        }
-        failure.rethrow();
-
 #pragma omp parallel for schedule(static) num_threads(teamSize(h))
         for (int y = 0; y < h; ++y) {
             if (failure.failed()) continue;
             try {
-                addPixelRow(working, stats, y, matrix);
+                addPixelRow(working, stats, y, entry);
             } catch (...) {
                 failure.capture();
             }
@@ -247,6 +391,8 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
     }
     matrix.compress();
 }
+
+} // namespace haze
 
 void ZImage::refineDarkChannel(std::span<float> map) const {
     Z_CHECK(BitmapType() == RGBA, Z_INVALID_BITMAP);
@@ -259,12 +405,12 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
     // refuses such a right-hand side: the map stays as it is.
     if (!std::all_of(map.begin(), map.end(), [](float d) { return std::isfinite(d); })) return;
 
+    // What the solver frees stays with the C heap, which the full-size passes
+    // then reuse: handing it back to the system would only have them fault
+    // the same pages in again.
     {
         CSparseSingle matrix;
         assembleMattingSystem(*this, matrix);
-        // The row maps (five times the arrays) are not needed by the solve,
-        // which can reuse their memory for the factor.
-        matrix.releaseRows();
         // The right-hand side is a copy, so that a failure leaves the caller's
         // map as it was. The solver writes the solution over it and takes the
         // other array as its work space.
@@ -276,7 +422,4 @@ void ZImage::refineDarkChannel(std::span<float> map) const {
         matrix.solve(rhs, work, true, true);
         std::copy(rhs.begin(), rhs.end(), map.begin());
     }
-    // What the solver freed stays mapped by the heap otherwise, while the
-    // full-size passes allocate their own blocks.
-    returnFreedHeap();
 }

@@ -12,9 +12,15 @@
 #include <map>
 #include <vector>
 
+class CSparseSingle;
 class ZImage;
 
 namespace haze {
+
+// assembleMattingSystem through CSparseSingle::at() and compress(): the
+// general way to fill the store, which the direct layout of the arrays must
+// reproduce bit for bit.
+void assembleMattingSystemByLookup(const ZImage& working, CSparseSingle& matrix);
 
 // Radius of the minimum filter's square window, from the working image: it
 // grows with the image so that the window covers a similar share of it.

@@ -423,10 +423,8 @@ void ZImage::Copy(int srcX, int srcY, int width, int height, ZImage& target, int
             scratch.emplace_back(chain.scratch, width, bandRows);
     }
 
-#pragma omp parallel num_threads(teamSize) if (teamSize > 1)
-    {
-        const int team = omp_get_num_threads();
-        const int me = omp_get_thread_num();
+    // Thread `me` of `team` converts its own contiguous run of bands.
+    const auto convertBands = [&](int me, int team) {
         const int firstBand = static_cast<int>(std::int64_t{bands} * me / team);
         const int endBand = static_cast<int>(std::int64_t{bands} * (me + 1) / team);
         const Window between =
@@ -445,7 +443,15 @@ void ZImage::Copy(int srcX, int srcY, int width, int height, ZImage& target, int
                 runStep(step, chain.alpha, window(step.from), window(step.to), width, rows);
             }
         }
+    };
+    // A copy of a few rows, as the resampling asks for from inside its own
+    // region, opens no region of its own.
+    if (teamSize <= 1) {
+        convertBands(0, 1);
+        return;
     }
+#pragma omp parallel num_threads(teamSize)
+    convertBands(omp_get_thread_num(), omp_get_num_threads());
 }
 
 void ZImage::CopyTo(ZImage& target, int colourType, int depth) const {

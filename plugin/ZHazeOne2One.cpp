@@ -11,6 +11,8 @@
 #include <QDomDocument>
 #include <QFileInfo>
 
+#include <optional>
+
 namespace {
 
 // Gives the host's image back on every path out of processImage, so that a
@@ -229,6 +231,13 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
                            solveBytes,
                        sourcePath, Z_LOCATION);
     }
+
+    // The solver's ordering of the working system depends on the picture's
+    // size only: it is worked out on a thread of its own while the source
+    // decodes, on a core the decoder leaves idle.
+    std::optional<RefinementPreparation> preparation;
+    if (pixels > 0 && settings->strength != 0 && !settings->airDepthMap)
+        preparation.emplace(image->width(), image->height());
 
     // The source's pixels go to the output's format band by band through
     // the float form that the haze removal works in; neither that form nor

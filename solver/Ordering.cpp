@@ -9,12 +9,19 @@
 //  - iparm[1] = 2: METIS node nested dissection, one domain;
 //  - iparm[1] = 3: METIS nested dissection into p parts (METIS_NodeNDP), whose
 //    leaf domains are then made contiguous with the separators after them.
+//
+// The dissections remember their last graph and its order (see OrderMemo).
 #include "Ordering.h"
 
 #include "runtime/nrt.h"
+#include "spds.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
+#include <mutex>
+#include <new>
 #include <numeric>
 #include <vector>
 
@@ -197,6 +204,14 @@ constexpr int kContractMinVertices = 4096;
 constexpr int kContractMinDegree = 12;
 constexpr int kContractMaxLevels = 2;
 
+// METIS draws from one random stream for the whole process, so two
+// dissections at once would each get an order that depends on the other's
+// timing (and race on the stream). They take turns.
+std::mutex& metisLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     const int n = in.n;
     idx_t options[METIS_NOPTIONS];
@@ -229,6 +244,7 @@ void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     std::vector<idx_t> cperm(static_cast<std::size_t>(g.n)), ciperm(static_cast<std::size_t>(g.n));
     std::vector<idx_t> sizes;
     bool parts = false;
+    const std::lock_guard metisTurn(metisLock());
     if (p > 1 && p <= g.n) {
         sizes.assign(2 * static_cast<std::size_t>(p), 0);
         const int result =
@@ -260,6 +276,169 @@ void nestedDissection(const OrderingInput& in, OrderingResult& out) {
     // is its count of original vertices: the sizes already describe `perm`.
     std::vector<int> fineSizes(sizes.begin(), sizes.end());
     domainsFromDissection(n, p, fineSizes.data(), out);
+}
+
+// A nested dissection is the costly part of an analysis, and one graph
+// always gets the same order (METIS is seeded the same way on every call,
+// and nothing else goes in). A program that knows the structure of its next
+// system before it has the values can therefore have that structure analysed
+// on another thread while it does other work, and the analysis of the real
+// system then takes the order instead of dissecting again: the haze removal
+// does so while the photograph decodes, as the size of its working system
+// follows from the picture's header.
+//
+// Only analyses that ask for it (spds_share_orders on their thread) leave
+// their order here, so other programs pay nothing and keep nothing. One
+// graph is held at a time, and the analysis that takes it takes it away:
+// nothing stays once the prepared system is analysed. An analysis that
+// finds its graph still being dissected on another thread waits for that,
+// rather than doing it twice on a machine whose cores are busy. The graph is
+// compared whole: a different graph, method or part count is dissected as
+// usual.
+class OrderMemo {
+public:
+    struct Entry {
+        int method = 0;
+        int partitions = 0;
+        std::vector<int> xadj, adjncy; // the graph, one-based as orderGraph has it
+        std::vector<int> perm, domainpairs;
+        int ndomains = 1;
+        bool done = false;
+        bool failed = false;
+    };
+
+    static OrderMemo& instance() {
+        static OrderMemo memo;
+        return memo;
+    }
+
+    // What a dissection of this graph is to do: take a remembered order
+    // (`known`, waited for if another thread is still making it), or make it
+    // and fill `mine` through finish() or abandon(). Looking and claiming are
+    // one step, so that two threads meeting one graph never both dissect it.
+    struct Claim {
+        std::shared_ptr<const Entry> known;
+        std::shared_ptr<Entry> mine;
+    };
+    Claim claim(const OrderingInput& in, const OrderingResult& graph, bool share) {
+        std::shared_ptr<Entry> fresh;
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            if (m_entry && sameGraph(*m_entry, in, graph)) {
+                const std::shared_ptr<Entry> entry = m_entry;
+                m_changed.wait(lock, [&] { return entry->done || entry->failed; });
+                if (entry->done) {
+                    ++m_hits;
+                    if (m_entry == entry) m_entry.reset();
+                    return {entry, nullptr};
+                }
+                continue; // its maker failed and let it go: look again
+            }
+            if (!share) return {};
+            if (fresh) {
+                m_entry = fresh;
+                return {nullptr, fresh};
+            }
+            // The graph is copied without the lock; another thread may claim
+            // the same graph meanwhile, so the loop looks again.
+            lock.unlock();
+            fresh = std::make_shared<Entry>();
+            fresh->method = in.method;
+            fresh->partitions = in.partitions;
+            fresh->xadj.assign(graph.xadj.data(), graph.xadj.data() + in.n + 1);
+            fresh->adjncy.assign(graph.adjncy.data(), graph.adjncy.data() + (graph.xadj[in.n] - 1));
+            lock.lock();
+        }
+    }
+
+    bool holding() {
+        std::lock_guard lock(m_mutex);
+        return m_entry != nullptr;
+    }
+
+    void finish(Entry& entry, const OrderingResult& out, int n) {
+        entry.perm.assign(out.perm.data(), out.perm.data() + n);
+        entry.domainpairs.assign(out.domainpairs.data(),
+                                 out.domainpairs.data() + out.domainpairs.size());
+        entry.ndomains = out.ndomains;
+        std::lock_guard lock(m_mutex);
+        entry.done = true;
+        m_changed.notify_all();
+    }
+
+    void abandon(const std::shared_ptr<Entry>& entry) {
+        std::lock_guard lock(m_mutex);
+        entry->failed = true;
+        if (m_entry == entry) m_entry.reset();
+        m_changed.notify_all();
+    }
+
+    long long hits() {
+        std::lock_guard lock(m_mutex);
+        return m_hits;
+    }
+
+private:
+    static bool sameGraph(const Entry& e, const OrderingInput& in, const OrderingResult& graph) {
+        const int n = in.n;
+        if (e.method != in.method || e.partitions != in.partitions ||
+            static_cast<int>(e.xadj.size()) != n + 1)
+            return false;
+        if (!std::equal(e.xadj.begin(), e.xadj.end(), graph.xadj.data())) return false;
+        return std::equal(e.adjncy.begin(), e.adjncy.end(), graph.adjncy.data());
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::shared_ptr<Entry> m_entry;
+    long long m_hits = 0;
+};
+
+// Below this many vertices a dissection costs less than remembering it.
+constexpr int kMemoMinVertices = 4096;
+
+// Whether the analyses of this thread leave their order for a later one.
+thread_local bool tShareOrders = false;
+
+// nestedDissection through the memo.
+void rememberedDissection(const OrderingInput& in, OrderingResult& out) {
+    OrderMemo& memo = OrderMemo::instance();
+    if (in.n < kMemoMinVertices || (!tShareOrders && !memo.holding())) {
+        nestedDissection(in, out);
+        return;
+    }
+    OrderMemo::Claim claim;
+    try {
+        claim = memo.claim(in, out, tShareOrders);
+    } catch (const std::bad_alloc&) {
+        // No memory to remember the graph: dissected, only unremembered.
+        nestedDissection(in, out);
+        return;
+    }
+    if (const auto& known = claim.known) {
+        std::copy(known->perm.begin(), known->perm.end(), out.perm.data());
+        out.ndomains = known->ndomains;
+        out.domainpairs =
+            IntBlock(static_cast<std::int64_t>(known->domainpairs.size()), kGraphCode, nullptr);
+        std::copy(known->domainpairs.begin(), known->domainpairs.end(), out.domainpairs.data());
+        return;
+    }
+    if (!claim.mine) {
+        nestedDissection(in, out);
+        return;
+    }
+    try {
+        nestedDissection(in, out);
+    } catch (...) {
+        memo.abandon(claim.mine);
+        throw;
+    }
+    try {
+        memo.finish(*claim.mine, out, in.n);
+    } catch (...) {
+        // No memory to remember it: the order stands, only unremembered.
+        memo.abandon(claim.mine);
+    }
 }
 
 void amdOrder(int n, int* xadj, int* adjncy, int* perm) {
@@ -574,6 +753,14 @@ void regroupDomains(int n, OrderingResult& out) {
     deriveInverse(n, out);
 }
 
+long long rememberedOrdersTaken() {
+    return OrderMemo::instance().hits();
+}
+
+void shareOrders(bool on) {
+    tShareOrders = on;
+}
+
 OrderingTimes computeOrdering(const OrderingInput& in, OrderingResult& out) {
     const double t0 = nrt_seconds();
     buildOrderingGraph(in, out);
@@ -603,7 +790,7 @@ OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out) {
     } else if (in.method == kMinimumDegreeCompressed) {
         compressedMinimumDegree(in, out);
     } else {
-        nestedDissection(in, out);
+        rememberedDissection(in, out);
     }
     deriveInverse(n, out);
     if (!userOrder && out.ndomains > 1) regroupDomains(n, out);
@@ -621,3 +808,7 @@ OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out) {
 }
 
 } // namespace skyrinse::spds
+
+extern "C" void spds_share_orders(int on) {
+    skyrinse::spds::shareOrders(on != 0);
+}

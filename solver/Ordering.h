@@ -69,6 +69,14 @@ OrderingTimes orderGraph(const OrderingInput& in, OrderingResult& out);
 // otherwise (the caller then builds the graph from the matrix).
 bool graphFromFullPattern(int n, IntBlock& ia, IntBlock& ja, OrderingResult& out);
 
+// Analyses that took the order of an earlier dissection of the same graph
+// instead of dissecting it, since the process started.
+long long rememberedOrdersTaken();
+
+// Whether the dissections of the calling thread leave their order for the
+// next analysis of the same graph (spds_share_orders).
+void shareOrders(bool on);
+
 // Building blocks, exposed for the tests.
 
 // The ordering graph: structure of A + A^T (or the full symmetric structure

@@ -98,6 +98,15 @@ typedef int (*spds_progress_fn)(const int* thread, const int* step, const char* 
 void spds_set_progress(spds_progress_fn hook);
 spds_progress_fn spds_get_progress(void);
 
+/* While `on` is non-zero, the nested dissections of analyses on the calling
+   thread are kept, one graph at a time, for the next analysis of the same
+   ordering graph, method and part count in the process, on any handle and
+   thread: that analysis takes the order (the one it would find itself)
+   instead of dissecting again, and takes it away. For a program that knows
+   the structure of a coming system early: it analyses a stand-in of that
+   structure ahead, on another thread. Off by default. */
+void spds_share_orders(int on);
+
 /* The words of an `error` value ("reordering_phase", ...); never null. */
 const char* spds_error_text(int error);
 

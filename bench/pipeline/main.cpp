@@ -9,10 +9,12 @@
 // process of its own so that peak memory is the run's own, best of --runs:
 //   decode+encode  IFL decodes the file and encodes it again (quality 95);
 //   skyrinse       the command itself: plug-in loaded, file in, file out.
-// Wall time, CPU time and peak resident memory of each, and the ratios.
-// Then the stages of one run in a process of their own (decode, working copy
-// from converted rows, estimate, refinement with its sparse solve, the bands
-// that convert, remove the haze and convert back, encoding with metadata),
+// Wall time, CPU time and peak resident memory of each, and the ratios. The
+// two commands run in turn, so that on a shared machine both meet the same
+// spells of load. Then the stages of one run in a process of their own
+// (decode, working copy from converted rows, estimate, refinement with its
+// sparse solve, the bands that convert, remove the haze and convert back,
+// encoding with metadata),
 // with the resident memory and its peak after each, and the full-size passes
 // on an RGBA float picture against the memory bandwidth measured in the same
 // run.
@@ -39,10 +41,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -96,19 +100,28 @@ Run runChild(const std::vector<std::string>& argv) {
     return run;
 }
 
-Run bestOf(int runs, const std::vector<std::string>& argv, const char* removeFirst = nullptr) {
-    Run best;
-    for (int r = 0; r < runs; ++r) {
-        if (removeFirst) std::remove(removeFirst);
-        const Run run = runChild(argv);
-        best.ok = best.ok && run.ok;
-        if (run.wall < best.wall) {
-            best.wall = run.wall;
-            best.cpu = run.cpu;
-        }
-        best.peakMiB = r == 0 ? run.peakMiB : std::min(best.peakMiB, run.peakMiB);
+// Keeps the fastest run, and the smallest peak, of the runs so far.
+void keepBest(Run& best, const Run& run, bool first) {
+    best.ok = best.ok && run.ok;
+    if (run.wall < best.wall) {
+        best.wall = run.wall;
+        best.cpu = run.cpu;
     }
-    return best;
+    best.peakMiB = first ? run.peakMiB : std::min(best.peakMiB, run.peakMiB);
+}
+
+// Best of `runs` runs of each of two commands, run in turn, so that on a
+// shared machine both meet the same spells of load.
+std::pair<Run, Run> bestOfBoth(int runs, const std::vector<std::string>& first,
+                               const std::vector<std::string>& second,
+                               const char* removeBeforeSecond) {
+    Run a, b;
+    for (int r = 0; r < runs; ++r) {
+        keepBest(a, runChild(first), r == 0);
+        if (removeBeforeSecond) std::remove(removeBeforeSecond);
+        keepBest(b, runChild(second), r == 0);
+    }
+    return {a, b};
 }
 
 // The baseline: decode, encode at the default quality (95), no haze work.
@@ -181,16 +194,25 @@ Resident residentMemory() {
     return r;
 }
 
+// Pages the process has faulted in so far (each first touch of a page).
+long pageFaults() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt + usage.ru_majflt;
+}
+
 struct Stage {
     const char* name;
     double wall;
     double cpu;
+    long faults;
     Resident memory; // after the stage
 };
 
 // One run of the plug-in's road through the stages, timed stage by stage,
 // in a process of its own so that its memory figures are the run's own:
-// decode, the whole haze removal into 8 bits (runHazeRemovalInto), encode.
+// decode (with the refinement prepared beside it), the whole haze removal
+// into 8 bits (runHazeRemovalInto), encode.
 // Its first three stages are also timed on their own beforehand ("of
 // which"), their results dropped before the whole run; the bands that
 // follow them are the full-size pass measured apart.
@@ -199,14 +221,29 @@ int printStages(const char* in, const char* out, int threads) {
     std::vector<Stage> stages;
     auto time = [&](const char* name, auto&& body) {
         const double cpu = processCpuSeconds();
+        const long faults = pageFaults();
         const auto start = Clock::now();
         body();
-        stages.push_back({name, seconds(start), processCpuSeconds() - cpu, residentMemory()});
+        stages.push_back({name, seconds(start), processCpuSeconds() - cpu, pageFaults() - faults,
+                          residentMemory()});
     };
     threadCount = threads;
     ZImage source, output;
     HazeSettings settings;
     settings.strength = 60;
+    // As the plug-in does: the solver's ordering of the working system is
+    // prepared from the header while the source decodes.
+    std::optional<RefinementPreparation> preparation;
+    {
+        IflLoadParams load;
+        iflGetDefaultLoadParams(load);
+        load.flags |= IFL_LOAD_HEADER_ONLY;
+        IflBitmap* header = nullptr;
+        IflFileInformation information;
+        iflLoadBitmap(in, &header, load, &information);
+        const IflBitmapPtr owned(header);
+        if (header) preparation.emplace(header->width, header->height);
+    }
     time("decode", [&] { source.Load(path); });
     {
         const HazeWorkingSize size = hazeWorkingSize(source.Width(), source.Height());
@@ -243,11 +280,14 @@ int printStages(const char* in, const char* out, int threads) {
     double total = 0.0;
     for (const Stage& s : stages)
         if (s.name[0] != ' ') total += s.wall;
-    std::printf("  stages in a process of their own (%.2f s), resident memory after each:\n",
+    std::printf("  stages in a process of their own (%.2f s), page faults in each, resident "
+                "memory after each:\n",
                 total);
     for (const Stage& s : stages)
-        std::printf("    %-25s %7.1f ms (cpu %7.1f)  %5.1f %%  %4.0f MiB, peak %4.0f\n", s.name,
-                    s.wall * 1e3, s.cpu * 1e3, 100.0 * s.wall / total, s.memory.now, s.memory.peak);
+        std::printf(
+            "    %-25s %7.1f ms (cpu %7.1f)  %5.1f %%  %6ld faults  %4.0f MiB, peak %4.0f\n",
+            s.name, s.wall * 1e3, s.cpu * 1e3, 100.0 * s.wall / total, s.faults, s.memory.now,
+            s.memory.peak);
     std::fflush(stdout);
     return 0;
 }
@@ -368,10 +408,10 @@ int main(int argc, char** argv) {
                         header ? header->height : 0);
         }
 
-        const Run base = bestOf(runs, {benchPath, "--decode-encode", in, plain});
-        const Run sky = bestOf(
-            runs, {SKYRINSE_EXE, "--strength", "60", "--threads", std::to_string(threads), in},
-            out.c_str());
+        const auto [base, sky] =
+            bestOfBoth(runs, {benchPath, "--decode-encode", in, plain},
+                       {SKYRINSE_EXE, "--strength", "60", "--threads", std::to_string(threads), in},
+                       out.c_str());
         auto row = [](const char* name, const Run& r) {
             std::printf("  %-15s %6.2f s wall %6.2f s cpu %7.0f MiB peak%s\n", name, r.wall, r.cpu,
                         r.peakMiB, r.ok ? "" : "  (FAILED)");

@@ -20,8 +20,14 @@ void forEachRow(int height, std::int64_t componentsPerRow, int threads, RowFunct
                                             nrt_threads_for_work(componentsPerRow * height,
                                                                  kMinComponentsPerThread, threads))
                                  : 1;
-    const bool parallel = team > 1;
-#pragma omp parallel for schedule(static) num_threads(team) if (parallel)
+    if (team <= 1) {
+        // No region at all: even a team of one costs a team's set-up, and
+        // callers that are themselves in a region call this once a row.
+        for (int y = 0; y < height; ++y)
+            body(y);
+        return;
+    }
+#pragma omp parallel for schedule(static) num_threads(team)
     for (int y = 0; y < height; ++y)
         body(y);
 }

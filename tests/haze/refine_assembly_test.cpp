@@ -1,7 +1,9 @@
 // The sparse system of the refinement: the matting Laplacian against a dense
-// window-by-window model in double, its shape, and independence of the team size.
+// window-by-window model in double, its shape, and the direct layout against
+// the store's general lookup, on any team size.
 #include "ZImage/CSparseSingle.h"
 #include "ZImage/ZImageHaze.h"
+#include "ZImage/ZImageHaze_p.h"
 
 #include "HazeTestImages.h"
 #include "RefineTestSupport.h"
@@ -11,6 +13,7 @@
 #include <Eigen/Dense>
 
 #include <algorithm>
+#include <tuple>
 
 namespace {
 
@@ -51,14 +54,19 @@ ZImage texturedImage(int w, int h, unsigned seed) {
     return image;
 }
 
+// Pictures too narrow or too low for a window are the data term alone.
 TEST(MattingSystem, MatchesTheWindowByWindowDefinition) {
-    const ZImage image = texturedImage(11, 8, 1);
-    CSparseSingle m;
-    assembleMattingSystem(image, m);
-    ASSERT_EQ(88, m.rowCount());
-    const Eigen::MatrixXd expected = denseMattingSystem(image);
-    const Eigen::MatrixXd got = Eigen::MatrixXd(refinetest::toEigen(m, true));
-    EXPECT_LT((expected - got).cwiseAbs().maxCoeff(), 2e-5 * expected.cwiseAbs().maxCoeff());
+    for (const auto& [w, h] :
+         {std::pair{11, 8}, std::pair{3, 3}, std::pair{2, 9}, std::pair{9, 2}, std::pair{1, 1}}) {
+        const ZImage image = texturedImage(w, h, 1);
+        CSparseSingle m;
+        assembleMattingSystem(image, m);
+        ASSERT_EQ(w * h, m.rowCount());
+        const Eigen::MatrixXd expected = denseMattingSystem(image);
+        const Eigen::MatrixXd got = Eigen::MatrixXd(refinetest::toEigen(m, true));
+        EXPECT_LT((expected - got).cwiseAbs().maxCoeff(), 2e-5 * expected.cwiseAbs().maxCoeff())
+            << w << " x " << h;
+    }
 }
 
 TEST(MattingSystem, UpperTriangleOfAtMostThirteenEntriesARow) {
@@ -79,33 +87,31 @@ TEST(MattingSystem, UpperTriangleOfAtMostThirteenEntriesARow) {
         }
 }
 
-TEST(MattingSystem, NarrowImagesAreTheBareDiagonal) {
-    for (const auto& [w, h] : {std::pair{2, 9}, std::pair{9, 2}, std::pair{1, 1}}) {
-        CSparseSingle m;
-        assembleMattingSystem(texturedImage(w, h, 6), m);
-        ASSERT_EQ(w * h, m.nnz());
-        for (int i = 0; i < w * h; ++i) {
-            EXPECT_EQ(i + 1, m.ja()[i]);
-            EXPECT_EQ(0.001f, m.a()[i]);
+// The arrays laid out by the stencil hold, bit for bit, what the store's
+// ordered rows make of the same terms, whatever the team size of either.
+TEST(MattingSystem, DirectLayoutIsTheLookupsMatrixOnAnyTeamSize) {
+    for (const auto& [w, h, seed] :
+         {std::tuple{120, 90, 7u}, std::tuple{37, 41, 8u}, std::tuple{4, 50, 9u},
+          std::tuple{64, 3, 10u}, std::tuple{2, 33, 11u}}) {
+        const ZImage image = hazetest::randomImage(w, h, seed, 0.0f, 1.0f);
+        CSparseSingle reference;
+        {
+            hazetest::ThreadCountScope threads(1);
+            haze::assembleMattingSystemByLookup(image, reference);
+        }
+        for (const int team : {1, 2}) {
+            hazetest::ThreadCountScope threads(team);
+            CSparseSingle direct;
+            assembleMattingSystem(image, direct);
+            const auto where = ::testing::Message() << w << " x " << h << ", " << team;
+            ASSERT_EQ(reference.nnz(), direct.nnz()) << where;
+            EXPECT_TRUE(std::ranges::equal(reference.ia(), direct.ia())) << where;
+            EXPECT_TRUE(std::ranges::equal(reference.ja(), direct.ja())) << where;
+            EXPECT_TRUE(
+                hazetest::sameBits(reference.a().data(), direct.a().data(), reference.a().size()))
+                << where;
         }
     }
-}
-
-TEST(MattingSystem, SameMatrixWhateverTheTeamSize) {
-    const ZImage image = texturedImage(120, 90, 7);
-    CSparseSingle one, two;
-    {
-        hazetest::ThreadCountScope threads(1);
-        assembleMattingSystem(image, one);
-    }
-    {
-        hazetest::ThreadCountScope threads(2);
-        assembleMattingSystem(image, two);
-    }
-    ASSERT_EQ(one.nnz(), two.nnz());
-    EXPECT_TRUE(std::ranges::equal(one.ja(), two.ja()));
-    EXPECT_TRUE(hazetest::sameBits(one.a().data(), two.a().data(), one.a().size()))
-        << "entries must sum their windows in one order";
 }
 
 TEST(MattingSystem, RefusesOtherFormats) {

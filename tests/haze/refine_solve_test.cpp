@@ -5,6 +5,7 @@
 #include "ZImage/CSparseSingle.h"
 #include "ZImage/ZImage.h"
 #include "ZImage/ZImageHaze.h"
+#include "solver/Ordering.h"
 
 #include "HazeTestImages.h"
 #include "RefineTestSupport.h"
@@ -58,6 +59,26 @@ TEST(RefineDarkChannel, RealPhotographMatchesADoubleSolve) {
         0.001 * Eigen::Map<const Eigen::VectorXf>(d.data(), d.size()).cast<double>();
     EXPECT_LT(forwardError(t, ldlt.solve(b)), kForwardTolerance);
     EXPECT_GT(forwardError(d, ldlt.solve(b)), 100 * kForwardTolerance) << "refinement is a no-op";
+}
+
+// The order worked out beforehand from the picture's size alone is the one
+// the refinement takes, and it changes nothing in the result.
+TEST(RefineDarkChannel, PreparedFromThePictureSizeGivesTheSameMap) {
+    const HazeWorkingSize size = hazeWorkingSize(1200, 800);
+    const ZImage working = photograph(size.width, size.height);
+    const std::vector<float> d = darkChannel(working);
+    std::vector<float> unprepared = d;
+    working.refineDarkChannel(unprepared);
+    // Another structure in between, so that nothing is left from above.
+    std::vector<float> other = darkChannel(photograph(size.width + 1, size.height));
+    photograph(size.width + 1, size.height).refineDarkChannel(other);
+
+    { const RefinementPreparation preparation(1200, 800); }
+    const long long taken = skyrinse::spds::rememberedOrdersTaken();
+    std::vector<float> prepared = d;
+    working.refineDarkChannel(prepared);
+    EXPECT_EQ(taken + 1, skyrinse::spds::rememberedOrdersTaken());
+    EXPECT_TRUE(hazetest::sameBits(unprepared.data(), prepared.data(), d.size()));
 }
 
 TEST(RefineDarkChannel, FlatPictureKeepsItsMap) {

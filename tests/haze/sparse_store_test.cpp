@@ -93,6 +93,8 @@ TEST(SparseStore, RefusesIndicesAndSizesItCannotCount) {
     EXPECT_THROW(m.init(-1, 4), ZException);
     // 50000 x 50000 would wrap a 32-bit entry count; refused before allocating.
     EXPECT_THROW(m.init(50000, 50000), ZException);
+    EXPECT_THROW(m.initCompressed(-1, 4, 0), ZException);
+    EXPECT_THROW(m.initCompressed(4, 4, std::int64_t{1} << 31), ZException);
     EXPECT_EQ(0, m.nnz());
     EXPECT_TRUE(m.a().empty());
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
+#include <thread>
 #include <tuple>
 
 using namespace skyrinse::spds;
@@ -141,6 +142,48 @@ TEST_P(EveryMethod, DeliversAPermutationAndAConsistentDomainList) {
                 EXPECT_FALSE(dv >= 0 && du >= 0 && dv != du) << v << " and " << u;
             }
     }
+}
+
+// Without sharing, nothing is kept. A shared dissection is taken once by the
+// next analysis of the same graph, which is what a dissection of it gives
+// anyway; another graph, or another part count, is dissected. Two threads
+// meeting one graph at once both get its order.
+TEST(RememberedOrder, ASharedDissectionIsTakenOnce) {
+    MemoryCounter memory;
+    auto order = [&](const System& m, int partitions) {
+        OrderingInput in = inputFor(m, memory);
+        in.method = kNestedDissectionParallel;
+        in.partitions = partitions;
+        OrderingResult out;
+        computeOrdering(in, out);
+        return std::pair{std::vector<int>(out.perm.data(), out.perm.data() + m.n), pairs(out)};
+    };
+    const System a = stencilPattern(70, 65, true), b = stencilPattern(65, 70, true);
+    const long long before = rememberedOrdersTaken();
+    const auto first = order(a, 8);
+    EXPECT_EQ(first, order(a, 8));
+    EXPECT_EQ(before, rememberedOrdersTaken()) << "kept without being asked";
+
+    spds_share_orders(1);
+    order(a, 8);
+    spds_share_orders(0);
+    EXPECT_NE(first, order(a, 4));
+    order(b, 8);
+    EXPECT_EQ(before, rememberedOrdersTaken());
+    EXPECT_EQ(first, order(a, 8));
+    EXPECT_EQ(before + 1, rememberedOrdersTaken());
+    order(a, 8);
+    EXPECT_EQ(before + 1, rememberedOrdersTaken()) << "taken twice";
+
+    spds_share_orders(1);
+    order(a, 8);
+    spds_share_orders(0);
+    decltype(order(a, 8)) other;
+    std::thread beside([&] { other = order(a, 8); });
+    EXPECT_EQ(first, order(a, 8));
+    beside.join();
+    EXPECT_EQ(first, other);
+    EXPECT_EQ(before + 2, rememberedOrdersTaken()) << "one of the two takes it";
 }
 
 INSTANTIATE_TEST_SUITE_P(

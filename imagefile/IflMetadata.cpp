@@ -307,6 +307,11 @@ std::vector<std::uint8_t> writeKinds(const std::vector<std::uint8_t>& encoded,
         if (tiff) {
             Exiv2::ExifThumb thumb(exif);
             thumb.erase();
+        } else {
+            // How a TIFF source stored its pixels would be read as a claim
+            // about this file; a TIFF output gets its own from its writer.
+            for (auto d = exif.begin(); d != exif.end();)
+                d = ifl::isStorageTag(d->key()) ? exif.erase(d) : std::next(d);
         }
         // A TIFF holds the Photoshop block in a tag of its own directory.
         if (tiff && (kinds & Photoshop)) {
@@ -375,6 +380,11 @@ bool isLayoutTag(const std::string& key) {
     for (const char* k : layout)
         if (key == k) return true;
     return false;
+}
+
+bool isStorageTag(const std::string& key) {
+    return key.rfind("Exif.Image.", 0) == 0 && key != "Exif.Image.YCbCrPositioning" &&
+           isLayoutTag(key);
 }
 
 IflMetadata* metadataOf(const IflBitmap* bitmap) {

@@ -96,6 +96,9 @@ void metadataToAttributes(const IflMetadata& metadata, bool withIcc, OIIO::Image
 // Whether an EXIF tag describes how the picture is stored (its size, samples,
 // strips...), which the output's own header says afresh.
 bool isLayoutTag(const std::string& key);
+// Those of them that only a TIFF's main directory holds, dropped from the
+// EXIF block of every other format.
+bool isStorageTag(const std::string& key);
 
 // The kinds of metadata, as bits of a mask.
 enum MetadataKind : unsigned { Icc = 1, Exif = 2, Iptc = 4, Xmp = 8, Photoshop = 16 };

@@ -13,7 +13,8 @@
 namespace skyrinse::spds {
 
 // Returns 0, the first row i that does not hold exactly its own diagonal
-// entry, or -i for the first zero on the diagonal. Writes iparm[21] (positive
+// entry (or, for the Hermitian types, a value that is not real), or -i for
+// the first zero on the diagonal. Writes iparm[21] (positive
 // entries) and iparm[22] (the others) for real types.
 template <class T>
 int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const int* ja, int nrhs,

@@ -57,6 +57,8 @@ constexpr int kCodeNonFiniteRhs = 27;
 // A factorization, a checked solve or a matching that weighs the values,
 // without `a`.
 constexpr int kCodeNoValues = 28;
+// A Hermitian type whose diagonal holds a value that is not real.
+constexpr int kCodeComplexDiagonal = 29;
 // Memory block code of the matrix-to-factor map, part of the factor's
 // structure.
 constexpr int kFactorMapCode = -803;
@@ -79,6 +81,26 @@ bool allFinite(const T* v, std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i)
         if (!isFiniteValue(v[i])) return false;
     return true;
+}
+
+// Whether a diagonal value (repeated entries summed) has an imaginary part
+// beyond the rounding of a computed Hermitian product: such a matrix is not
+// Hermitian, and A^H x = b would be solved as A x = b.
+template <class T>
+bool nonRealDiagonal(int n, const int* ia, const int* ja, const void* values) {
+    if constexpr (!isComplexV<T>) {
+        return false;
+    } else {
+        const T* a = static_cast<const T*>(values);
+        const RealOf<T> slack = 64 * std::numeric_limits<RealOf<T>>::epsilon();
+        for (int i = 1; i <= n; ++i) {
+            T d = 0;
+            for (int p = ia[i - 1] - 1; p < ia[i] - 1; ++p)
+                if (ja[p] == i) d += a[p];
+            if (std::abs(d.imag()) > slack * std::abs(d)) return true;
+        }
+        return false;
+    }
 }
 
 template <class T>
@@ -719,6 +741,11 @@ int Call<T>::factorAndSolve(int lastDigit) {
             if (!allFinite(static_cast<const T*>(a.a), h->nnz)) {
                 status = kStatusParameters;
                 internal = kCodeNonFiniteMatrix;
+                return exit();
+            }
+            if ((h->mtype == 4 || h->mtype == -4) && nonRealDiagonal<T>(h->n, a.ia, a.ja, a.a)) {
+                status = kStatusParameters;
+                internal = kCodeComplexDiagonal;
                 return exit();
             }
             NumericRequest rq;

@@ -1,7 +1,9 @@
 // The complex matrix types through the entry, in single and double, against
 // dense LAPACK (zgesv) on generated matrices: the normwise backward error of
 // the answer or a reported failure, the conjugate-transposed and the
-// transposed solves, and the inertia of a Hermitian indefinite matrix.
+// transposed solves, the inertia of a Hermitian indefinite matrix, the
+// repair of perturbed pivots, and the refusal of a Hermitian matrix whose
+// diagonal is not real.
 #include "spds.h"
 
 #include <gtest/gtest.h>
@@ -294,6 +296,37 @@ TYPED_TEST(ComplexTypes, NonFiniteImaginaryPartsAreRefused) {
     b[2] = C(0, std::numeric_limits<R>::infinity());
     EXPECT_EQ(run.call(33, &b, &x), -7);
     EXPECT_EQ(x, std::vector<C>(b.size(), C(5)));
+}
+
+// A Hermitian matrix whose diagonal is not real is refused on both paths (the
+// short one of a diagonal matrix, and the factorization), rather than solved
+// as another matrix for A^H or A^T; rounding noise in the imaginary parts is
+// accepted.
+TYPED_TEST(ComplexTypes, AHermitianDiagonalThatIsNotRealIsRefused) {
+    using C = TypeParam;
+    using R = typename C::value_type;
+    std::mt19937 rng(9);
+    for (bool diagonal : {true, false})
+        for (int mtype : {4, -4}) {
+            SCOPED_TRACE(std::to_string(mtype) + (diagonal ? ", diagonal" : ""));
+            Case c{"Hermitian", mtype, 20};
+            c.diagonal = diagonal;
+            Dense a = generate(c, rng);
+            for (int i = 0; i < c.n; ++i)
+                a[i + static_cast<std::size_t>(i) * c.n] = Z(2 + i, 0);
+            for (R noise : {R(0), std::numeric_limits<R>::epsilon(), R(1e-2)}) {
+                a[5 + static_cast<std::size_t>(5) * c.n] = Z(7, 7 * noise);
+                Run<C> run(compress(a, c.n, mtype), mtype, c.n);
+                std::vector<C> b(static_cast<std::size_t>(c.n), C(1)), x(b.size(), C(5));
+                const int error = run.call(13, &b, &x);
+                if (noise < R(1e-3)) {
+                    EXPECT_EQ(error, 0) << noise;
+                } else {
+                    EXPECT_NE(error, 0);
+                    EXPECT_EQ(x, std::vector<C>(b.size(), C(5)));
+                }
+            }
+        }
 }
 
 } // namespace

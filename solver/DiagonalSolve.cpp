@@ -1,8 +1,9 @@
 #include "DiagonalSolve.h"
 
+#include "internal/Scalar.h"
+
 #include <complex>
 #include <cstdint>
-#include <limits>
 #include <type_traits>
 
 namespace skyrinse::spds {
@@ -57,11 +58,8 @@ int diagonalPath(int mtype, int phase, int n, const T* a, const int* ia, const i
         // A Hermitian diagonal is real: one that is not would be solved as
         // something else for A^H and A^T.
         if (mtype == 4 || mtype == -4)
-            for (int i = 0; i < n; ++i) {
-                const C d = reinterpret_cast<const C*>(a)[i];
-                if (std::abs(d.imag()) > 64 * std::numeric_limits<T>::epsilon() * std::abs(d))
-                    return i + 1;
-            }
+            for (int i = 0; i < n; ++i)
+                if (notReal(reinterpret_cast<const C*>(a)[i])) return i + 1;
         return solveRows(phase, n, reinterpret_cast<const C*>(a), ia, nrhs, iparm,
                          reinterpret_cast<C*>(b), reinterpret_cast<C*>(x), conjugated);
     }

@@ -63,16 +63,29 @@ constexpr int kCodeComplexDiagonal = 29;
 // structure.
 constexpr int kFactorMapCode = -803;
 
+// Row i's diagonal value (one-based), its repeated entries summed.
+template <class T>
+T diagonalOf(int i, const int* ia, const int* ja, const T* a) {
+    T d = 0;
+    for (int p = ia[i - 1] - 1; p < ia[i] - 1; ++p)
+        if (ja[p] == i) d += a[p];
+    return d;
+}
+
 // Whether some row holds no entry on the diagonal, or only zeros there.
 template <class T>
 bool zeroOnDiagonal(int n, const int* ia, const int* ja, const void* values) {
-    const T* a = static_cast<const T*>(values);
-    for (int i = 1; i <= n; ++i) {
-        T d = 0;
-        for (int p = ia[i - 1] - 1; p < ia[i] - 1; ++p)
-            if (ja[p] == i) d += a[p];
-        if (d == T(0)) return true;
-    }
+    for (int i = 1; i <= n; ++i)
+        if (diagonalOf(i, ia, ja, static_cast<const T*>(values)) == T(0)) return true;
+    return false;
+}
+
+// Whether a Hermitian matrix's diagonal holds a value that is not real: such
+// a matrix is not Hermitian, and A^H x = b would be solved as A x = b.
+template <class T>
+bool nonRealDiagonal(int n, const int* ia, const int* ja, const void* values) {
+    for (int i = 1; i <= n; ++i)
+        if (notReal(diagonalOf(i, ia, ja, static_cast<const T*>(values)))) return true;
     return false;
 }
 
@@ -81,26 +94,6 @@ bool allFinite(const T* v, std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i)
         if (!isFiniteValue(v[i])) return false;
     return true;
-}
-
-// Whether a diagonal value (repeated entries summed) has an imaginary part
-// beyond the rounding of a computed Hermitian product: such a matrix is not
-// Hermitian, and A^H x = b would be solved as A x = b.
-template <class T>
-bool nonRealDiagonal(int n, const int* ia, const int* ja, const void* values) {
-    if constexpr (!isComplexV<T>) {
-        return false;
-    } else {
-        const T* a = static_cast<const T*>(values);
-        const RealOf<T> slack = 64 * std::numeric_limits<RealOf<T>>::epsilon();
-        for (int i = 1; i <= n; ++i) {
-            T d = 0;
-            for (int p = ia[i - 1] - 1; p < ia[i] - 1; ++p)
-                if (ja[p] == i) d += a[p];
-            if (std::abs(d.imag()) > slack * std::abs(d)) return true;
-        }
-        return false;
-    }
 }
 
 template <class T>

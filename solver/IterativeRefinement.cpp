@@ -56,7 +56,9 @@ private:
     // Flexible GMRES from x, the factor as right preconditioner; x and omega
     // improved in place. Returns the solves done.
     int krylov(const T* rhs, W* x, double& omega, bool wide);
-    // z = the factor's solve of v, through the element type.
+    // corr = the factor's solve of v, rounded to the element type.
+    void solveRounded(const W* v);
+    // z = the same in W; false when it is not finite.
     bool precondition(const W* v, W* z);
 
     FactorSolver<T>& solver;
@@ -123,9 +125,7 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
     int k = 0;
     while (std::isfinite(omega) && omega > target && k < kMaxRefinementSteps &&
            (wide || k < asked || omega > tolerance)) {
-        for (std::int64_t i = 0; i < count; ++i)
-            r[i] = static_cast<T>(res[i]);
-        solver.solve(r.data(), corr.data());
+        solveRounded(res);
         std::copy(x, x + count, prev);
         for (std::int64_t i = 0; i < count; ++i) {
             x[i] += static_cast<W>(corr[i]);
@@ -167,10 +167,15 @@ RefinementResult Refinement<T, W>::run(const T* rhs, T* sol) {
 }
 
 template <class T, class W>
-bool Refinement<T, W>::precondition(const W* v, W* z) {
+void Refinement<T, W>::solveRounded(const W* v) {
     for (std::int64_t i = 0; i < count; ++i)
         r[i] = static_cast<T>(v[i]);
     solver.solve(r.data(), corr.data());
+}
+
+template <class T, class W>
+bool Refinement<T, W>::precondition(const W* v, W* z) {
+    solveRounded(v);
     bool finite = true;
     for (std::int64_t i = 0; i < count; ++i) {
         z[i] = static_cast<W>(corr[i]);
@@ -205,8 +210,10 @@ int Refinement<T, W>::krylov(const T* rhs, W* x, double& omega, bool wide) {
     W* res = rw.data();
     W* prev = xprev.data();
     int solves = 0;
+    // The steps may have left the residual of an iterate they undid; each
+    // cycle then leaves that of the x it keeps.
+    omega = backwardError(rhs, x, res);
     for (int cycle = 0; cycle < kKrylovCycles && omega > tolerance; ++cycle) {
-        omega = backwardError(rhs, x, res);
         std::copy(x, x + count, prev);
         int active = 0;
         for (int c = 0; c < nrhs; ++c) {

@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <complex>
+#include <limits>
 #include <type_traits>
 
 namespace skyrinse::spds {
@@ -48,6 +49,17 @@ bool isFiniteValue(const T& v) {
         return std::isfinite(v.real()) && std::isfinite(v.imag());
     else
         return std::isfinite(v);
+}
+
+// Whether a value meant to be real (the diagonal of a Hermitian matrix) has
+// an imaginary part beyond the rounding of a computed product: 64 units of
+// roundoff of its magnitude.
+template <class T>
+bool notReal(const T& v) {
+    if constexpr (isComplexV<T>)
+        return std::abs(v.imag()) > 64 * std::numeric_limits<RealOf<T>>::epsilon() * std::abs(v);
+    else
+        return false;
 }
 
 // The same kind of scalar in the wider real type W (complex when T is).

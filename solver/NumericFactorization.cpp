@@ -799,7 +799,9 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
     const bool ooc = h.ooc.active;
     // The row indices are needed whole, before this slot's files go.
     if (ooc) h.restoreIndex();
-    row.outOfCore.reset();
+    // The new factor writes over the old one's files where they match.
+    std::unique_ptr<OutOfCoreFactor> previous = std::move(row.outOfCore);
+    if (!ooc) previous.reset();
     const FactorLayout layout(ooc ? 0 : s.lnzSize, ooc ? 0 : lu ? s.unzSize : 1, rq.n, sizeof(T));
     if (row.values.size() < layout.bytes || (ooc && row.values.size() > layout.bytes)) {
         row.values.reset();
@@ -820,7 +822,8 @@ NumericResult numericFactorization(Handle& h, const NumericRequest& rq, FactorRo
                                               s.xlindx.data(), s.nsuper, sizeof(T), &h.ooc.io);
         // The figures of the statistics are those since the last factorization.
         h.ooc.io = OocCounters{};
-        row.outOfCore->createFiles(s.lindx.data(), std::max(1, rq.threads));
+        row.outOfCore->createFiles(s.lindx.data(), std::max(1, rq.threads), previous.get());
+        previous.reset();
         worker.outOfCore = row.outOfCore.get();
         worker.windowBytes = h.ooc.windowBytes;
     }

@@ -213,11 +213,17 @@ void OocFile::createPart(int k, const char* tag, int msglvl) {
     if (m_fds.size() <= static_cast<std::size_t>(k))
         m_fds.resize(static_cast<std::size_t>(k) + 1, -1);
     m_fds[static_cast<std::size_t>(k)] = fd;
+    struct stat st {};
+    if (m_ids.size() <= static_cast<std::size_t>(k)) m_ids.resize(static_cast<std::size_t>(k) + 1);
+    if (::fstat(fd, &st) == 0)
+        m_ids[static_cast<std::size_t>(k)] = {static_cast<std::uint64_t>(st.st_dev),
+                                              static_cast<std::uint64_t>(st.st_ino)};
     m_parts = std::max(m_parts, k + 1);
 }
 
 void OocFile::create(const char* tag, int msglvl, std::int64_t bytes) {
     remove();
+    m_ids.clear();
     m_createTag = tag;
     // Further parts of a kept factor of the same name go as well.
     for (int k = 1; ::unlink(partPath(k).c_str()) == 0; ++k) {
@@ -227,6 +233,48 @@ void OocFile::create(const char* tag, int msglvl, std::int64_t bytes) {
     m_fds.assign(static_cast<std::size_t>(std::max<std::int64_t>(1, (bytes - 1) / m_partBytes + 1)),
                  -1);
     createPart(0, tag, msglvl);
+}
+
+// Writing over a factor's files in place costs the page cache nothing, where
+// removing them drops every cached page and a new file has every block
+// allocated again (measured on the matting system's 125 MB: 9 ms of CPU
+// time for the removal and 19 ms for the allocation, a factorization
+// taking 170 ms of CPU time in core). Each part must be
+// the same file the old factor made (device and inode, one link, a regular
+// file of this user, the size it wrote), so what is written over is never
+// something put in its place.
+bool OocFile::adopt(OocFile& old, std::int64_t bytes) {
+    if (m_path.empty() || old.m_path != m_path || old.m_partBytes != m_partBytes || bytes <= 0)
+        return false;
+    const int parts = static_cast<int>((bytes - 1) / m_partBytes + 1);
+    if (old.m_parts != parts || static_cast<int>(old.m_ids.size()) < parts) return false;
+    std::vector<int> fds;
+    auto undo = [&] {
+        for (int fd : fds)
+            ::close(fd);
+        return false;
+    };
+    for (int k = 0; k < parts; ++k) {
+        const int fd = ::open(partPath(k).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) return undo();
+        fds.push_back(fd);
+        struct stat st {};
+        const std::int64_t size = std::min(m_partBytes, bytes - std::int64_t(k) * m_partBytes);
+        const Identity& id = old.m_ids[static_cast<std::size_t>(k)];
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 ||
+            st.st_uid != ::geteuid() || static_cast<std::uint64_t>(st.st_dev) != id.device ||
+            static_cast<std::uint64_t>(st.st_ino) != id.inode || st.st_size != size)
+            return undo();
+    }
+    close();
+    m_fds = std::move(fds);
+    m_ids = old.m_ids;
+    m_parts = parts;
+    // The old owner lets them be.
+    old.close();
+    old.m_path.clear();
+    old.m_parts = 0;
+    return true;
 }
 
 void OocFile::openRead(const char* tag, int msglvl) {
@@ -377,17 +425,22 @@ std::vector<std::string> OutOfCoreFactor::paths() const {
     return out;
 }
 
-void OutOfCoreFactor::createFiles(const int* lindx, int streams) {
+void OutOfCoreFactor::createFiles(const int* lindx, int streams, OutOfCoreFactor* previous) {
     // Kept files are meant to stay, whoever left them.
     if (!m_keep) removeOrphans(m_stem);
     m_lindx = lindx;
     const std::size_t end = static_cast<std::size_t>(m_nsuper);
-    m_lnz.create("fact. step: open file for storing lnz", m_msglvl, m_lOffset[end] + m_lBytes[end]);
+    auto make = [&](OocFile& file, OocFile* old, const char* tag, std::int64_t bytes) {
+        if (!old || !previous->complete() || !file.adopt(*old, bytes))
+            file.create(tag, m_msglvl, bytes);
+    };
+    make(m_lnz, previous ? &previous->m_lnz : nullptr, "fact. step: open file for storing lnz",
+         m_lOffset[end] + m_lBytes[end]);
     if (m_lu)
-        m_unz.create("fact. step: open file for storing unz", m_msglvl,
-                     m_uOffset[end] + m_uBytes[end]);
-    m_ind.create("do_all: open file for storing lindx", m_msglvl,
-                 m_iOffset[end] + indexBytes(m_nsuper));
+        make(m_unz, previous ? &previous->m_unz : nullptr, "fact. step: open file for storing unz",
+             m_uOffset[end] + m_uBytes[end]);
+    make(m_ind, previous ? &previous->m_ind : nullptr, "do_all: open file for storing lindx",
+         m_iOffset[end] + indexBytes(m_nsuper));
     // Two streams a thread: one filling while the other goes out.
     startWriter(m_lw, m_staging, 2 * streams);
     if (m_lu) startWriter(m_uw, m_staging, 2 * streams);

@@ -199,7 +199,11 @@ public:
     OocFile& operator=(const OocFile&) = delete;
 
     void create(const char* tag, int msglvl, std::int64_t bytes); // exclusive; -10
-    void openRead(const char* tag, int msglvl);                   // by name; -10
+    // Takes over `old`'s parts, still the very files `old` created and
+    // wrote in full, when they have this name and `bytes` in all; false
+    // (nothing taken) otherwise.
+    bool adopt(OocFile& old, std::int64_t bytes);
+    void openRead(const char* tag, int msglvl); // by name; -10
     void close();
     void remove();
     void writeAt(const void* data, std::int64_t bytes, std::int64_t offset, int msglvl);
@@ -219,7 +223,11 @@ private:
     int m_parts = 0; // parts made by the writes
     const char* m_createTag = "";
     std::vector<int> m_fds; // by part, -1 when closed
-    std::mutex m_partMutex; // making a part
+    struct Identity {
+        std::uint64_t device = 0, inode = 0;
+    };
+    std::vector<Identity> m_ids; // by part, as created
+    std::mutex m_partMutex;      // making a part
 };
 
 // The files of one factor slot and where each supernode's panels lie.
@@ -262,8 +270,10 @@ public:
     // leading dimension height - from, the U side after the L side.
     // streams: how many threads finish panels at once. append and readBack
     // are called under the window's lock, which they release while the
-    // files work (and hold again when they return, or throw).
-    void createFiles(const int* lindx, int streams);
+    // files work (and hold again when they return, or throw). `previous`:
+    // the factor of the slot this one replaces, whose files of the same
+    // name and size are written over in place instead of made anew.
+    void createFiles(const int* lindx, int streams, OutOfCoreFactor* previous = nullptr);
     void append(int sn, const std::byte* panel, std::unique_lock<std::mutex>& lock);
     void readBack(int sn, int from, std::byte* panel, std::unique_lock<std::mutex>& lock);
     void finishWriting();

@@ -177,6 +177,7 @@ Measured run(const Problem& p, int ooc, int reps) {
 int outOfCoreBenchmark(int argc, char** argv) {
     int reps = 3;
     bool quick = false;
+    std::string only; // one system: "40", "matting" or "50"
     std::string dir = std::filesystem::temp_directory_path().string();
     for (int i = 2; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--reps") && i + 1 < argc)
@@ -185,6 +186,8 @@ int outOfCoreBenchmark(int argc, char** argv) {
             dir = argv[++i];
         else if (!std::strcmp(argv[i], "--quick"))
             quick = true;
+        else if (!std::strcmp(argv[i], "--system") && i + 1 < argc)
+            only = argv[++i];
     }
     const std::string stem = dir + "/bench_ooc";
     ::setenv("SPDS_OOC_PATH", stem.c_str(), 1);
@@ -209,12 +212,11 @@ int outOfCoreBenchmark(int argc, char** argv) {
                 "file dropped from the cache, read in 4 MB blocks, 5 times)\n",
                 dir.c_str(), disk.best, disk.worst);
     std::vector<Problem> problems;
-    problems.push_back(bench::laplacian3d(quick ? 30 : 40));
-    if (!quick) {
+    if (only.empty() || only == "40") problems.push_back(bench::laplacian3d(quick ? 30 : 40));
+    if (!quick && (only.empty() || only == "matting"))
         problems.push_back(
             bench::photoProblem(bench::sourceFile("data/aitzgorri_by_Aitzol_Berasategi.jpg")));
-        problems.push_back(bench::laplacian3d(50));
-    }
+    if (!quick && (only.empty() || only == "50")) problems.push_back(bench::laplacian3d(50));
     for (const Problem& p : problems) {
         ::setenv("SPDS_OOC_MAX_CORE_SIZE", "2000", 1);
         const Measured in = run(p, 0, reps);

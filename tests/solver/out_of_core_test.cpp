@@ -278,6 +278,17 @@ TEST(OutOfCore, FilesBelongToTheirHandle) {
         EXPECT_TRUE(folder.files().empty()) << "phase 0 drops the factor's files";
         EXPECT_EQ(second.call(22), 0) << "the row indices came back to the analysis";
         EXPECT_EQ(folder.files().size(), 2u);
+        // The next factor writes over the slot's files in place, but never
+        // through a name that now leads to another file.
+        const fs::path lnz = folder.path / folder.files()[1];
+        ASSERT_TRUE(lnz.string().ends_with(".lnz"));
+        std::ofstream(folder.path / "other") << "x";
+        fs::remove(lnz);
+        fs::create_symlink(folder.path / "other", lnz);
+        EXPECT_EQ(second.call(22), 0);
+        EXPECT_FALSE(fs::is_symlink(lnz));
+        EXPECT_EQ(fs::file_size(folder.path / "other"), 1u);
+        fs::remove(folder.path / "other");
         second.release();
         EXPECT_TRUE(folder.files().empty());
     }

@@ -520,10 +520,18 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
     scatter(sn, fst, lst);
     const int* source = sources.source.data();
     const int* sourceRows = sources.rows.data();
+    // Out of core: the source served last, let go with the next one taken,
+    // or before waiting for another thread, which may need it.
+    int held = 0;
+    auto letGo = [&] {
+        if (held != 0) window->used(held);
+        held = 0;
+    };
     for (int e = sources.xsource[sn - 1]; e < sources.xsource[sn]; ++e) {
         // A short wait is spun through; a long one (a whole subtree of
         // another thread) sleeps, so that the waiting thread does not take
         // a core from the one it waits for on a busy machine.
+        if (done && held != 0 && done[source[e]].load(std::memory_order_acquire) == 0) letGo();
         for (int spins = 0; done && done[source[e]].load(std::memory_order_acquire) == 0; ++spins) {
             if (stop.load(std::memory_order_relaxed) != kRunning) return false;
             if (spins < kWaitSpins)
@@ -536,29 +544,29 @@ bool Worker<T>::factorSupernode(int sn, ThreadWork<T>& w, const std::atomic<int>
         if (window) {
             // A panel still whole since it was built has U's rows below the
             // diagonal block; one read back has as many rows of U as of L.
-            const PanelWindow::Rows held = window->load(d, p0);
+            const PanelWindow::Rows got = window->load(d, p0, held);
+            held = d;
             const int hd = xlnz[xsup[d] + 1] - xlnz[xsup[d]];
             const int wd = xsup[d + 1] - xsup[d];
-            const int ld = hd - held.from;
-            const T* base = reinterpret_cast<const T*>(held.data);
+            const int ld = hd - got.from;
+            const T* base = reinterpret_cast<const T*>(got.data);
             const T* ubase = base + static_cast<std::int64_t>(ld) * wd;
             const SourceRows rows =
-                held.from == 0
-                    ? SourceRows{base + p0, hd, ubase + (p0 - wd), hd - wd}
-                    : SourceRows{base + (p0 - held.from), ld, ubase + (p0 - held.from), ld};
+                got.from == 0 ? SourceRows{base + p0, hd, ubase + (p0 - wd), hd - wd}
+                              : SourceRows{base + (p0 - got.from), ld, ubase + (p0 - got.from), ld};
             update(d, sourceRows[e], sn, w, rows);
-            window->used(d);
         } else {
             update(d, sourceRows[e], sn, w, inCoreRows(d, p0));
         }
     }
     if (!factorBlock(fst, hs, ws, w)) {
+        letGo();
         w.failure = kFailPivot;
         return false;
     }
     if (window) {
         keepPivotBlock(sn);
-        window->finish(sn);
+        window->finish(sn, held);
     }
     return true;
 }

@@ -82,6 +82,8 @@ inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
 inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
+// Panels from this size on are written from their own block, not staged.
+inline constexpr std::int64_t kDirectBytes = std::int64_t(64) << 10;
 // A read back takes the span over the columns it wants when the rows it
 // does not want come to at most this per column; else one read per column.
 inline constexpr std::int64_t kNearColumns = std::int64_t(8) << 10;
@@ -371,10 +373,13 @@ public:
         const std::byte* data;
         int from;
     };
-    std::byte* target(int sn);  // a block for sn's panels
-    Rows load(int d, int from); // d's rows from `from` on, read back if they were dropped
-    void used(int d);           // d has served one more target
-    void finish(int sn);        // writes sn's panels
+    // Each call takes the window's lock once; a target's updates make one
+    // call each, so the source served last (`done`, 0 for none) is let go
+    // in the call that takes the next, and the last one in finish().
+    std::byte* target(int sn);                // a block for sn's panels
+    Rows load(int d, int from, int done = 0); // d's rows from `from` on, read back if dropped
+    void used(int d);                         // d has served one more target
+    void finish(int sn, int done = 0);        // writes sn's panels
     // The panels of a held supernode.
     std::byte* at(int sn) const { return m_at[static_cast<std::size_t>(sn)]; }
     std::int64_t peakBytes() const { return m_peak; }
@@ -397,6 +402,8 @@ private:
     }
     void drop(int sn);
     void release(int sn);
+    void served(int d);
+    std::unique_lock<std::mutex> hold();
     void failed(std::unique_lock<std::mutex>& lock);
     std::byte* allocate(int sn, std::int64_t bytes);
 

@@ -23,7 +23,7 @@ int complexBenchmark(int argc, char** argv);
 int kernelBenchmark(int argc, char** argv);
 // The kernel benchmark on two threads against each OpenBLAS build installed.
 int blasBuildsBenchmark(int argc, char** argv);
-// bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]: out of core against
+// bench_solver --ooc [--reps R] [--dir FOLDER] [--quick] [--system S]: out of core against
 // in core (OutOfCoreBenchmark.cpp).
 int outOfCoreBenchmark(int argc, char** argv);
 

@@ -324,10 +324,11 @@ const char kUsage[] = R"(usage:
        processor time (KernelBenchmark.cpp)
   bench_solver --blas-builds [--reps R] [--quick]
        that on 2 threads with each OpenBLAS build installed
-  bench_solver --ooc [--reps R] [--dir FOLDER] [--quick]
+  bench_solver --ooc [--reps R] [--dir FOLDER] [--quick] [--system 40|matting|50]
        factorization and solve with the factor in files (limit a quarter
-       of the factor) against in core, the bytes written and read, and one
-       pass from a cold cache against the disk's measured read rate
+       of the factor) against in core, the bytes written and read, one
+       pass from a cold cache against the disk's measured read rate, and
+       the least time the disk allows a solve from a cold cache
 )";
 
 } // namespace

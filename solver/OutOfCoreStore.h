@@ -44,8 +44,8 @@
 // work arrays (update buffer, index maps, the matrix entries by column;
 // iparm[62] estimates them) are needed in core as well and come on top.
 // The window holds at most its budget in panels (more only while the
-// threads hold more at once), the staging of each value file (a sixteenth
-// of the window, 64 KB to 2 MB; 64 KB for the index file, shared by two
+// threads hold more at once), the staging of each value file (a sixty-fourth
+// of the window, 64 KB to 512 KB; 64 KB for the index file, shared by two
 // streams a thread, each filling one run of the file while another goes
 // out) turns small panels into large writes, and the solve's reader holds as many
 // chunks of consecutive panels with their indices as the window has room
@@ -80,7 +80,7 @@ namespace skyrinse::spds {
 inline constexpr int kOocNotEnoughMemory = -9;
 inline constexpr int kOocOpenFailure = -10;
 inline constexpr int kOocReadWriteFailure = -11;
-inline constexpr std::int64_t kStagingBytes = std::int64_t(2) << 20;
+inline constexpr std::int64_t kStagingBytes = std::int64_t(512) << 10;
 inline constexpr std::int64_t kLeastStaging = std::int64_t(64) << 10;
 // Panels from this size on are written from their own block, not staged.
 inline constexpr std::int64_t kDirectBytes = std::int64_t(64) << 10;

@@ -274,25 +274,10 @@ bool isByteColour(const ZImage& image) {
 }
 
 void bytesToBand(const ZImage& source, int y0, int rows, ZImage& band) {
-    static const std::array<float, 256> table = [] {
-        std::array<float, 256> t{};
-        for (int v = 0; v < 256; ++v)
-            t[static_cast<std::size_t>(v)] = prim::byteToFloat(static_cast<std::uint8_t>(v));
-        return t;
-    }();
-    const int w = source.Width();
-    const bool alpha = source.BitmapType() == ZImage::RGBA;
-    const int step = alpha ? 4 : 3;
-    for (int r = 0; r < rows; ++r) {
-        const std::uint8_t* in = source.PixelAt(0, y0 + r);
-        float* out = reinterpret_cast<float*>(band.PixelAt(0, r));
-        for (int x = 0; x < w; ++x, in += step, out += 4) {
-            out[0] = table[in[0]];
-            out[1] = table[in[1]];
-            out[2] = table[in[2]];
-            out[3] = alpha ? table[in[3]] : 1.0f;
-        }
-    }
+    const int channels = source.BitmapType() == ZImage::RGBA ? 4 : 3;
+    for (int r = 0; r < rows; ++r)
+        prim::bytesToFloatRgba(source.PixelAt(0, y0 + r), channels,
+                               reinterpret_cast<float*>(band.PixelAt(0, r)), source.Width());
 }
 
 // Writes over the band when the target has no alpha: its colours are packed

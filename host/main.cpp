@@ -29,11 +29,13 @@ namespace {
 // and OpenBLAS reads the variable that would keep it from starting before
 // main. It has nothing to do here, as the runtime is told to run the BLAS on
 // the calling thread (the photo solve's dense blocks are small and run
-// mostly inside the solver's own parallel regions, one thread each); a
-// setting the user made stands. The others, a logging library's pool, wait
-// for work that never comes.
+// mostly inside the solver's own parallel regions, one thread each). A
+// user who set the runtime's thread counts keeps them, and the threads keep
+// their priority, since the helper may then be given work. The others, a
+// logging library's pool, wait for work that never comes.
 void quietLibraryThreads() {
-    ::setenv("NRT_DOMAIN_NUM_THREADS", "NRT_BLAS=1", 0);
+    if (std::getenv("NRT_DOMAIN_NUM_THREADS")) return;
+    ::setenv("NRT_DOMAIN_NUM_THREADS", "NRT_BLAS=1", 1);
     DIR* tasks = ::opendir("/proc/self/task");
     if (!tasks) return;
     const pid_t self = ::gettid();

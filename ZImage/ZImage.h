@@ -128,10 +128,38 @@ public:
     static int ComponentsOfType(int typeCode);
 
 private:
+    friend class ZImageRowSave;
     void Release();
 
     IflBitmap* bitmap = nullptr;
     unsigned char ownsData = 1;
+};
+
+// Save for an image that is still being made (ZImage_Save.cpp): made once
+// the image has its size and format, before its first row is complete; told
+// in order, from one thread at a time, how many rows are complete (those are
+// encoded then); finish() encodes the rest and writes the file. The file and
+// the notes are those of Save, and so are the exceptions: the constructor
+// throws what Save throws before encoding, finish() the failures of
+// encoding and writing, rowsReady's included. Destroyed without finish(),
+// it leaves no file.
+struct IflSave;
+class ZImageRowSave {
+public:
+    ZImageRowSave(ZImage& image, const QString& fileName, const QString& format, int quality,
+                  const QString& metadataSource, QStringList* notes = nullptr);
+    ~ZImageRowSave();
+    ZImageRowSave(const ZImageRowSave&) = delete;
+    ZImageRowSave& operator=(const ZImageRowSave&) = delete;
+
+    void rowsReady(int rows) noexcept;
+    void finish();
+
+private:
+    ZImage& m_image;
+    const QString m_fileName;
+    QStringList* m_notes;
+    IflSave* m_save = nullptr;
 };
 
 // Explains a failed write of `size` bytes to fileName: throws if the folder's

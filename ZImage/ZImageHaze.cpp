@@ -22,11 +22,14 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
+#include <mutex>
 #include <numbers>
 #include <omp.h>
 #include <optional>
@@ -271,25 +274,10 @@ bool isByteColour(const ZImage& image) {
 }
 
 void bytesToBand(const ZImage& source, int y0, int rows, ZImage& band) {
-    static const std::array<float, 256> table = [] {
-        std::array<float, 256> t{};
-        for (int v = 0; v < 256; ++v)
-            t[static_cast<std::size_t>(v)] = prim::byteToFloat(static_cast<std::uint8_t>(v));
-        return t;
-    }();
-    const int w = source.Width();
-    const bool alpha = source.BitmapType() == ZImage::RGBA;
-    const int step = alpha ? 4 : 3;
-    for (int r = 0; r < rows; ++r) {
-        const std::uint8_t* in = source.PixelAt(0, y0 + r);
-        float* out = reinterpret_cast<float*>(band.PixelAt(0, r));
-        for (int x = 0; x < w; ++x, in += step, out += 4) {
-            out[0] = table[in[0]];
-            out[1] = table[in[1]];
-            out[2] = table[in[2]];
-            out[3] = alpha ? table[in[3]] : 1.0f;
-        }
-    }
+    const int channels = source.BitmapType() == ZImage::RGBA ? 4 : 3;
+    for (int r = 0; r < rows; ++r)
+        prim::bytesToFloatRgba(source.PixelAt(0, y0 + r), channels,
+                               reinterpret_cast<float*>(band.PixelAt(0, r)), source.Width());
 }
 
 // Writes over the band when the target has no alpha: its colours are packed
@@ -314,7 +302,7 @@ void bandToBytes(ZImage& band, int rows, ZImage& target, int y0) {
 } // namespace
 
 void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
-                        int colourType, int depth) {
+                        int colourType, int depth, const std::function<void(int rows)>& rowsReady) {
     const int w = source.Width();
     const int h = source.Height();
     Z_CHECK(w > 0 && h > 0, Z_INVALID_BITMAP);
@@ -338,7 +326,11 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
 
     // Bands of rows go from the source's format to RGBA float, lose their
     // haze and go on to the target's format while they are in the cache.
-    // Each thread owns a contiguous run of bands and its own band buffer.
+    // Threads take bands in order, each with its own band buffer. Whoever
+    // finds the caller's rowsReady free hands it the complete rows at the
+    // front and goes back to bands: an encoder fed from there keeps pace on
+    // the cores that the bands leave to it, and only its last rows wait for
+    // the bands to end.
     constexpr int bandRows = 8;
     const int bands = (h + bandRows - 1) / bandRows;
     const int threads = haze::regionThreads(static_cast<std::size_t>(w) * h);
@@ -349,36 +341,59 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
         buffer.Create(w, bandRows, ZImage::RGBA, 32, false);
     const bool bytesIn = isByteColour(source);
     const bool bytesOut = isByteColour(target);
+    const auto complete = std::make_unique<std::atomic<bool>[]>(static_cast<std::size_t>(bands));
+    std::atomic<int> nextBand{0};
+    std::mutex reporting;
+    int reported = 0; // bands told to rowsReady, under `reporting`
+    auto report = [&] {
+        int front = reported;
+        while (front < bands &&
+               complete[static_cast<std::size_t>(front)].load(std::memory_order_acquire))
+            ++front;
+        if (front == reported) return;
+        reported = front;
+        rowsReady(std::min(h, front * bandRows));
+    };
     std::exception_ptr failure;
-#pragma omp parallel for schedule(static) num_threads(threads)
-    for (int band = 0; band < bands; ++band) {
-        try {
-            ZImage& buffer = buffers[static_cast<std::size_t>(omp_get_thread_num())];
-            const int y0 = band * bandRows;
-            const int rows = std::min(bandRows, h - y0);
-            if (bytesIn)
-                bytesToBand(source, y0, rows, buffer);
-            else
-                source.Copy(0, y0, w, rows, buffer, 0, 0);
-            if (settings.strength != 0)
-                for (int r = 0; r < rows; ++r) {
-                    float* p = reinterpret_cast<float*>(buffer.PixelAt(0, r));
-                    if (upsampler) {
-                        upsampler->dehazeRow(p, y0 + r, a, s);
-                    } else {
-                        const float* m = cached + static_cast<std::size_t>(y0 + r) * w;
-                        for (int x = 0; x < w; ++x)
-                            haze::applyPixel(p + 4 * x, m[x], a, s);
+#pragma omp parallel num_threads(threads)
+    {
+        ZImage& buffer = buffers[static_cast<std::size_t>(omp_get_thread_num())];
+        for (;;) {
+            if (rowsReady && reporting.try_lock()) {
+                const std::lock_guard<std::mutex> held(reporting, std::adopt_lock);
+                report();
+            }
+            const int band = nextBand.fetch_add(1, std::memory_order_relaxed);
+            if (band >= bands) break;
+            try {
+                const int y0 = band * bandRows;
+                const int rows = std::min(bandRows, h - y0);
+                if (bytesIn)
+                    bytesToBand(source, y0, rows, buffer);
+                else
+                    source.Copy(0, y0, w, rows, buffer, 0, 0);
+                if (settings.strength != 0)
+                    for (int r = 0; r < rows; ++r) {
+                        float* p = reinterpret_cast<float*>(buffer.PixelAt(0, r));
+                        if (upsampler) {
+                            upsampler->dehazeRow(p, y0 + r, a, s);
+                        } else {
+                            const float* m = cached + static_cast<std::size_t>(y0 + r) * w;
+                            for (int x = 0; x < w; ++x)
+                                haze::applyPixel(p + 4 * x, m[x], a, s);
+                        }
                     }
-                }
-            if (bytesOut)
-                bandToBytes(buffer, rows, target, y0);
-            else
-                buffer.Copy(0, 0, w, rows, target, 0, y0);
-        } catch (...) {
+                if (bytesOut)
+                    bandToBytes(buffer, rows, target, y0);
+                else
+                    buffer.Copy(0, 0, w, rows, target, 0, y0);
+            } catch (...) {
 #pragma omp critical(hazeBandFailure)
-            if (!failure) failure = std::current_exception();
+                if (!failure) failure = std::current_exception();
+            }
+            complete[static_cast<std::size_t>(band)].store(true, std::memory_order_release);
         }
     }
     if (failure) std::rethrow_exception(failure);
+    if (rowsReady) report();
 }

@@ -31,6 +31,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -111,6 +112,11 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap = D
 // are converted, freed of haze and converted again while in the cache. A
 // cached airDepthMap is used as runHazeRemoval would use it. On an exception
 // airDepthMap stays as it was and nothing leaks; the target may be partly
-// written.
+// written. When given, rowsReady(n) is told that the target's first n rows
+// are complete, with n growing to the target's height, from one thread at a
+// time while the others go on with later bands: an encoder fed from it runs
+// beside the bands. It must not throw; a target made beforehand at the same
+// size and format is kept, so the encoder may be opened on it first.
 void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& target,
-                        int colourType, int depth);
+                        int colourType, int depth,
+                        const std::function<void(int rows)>& rowsReady = {});

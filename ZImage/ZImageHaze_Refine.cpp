@@ -223,7 +223,9 @@ std::vector<WindowStats> allWindowStats(const ZImage& working) {
     const int windowsPerRow = working.Width() - 2;
     std::vector<WindowStats> stats(static_cast<std::size_t>(windowRows) * windowsPerRow);
     // windowStats allocates nothing, so nothing can throw in the region.
-#pragma omp parallel for schedule(static) num_threads(teamSize(windowRows))
+    // Rows are dealt a few at a time: the solver's preparation may still
+    // hold one of the cores, and a fixed half would leave the other waiting.
+#pragma omp parallel for schedule(dynamic, 4) num_threads(teamSize(windowRows))
     for (int wy = 0; wy < windowRows; ++wy)
         for (int wx = 0; wx < windowsPerRow; ++wx)
             stats[static_cast<std::size_t>(wy) * windowsPerRow + wx] = windowStats(working, wx, wy);
@@ -311,8 +313,8 @@ void assembleMattingSystem(const ZImage& working, CSparseSingle& matrix) {
     };
     // Nothing in here allocates, so nothing throws. A row's data term goes
     // in before its window terms, as the entries begin at the diagonal's
-    // weight.
-#pragma omp parallel for schedule(static) num_threads(teamSize(h))
+    // weight. Dealt a few rows at a time, as the statistics are.
+#pragma omp parallel for schedule(dynamic, 4) num_threads(teamSize(h))
     for (int y = 0; y < h; ++y) {
         writeRowColumns(y, w, h, m, kLambdaDiagonal);
         addPixelRow(working, stats, y, entry);

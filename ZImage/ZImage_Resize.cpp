@@ -2,6 +2,7 @@
 // 8, 16, 32 bits) of one template in primitives/Resample.
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
+#include "primitives/DepthConvert.h"
 #include "primitives/Resample.h"
 
 #include <cstdint>
@@ -88,7 +89,20 @@ void ZImage::ResizeAsFloatTo(ZImage& target, int newWidth, int newHeight) const 
     // inside the parallel region; the first failure is thrown after it.
     std::exception_ptr failure;
     std::mutex failureLock;
+    // 8-bit colour, a photograph's usual form, is converted row by row
+    // straight into the rows the resampling reads.
+    const bool bytes =
+        bitmap->bitsPerComponent == 8 && (bitmap->type == RGB || bitmap->type == RGBA);
+    const int channels = bitmap->type == RGBA ? 4 : 3;
     const prim::FloatRowSource rows = [&](int first, int count, float* out, std::ptrdiff_t stride) {
+        if (bytes) {
+            for (int r = 0; r < count; ++r)
+                prim::bytesToFloatRgba(
+                    bitmap->data + static_cast<std::ptrdiff_t>(first + r) * bitmap->bytesPerLine,
+                    channels, reinterpret_cast<float*>(reinterpret_cast<char*>(out) + r * stride),
+                    w);
+            return true;
+        }
         try {
             ZImage band(w, count, RGBA, 32, false, out, static_cast<int>(stride));
             Copy(0, first, w, count, band, 0, 0);

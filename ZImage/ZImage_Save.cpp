@@ -128,6 +128,29 @@ void CheckForDiskSpace(const QString& fileName, qint64 size, const QString& loca
 
 void ZImage::Save(const QString& fileName, const QString& format, int quality,
                   const QString& metadataSource, QStringList* notes) {
+    ZImageRowSave save(*this, fileName, format, quality, metadataSource, notes);
+    save.finish();
+}
+
+namespace {
+
+// Explains a failed save: no room on the disk, a file that cannot be
+// written, then the library's code and text.
+[[noreturn]] void raiseSaveError(IflError code, const IflBitmap& bitmap, const QString& fileName,
+                                 const IflReport& report, const QString& location) {
+    const qint64 size = static_cast<qint64>(bitmap.bytesPerPixel) * bitmap.height *
+                        static_cast<qint64>(bitmap.width);
+    CheckForDiskSpace(fileName, size, location);
+    RaiseIflError(code, fileName, location, QString::fromStdString(report.detail));
+    Z_THROW(Z_INVALID_PARAMETER); // RaiseIflError returns for IFL_OK only
+}
+
+} // namespace
+
+ZImageRowSave::ZImageRowSave(ZImage& image, const QString& fileName, const QString& format,
+                             int quality, const QString& metadataSource, QStringList* notes)
+    : m_image(image), m_fileName(fileName), m_notes(notes) {
+    IflBitmap* const bitmap = image.bitmap;
     Z_CHECK(bitmap, Z_INVALID_BITMAP);
     const int bits = bitmap->bitsPerComponent;
     Z_CHECK(bits == 8 || bits == 16 || bits == 32, Z_INVALID_BITMAP);
@@ -193,12 +216,28 @@ void ZImage::Save(const QString& fileName, const QString& format, int quality,
 
     IflReport report;
     const IflError code =
-        iflSaveBitmap(ZFileName::encode(fileName).constData(), bitmap, save, &report);
-    addNotes(notes, report);
+        iflBeginSave(ZFileName::encode(fileName).constData(), bitmap, save, &m_save, &report);
     if (code != IFL_OK) {
-        const qint64 size = static_cast<qint64>(bitmap->bytesPerPixel) * bitmap->height *
-                            static_cast<qint64>(bitmap->width);
-        CheckForDiskSpace(fileName, size, Z_LOCATION);
+        addNotes(notes, report);
+        raiseSaveError(code, *bitmap, fileName, report, Z_LOCATION);
     }
-    RaiseIflError(code, fileName, Z_LOCATION, QString::fromStdString(report.detail));
+}
+
+ZImageRowSave::~ZImageRowSave() {
+    iflFreeSave(m_save);
+}
+
+void ZImageRowSave::rowsReady(int rows) noexcept {
+    // A failure is kept by the save and told by finish().
+    iflSaveRows(m_save, rows);
+}
+
+void ZImageRowSave::finish() {
+    Z_CHECK(m_save, Z_INVALID_PARAMETER);
+    IflReport report;
+    const IflError code = iflEndSave(m_save, &report);
+    iflFreeSave(m_save);
+    m_save = nullptr;
+    addNotes(m_notes, report);
+    if (code != IFL_OK) raiseSaveError(code, *m_image.bitmap, m_fileName, report, Z_LOCATION);
 }

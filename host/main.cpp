@@ -15,8 +15,40 @@
 #include "host/SkyrinseApplication.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+// The libraries' own threads, started by their initialisers before main,
+// get the lowest priority. The one that matters is OpenBLAS's helper: it
+// spins (sched_yield) for about a tenth of a second after it starts, on a
+// core that the decode and the solver's preparation need beside each other,
+// and OpenBLAS reads the variable that would keep it from starting before
+// main. It has nothing to do here, as the runtime is told to run the BLAS on
+// the calling thread (the photo solve's dense blocks are small and run
+// mostly inside the solver's own parallel regions, one thread each). A
+// user who set the runtime's thread counts keeps them, and the threads keep
+// their priority, since the helper may then be given work. The others, a
+// logging library's pool, wait for work that never comes.
+void quietLibraryThreads() {
+    if (std::getenv("NRT_DOMAIN_NUM_THREADS")) return;
+    ::setenv("NRT_DOMAIN_NUM_THREADS", "NRT_BLAS=1", 1);
+    DIR* tasks = ::opendir("/proc/self/task");
+    if (!tasks) return;
+    const pid_t self = ::gettid();
+    while (const dirent* entry = ::readdir(tasks))
+        if (const int tid = std::atoi(entry->d_name); tid > 0 && tid != self)
+            ::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19);
+    ::closedir(tasks);
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
+    quietLibraryThreads();
     // Only the wizard needs a display; the console batch never makes one.
     if (wantsGui(argc, argv)) return runGui(argc, argv);
     SkyrinseApplication app(argc, argv);

@@ -120,6 +120,23 @@ IflError iflLoadBitmapFromMemory(const std::uint8_t* data, std::size_t size, Ifl
 IflError iflSaveBitmap(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
                        IflReport* report = nullptr);
 
+// The same save for a picture that is still being made, so that it can be
+// encoded while the rest is computed. iflBeginSave checks what iflSaveBitmap
+// checks and opens the encoder on the record, whose pixels need not be
+// complete yet; iflSaveRows says that the first `rows` rows are complete
+// (calls in order, from one thread at a time: what is new is encoded
+// there); iflEndSave encodes what is left and writes the file as
+// iflSaveBitmap does, and its report holds the warnings of the whole save.
+// After a failure the later calls return the same code, and iflEndSave's
+// report says why. A save freed (iflFreeSave) without iflEndSave leaves no
+// file. The bytes written are those of iflSaveBitmap.
+struct IflSave;
+IflError iflBeginSave(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
+                      IflSave** save, IflReport* report = nullptr);
+IflError iflSaveRows(IflSave* save, int rows);
+IflError iflEndSave(IflSave* save, IflReport* report = nullptr);
+void iflFreeSave(IflSave* save);
+
 // Removes the temporary files of the saves in progress. Safe in a signal
 // handler: a host calls it from its handlers of SIGINT, SIGTERM, SIGHUP and
 // SIGXFSZ before it ends, so that an interrupted save leaves nothing behind.
@@ -168,7 +185,11 @@ struct IflExifDeleter {
 struct IflXmpDeleter {
     void operator()(IflXmp* handle) const { iflFreeXMP(handle); }
 };
+struct IflSaveDeleter {
+    void operator()(IflSave* save) const { iflFreeSave(save); }
+};
 using IflBitmapPtr = std::unique_ptr<IflBitmap, IflBitmapDeleter>;
 using IflIptcPtr = std::unique_ptr<IflIptc, IflIptcDeleter>;
 using IflExifPtr = std::unique_ptr<IflExif, IflExifDeleter>;
 using IflXmpPtr = std::unique_ptr<IflXmp, IflXmpDeleter>;
+using IflSavePtr = std::unique_ptr<IflSave, IflSaveDeleter>;

@@ -30,7 +30,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <type_traits>
@@ -301,86 +303,131 @@ void resolutionToAttributes(const IflMetadata& metadata, OIIO::ImageSpec& spec) 
     spec.attribute("ResolutionUnit", code == 3 ? "cm" : code == 1 ? "none" : "in");
 }
 
-std::vector<std::uint8_t> encode(const char* path, const IflBitmap& b,
-                                 const ifl::FormatInfo& format, const IflSaveParams& params,
-                                 const IflMetadata* metadata, std::vector<std::string>& warnings) {
-    int channels = b.componentsPerPixel;
-    const std::uint8_t* pixels = b.data;
-    OIIO::stride_t xstride = b.bytesPerPixel;
-    OIIO::stride_t ystride = b.bytesPerLine;
-    std::vector<std::uint8_t> expanded;
-    if (channels == 4 && !format.alpha) {
-        channels = 3; // the alpha component is skipped by the stride
-        warnings.push_back(std::string(format.name) + " holds no alpha channel; it was dropped");
-    } else if (channels == 1 && !format.grey) {
-        expanded = greyToRgb(b);
-        channels = 3;
-        pixels = expanded.data();
-        xstride = 3 * (b.bitsPerComponent / 8);
-        ystride = xstride * b.width;
-    }
-
-    // Half floats where the source had them and the format holds them.
-    const bool half = b.bitsPerComponent == 32 && (params.flags & IFL_SAVE_HALF_FLOAT) &&
-                      (format.index == IFL_FORMAT_EXR || format.index == IFL_FORMAT_TIFF);
-    OIIO::ImageSpec spec(b.width, b.height, channels,
-                         half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF)
-                              : ifl::typeOfDepth(b.bitsPerComponent));
-    std::vector<std::uint8_t> associated;
-    if (channels == 4) {
-        spec.alpha_channel = 3;
-        // EXR always stores colour multiplied by alpha; a TIFF does when its
-        // source did. The bitmap holds it unassociated, as IFL loads it.
-        const bool associate =
-            format.index == IFL_FORMAT_EXR ||
-            (format.index == IFL_FORMAT_TIFF && (params.flags & IFL_SAVE_ASSOCIATED_ALPHA));
-        spec.attribute("oiio:UnassociatedAlpha", associate ? 0 : 1);
-        if (associate) {
-            associated = ifl::withComponentType(
-                b.bitsPerComponent, [&](auto zero) { return associatedCopy<decltype(zero)>(b); });
-            pixels = associated.data();
-            xstride = b.bytesPerPixel;
-            ystride = xstride * b.width;
+// One picture's encoding into bytes in memory. The rows go to the encoder in
+// order, as many at a time as the caller has complete, so that a caller who
+// makes the picture band by band can have it encoded while the rest is still
+// being made; the metadata goes into the bytes at the end. A picture that
+// needs a whole-image copy first (grey for a format without grey, colour
+// multiplied by alpha) is encoded in one piece at the end instead.
+class Encoder {
+public:
+    Encoder(const char* path, const IflBitmap& b, const ifl::FormatInfo& format,
+            const IflSaveParams& params, const IflMetadata* metadata,
+            std::vector<std::string>& warnings)
+        : m_bitmap(b), m_format(format), m_metadata(metadata), m_warnings(warnings),
+          m_withIcc((params.flags & IFL_SAVE_ICC_PROFILE) != 0), m_proxy(m_bytes) {
+        int channels = b.componentsPerPixel;
+        if (channels == 4 && !format.alpha) {
+            channels = 3; // the alpha component is skipped by the stride
+            warnings.push_back(std::string(format.name) +
+                               " holds no alpha channel; it was dropped");
+        } else if (channels == 1 && !format.grey) {
+            m_wholeCopy = WholeCopy::GreyToRgb;
+            channels = 3;
+            m_xstride = 3 * (b.bitsPerComponent / 8);
+            m_ystride = m_xstride * b.width;
         }
-    }
-    if (metadata) resolutionToAttributes(*metadata, spec);
-    if (const std::string compression = compressionOf(format, params.compression);
-        !compression.empty())
-        spec.attribute("compression", compression);
-    if (format.index == IFL_FORMAT_JPEG || format.index == IFL_FORMAT_WEBP) {
-        const int quality = qualityOf(params.quality);
-        spec.attribute("compression", std::string(format.codec) + ":" + std::to_string(quality));
-        spec.attribute("CompressionQuality", quality);
-    }
-    if (format.index == IFL_FORMAT_PNG && params.compression != IFL_DEFAULT_WORD)
-        spec.attribute("png:compressionLevel", std::min<int>(params.compression, 9));
 
-    const bool withIcc = (params.flags & IFL_SAVE_ICC_PROFILE) != 0;
-    if (metadata && !format.exiv2) {
-        // The EXR encoder takes EXIF, IPTC and XMP as attributes, and has no
-        // place for a profile; the other formats hold no metadata at all.
-        const bool exr = format.index == IFL_FORMAT_EXR;
-        ifl::warnUnheld(*metadata, withIcc, exr ? ifl::Exif | ifl::Iptc | ifl::Xmp : 0u,
-                        format.name, warnings);
-        if (exr) ifl::metadataToAttributes(*metadata, false, spec, format.name, warnings);
+        // Half floats where the source had them and the format holds them.
+        const bool half = b.bitsPerComponent == 32 && (params.flags & IFL_SAVE_HALF_FLOAT) &&
+                          (format.index == IFL_FORMAT_EXR || format.index == IFL_FORMAT_TIFF);
+        OIIO::ImageSpec spec(b.width, b.height, channels,
+                             half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF)
+                                  : ifl::typeOfDepth(b.bitsPerComponent));
+        if (channels == 4) {
+            spec.alpha_channel = 3;
+            // EXR always stores colour multiplied by alpha; a TIFF does when its
+            // source did. The bitmap holds it unassociated, as IFL loads it.
+            const bool associate =
+                format.index == IFL_FORMAT_EXR ||
+                (format.index == IFL_FORMAT_TIFF && (params.flags & IFL_SAVE_ASSOCIATED_ALPHA));
+            spec.attribute("oiio:UnassociatedAlpha", associate ? 0 : 1);
+            if (associate) {
+                m_wholeCopy = WholeCopy::Associated;
+                m_ystride = m_xstride * b.width;
+            }
+        }
+        if (metadata) resolutionToAttributes(*metadata, spec);
+        if (const std::string compression = compressionOf(format, params.compression);
+            !compression.empty())
+            spec.attribute("compression", compression);
+        if (format.index == IFL_FORMAT_JPEG || format.index == IFL_FORMAT_WEBP) {
+            const int quality = qualityOf(params.quality);
+            spec.attribute("compression",
+                           std::string(format.codec) + ":" + std::to_string(quality));
+            spec.attribute("CompressionQuality", quality);
+        }
+        if (format.index == IFL_FORMAT_PNG && params.compression != IFL_DEFAULT_WORD)
+            spec.attribute("png:compressionLevel", std::min<int>(params.compression, 9));
+
+        if (metadata && !format.exiv2) {
+            // The EXR encoder takes EXIF, IPTC and XMP as attributes, and has no
+            // place for a profile; the other formats hold no metadata at all.
+            const bool exr = format.index == IFL_FORMAT_EXR;
+            ifl::warnUnheld(*metadata, m_withIcc, exr ? ifl::Exif | ifl::Iptc | ifl::Xmp : 0u,
+                            format.name, warnings);
+            if (exr) ifl::metadataToAttributes(*metadata, false, spec, format.name, warnings);
+        }
+
+        m_output = OIIO::ImageOutput::create(format.codec);
+        if (!m_output) throw Failure{IFL_ERROR_UNKNOWN_FORMAT, OIIO::geterror()};
+        if (!m_output->set_ioproxy(&m_proxy))
+            throw Failure{IFL_ERROR_FILE_WRITE, m_output->geterror()};
+        if (!m_output->open(path, spec)) throw Failure{IFL_ERROR_FILE_WRITE, m_output->geterror()};
     }
 
-    std::vector<std::uint8_t> bytes;
-    OIIO::Filesystem::IOVecOutput proxy(bytes);
-    auto output = OIIO::ImageOutput::create(format.codec);
-    if (!output) throw Failure{IFL_ERROR_UNKNOWN_FORMAT, OIIO::geterror()};
-    if (!output->set_ioproxy(&proxy)) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
-    if (!output->open(path, spec)) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
-    if (!output->write_image(ifl::typeOfDepth(b.bitsPerComponent), pixels, xstride, ystride))
-        throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
-    if (!output->close()) throw Failure{IFL_ERROR_FILE_WRITE, output->geterror()};
-    output.reset();
+    // Encodes the rows from the last one encoded up to `rows`, which the
+    // caller has complete.
+    void rowsReady(int rows) {
+        rows = std::min(rows, m_bitmap.height);
+        if (m_wholeCopy != WholeCopy::None || rows <= m_written) return;
+        write(m_bitmap.data + static_cast<std::ptrdiff_t>(m_written) * m_ystride, m_written, rows);
+        m_written = rows;
+    }
 
-    if (metadata && format.exiv2)
-        ifl::embedMetadata(bytes, *metadata, withIcc, format.metadataKinds,
-                           format.index == IFL_FORMAT_TIFF, format.name, warnings);
-    return bytes;
-}
+    // The encoded file, metadata included.
+    std::vector<std::uint8_t> finish() {
+        if (m_wholeCopy != WholeCopy::None) {
+            const std::vector<std::uint8_t> copy =
+                m_wholeCopy == WholeCopy::GreyToRgb
+                    ? greyToRgb(m_bitmap)
+                    : ifl::withComponentType(m_bitmap.bitsPerComponent, [&](auto zero) {
+                          return associatedCopy<decltype(zero)>(m_bitmap);
+                      });
+            write(copy.data(), 0, m_bitmap.height);
+        } else {
+            rowsReady(m_bitmap.height);
+        }
+        if (!m_output->close()) throw Failure{IFL_ERROR_FILE_WRITE, m_output->geterror()};
+        m_output.reset();
+        if (m_metadata && m_format.exiv2)
+            ifl::embedMetadata(m_bytes, *m_metadata, m_withIcc, m_format.metadataKinds,
+                               m_format.index == IFL_FORMAT_TIFF, m_format.name, m_warnings);
+        return std::move(m_bytes);
+    }
+
+private:
+    enum class WholeCopy { None, GreyToRgb, Associated };
+
+    void write(const std::uint8_t* first, int y0, int y1) {
+        if (!m_output->write_scanlines(y0, y1, 0, ifl::typeOfDepth(m_bitmap.bitsPerComponent),
+                                       first, m_xstride, m_ystride))
+            throw Failure{IFL_ERROR_FILE_WRITE, m_output->geterror()};
+    }
+
+    const IflBitmap& m_bitmap;
+    const ifl::FormatInfo& m_format;
+    const IflMetadata* m_metadata;
+    std::vector<std::string>& m_warnings;
+    const bool m_withIcc;
+    WholeCopy m_wholeCopy = WholeCopy::None;
+    OIIO::stride_t m_xstride = m_bitmap.bytesPerPixel;
+    OIIO::stride_t m_ystride = m_bitmap.bytesPerLine;
+    int m_written = 0;
+    std::vector<std::uint8_t> m_bytes;
+    OIIO::Filesystem::IOVecOutput m_proxy;
+    std::unique_ptr<OIIO::ImageOutput> m_output;
+};
 
 void writeFile(const std::filesystem::path& target, const std::vector<std::uint8_t>& bytes) {
     TemporaryFile file;
@@ -406,19 +453,66 @@ IflError iflGetDefaultSaveParams(IflSaveParams& params) {
     return IFL_OK;
 }
 
-IflError iflSaveBitmap(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
-                       IflReport* report) {
+struct IflSave {
+    std::string path;
+    std::filesystem::path target;
     std::vector<std::string> warnings;
-    auto finish = [&](IflError code, std::string detail) {
-        if (report) {
-            report->path = path ? path : "";
-            report->detail = std::move(detail);
-            report->warnings = std::move(warnings);
+    std::optional<Encoder> encoder;
+    IflError code = IFL_OK;
+    std::string detail;
+
+    // Runs one step of the save; the first failure stays the save's answer.
+    template <class Step>
+    IflError run(Step&& step) noexcept {
+        if (code != IFL_OK) return code;
+        try {
+            step();
+        } catch (const Failure& failure) {
+            fail(failure.code, failure.detail);
+        } catch (const std::bad_alloc&) {
+            fail(IFL_ERROR_NO_MEMORY, "out of memory");
+        } catch (const std::exception& e) {
+            fail(IFL_ERROR_FILE_WRITE, e.what());
         }
         return code;
-    };
-    if (!path || !*path || !bitmap)
-        return finish(IFL_ERROR_BAD_PARAMETERS, "no file name or no bitmap");
+    }
+
+    void fail(IflError failure, std::string text) noexcept {
+        code = failure;
+        detail = std::move(text);
+    }
+
+    IflError tell(IflReport* report) {
+        if (report) {
+            report->path = path;
+            report->detail = detail;
+            report->warnings = warnings;
+        }
+        return code;
+    }
+};
+
+IflError iflBeginSave(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
+                      IflSave** save, IflReport* report) {
+    if (save) *save = nullptr;
+    std::unique_ptr<IflSave> made;
+    try {
+        made = std::make_unique<IflSave>();
+    } catch (const std::bad_alloc&) {
+        if (report) {
+            report->path = path ? path : "";
+            report->detail = "out of memory";
+            report->warnings.clear();
+        }
+        return IFL_ERROR_NO_MEMORY;
+    }
+    IflSave& s = *made;
+    s.run([&] { s.path = path ? path : ""; });
+    if (s.code != IFL_OK) return s.tell(report);
+    if (!path || !*path || !bitmap || !save) {
+        s.fail(IFL_ERROR_BAD_PARAMETERS, "no file name or no bitmap");
+        return s.tell(report);
+    }
 
     const IflBitmap& b = *bitmap;
     const int bits = b.bitsPerComponent;
@@ -426,29 +520,56 @@ IflError iflSaveBitmap(const char* path, const IflBitmap* bitmap, const IflSaveP
     if (!b.data || b.width <= 0 || b.height <= 0 || (bits != 8 && bits != 16 && bits != 32) ||
         (components != 1 && components != 3 && components != 4) ||
         b.bytesPerPixel != bits / 8 * components ||
-        std::int64_t{b.bytesPerLine} < std::int64_t{b.bytesPerPixel} * b.width)
-        return finish(IFL_ERROR_BAD_BITMAP, "the bitmap has no pixels or an inconsistent layout");
+        std::int64_t{b.bytesPerLine} < std::int64_t{b.bytesPerPixel} * b.width) {
+        s.fail(IFL_ERROR_BAD_BITMAP, "the bitmap has no pixels or an inconsistent layout");
+        return s.tell(report);
+    }
 
     const ifl::FormatInfo* format = ifl::formatByIndex(params.formatIndex);
-    if (!format)
-        return finish(IFL_ERROR_BAD_FORMAT_INDEX,
-                      "format index " + std::to_string(params.formatIndex) + " is not known");
-    if (!(format->depths & ifl::depthBit(bits)))
-        return finish(IFL_ERROR_BAD_BITMAP, std::string(format->name) + " files do not hold " +
-                                                std::to_string(bits) + "-bit components");
-
-    try {
-        const std::filesystem::path target(path);
-        checkTarget(target);
-        const std::vector<std::uint8_t> bytes =
-            encode(path, b, *format, params, ifl::metadataOf(bitmap), warnings);
-        writeFile(target, bytes);
-        return finish(IFL_OK, {});
-    } catch (const Failure& failure) {
-        return finish(failure.code, failure.detail);
-    } catch (const std::bad_alloc&) {
-        return finish(IFL_ERROR_NO_MEMORY, "out of memory");
-    } catch (const std::exception& e) {
-        return finish(IFL_ERROR_FILE_WRITE, e.what());
+    if (!format) {
+        s.fail(IFL_ERROR_BAD_FORMAT_INDEX,
+               "format index " + std::to_string(params.formatIndex) + " is not known");
+        return s.tell(report);
     }
+    if (!(format->depths & ifl::depthBit(bits))) {
+        s.fail(IFL_ERROR_BAD_BITMAP, std::string(format->name) + " files do not hold " +
+                                         std::to_string(bits) + "-bit components");
+        return s.tell(report);
+    }
+
+    s.run([&] {
+        s.target = std::filesystem::path(path);
+        checkTarget(s.target);
+        s.encoder.emplace(path, b, *format, params, ifl::metadataOf(bitmap), s.warnings);
+    });
+    if (s.code != IFL_OK) return s.tell(report);
+    *save = made.release();
+    return IFL_OK;
+}
+
+IflError iflSaveRows(IflSave* save, int rows) {
+    if (!save) return IFL_ERROR_BAD_PARAMETERS;
+    return save->run([&] { save->encoder->rowsReady(rows); });
+}
+
+IflError iflEndSave(IflSave* save, IflReport* report) {
+    if (!save) return IFL_ERROR_BAD_PARAMETERS;
+    save->run([&] {
+        const std::vector<std::uint8_t> bytes = save->encoder->finish();
+        writeFile(save->target, bytes);
+    });
+    return save->tell(report);
+}
+
+void iflFreeSave(IflSave* save) {
+    const std::unique_ptr<IflSave> owned(save);
+}
+
+IflError iflSaveBitmap(const char* path, const IflBitmap* bitmap, const IflSaveParams& params,
+                       IflReport* report) {
+    IflSave* started = nullptr;
+    const IflError code = iflBeginSave(path, bitmap, params, &started, report);
+    if (code != IFL_OK) return code;
+    const IflSavePtr save(started);
+    return iflEndSave(started, report);
 }

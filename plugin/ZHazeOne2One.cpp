@@ -242,15 +242,22 @@ void ZHazeOne2One::processImage(const QString& sourcePath, HazeSettings* setting
     // The source's pixels go to the output's format band by band through
     // the float form that the haze removal works in; neither that form nor
     // the full-size map is ever held whole, and the source is given back as
-    // soon as the output is complete.
+    // soon as the output is complete. The encoder takes the bands as they are
+    // done, on whichever core is free, instead of waiting for the last one.
     ZImage output;
+    QStringList notes;
+    std::optional<ZImageRowSave> save;
     {
         const AcquiredImage source(image);
-        runHazeRemovalInto(source.pixels(), *settings, output, targetType(image->channelCount()),
-                           targetDepth(image->bitDepth()));
+        const ZImage& pixels = source.pixels();
+        const int type = targetType(image->channelCount());
+        const int depth = targetDepth(image->bitDepth());
+        output.Create(pixels.Width(), pixels.Height(), type, depth, false);
+        save.emplace(output, outputPath, format, -1, sourcePath, &notes);
+        runHazeRemovalInto(pixels, *settings, output, type, depth,
+                           [&save](int rows) { save->rowsReady(rows); });
     }
-    QStringList notes;
-    output.Save(outputPath, format, -1, sourcePath, &notes);
+    save->finish();
     // The picture is written; what of the source's metadata could not go
     // with it is told, not hidden.
     for (const QString& note : std::as_const(notes))

@@ -96,4 +96,18 @@ PRIM_CONVERT_DEPTH(std::uint16_t, std::uint8_t)
 
 #undef PRIM_CONVERT_DEPTH
 
+void bytesToFloatRgba(const std::uint8_t* __restrict in, int channels, float* __restrict out,
+                      int width) {
+    if (channels == 4) {
+        convertRow<std::uint8_t, float>(in, out, std::int64_t{width} * 4);
+        return;
+    }
+    for (int x = 0; x < width; ++x, in += 3, out += 4) {
+        out[0] = byteToFloat(in[0]);
+        out[1] = byteToFloat(in[1]);
+        out[2] = byteToFloat(in[2]);
+        out[3] = 1.0f;
+    }
+}
+
 } // namespace prim

@@ -114,4 +114,10 @@ template <typename From, typename To>
 void convertDepth(PixelView<const From> source, PixelView<To> target, int width, int height,
                   int threads = 1);
 
+// One row of 8-bit RGB or RGBA pixels (`channels` 3 or 4) as RGBA floats:
+// byte -> float of every component, alpha 1.0 where the source has none.
+// What convertDepth and the placing of RGB into RGBA give, in one pass and
+// without a scratch row.
+void bytesToFloatRgba(const std::uint8_t* in, int channels, float* out, int width);
+
 } // namespace prim

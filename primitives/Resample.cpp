@@ -99,7 +99,10 @@ void resampleRows(int sourceWidth, int sourceHeight, const PixelPlane& target, i
     {
         std::vector<double> column(rowValues); // vertical blend of the source rows
         auto reader = makeReader();
-#pragma omp for schedule(static)
+        // A few rows at a time rather than a fixed half each: when another
+        // thread of the process holds a core, the other team member takes
+        // on more rows instead of waiting for it.
+#pragma omp for schedule(dynamic, 4)
         for (int y = 0; y < target.height; ++y) {
             if (yt.count[y] == 0) continue;
             const T* const* rows = reader(yt.first[y], yt.count[y]);

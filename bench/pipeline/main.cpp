@@ -13,8 +13,9 @@
 // two commands run in turn, so that on a shared machine both meet the same
 // spells of load. Then the stages of one run in a process of their own
 // (decode, working copy from converted rows, estimate, refinement with its
-// sparse solve, the bands that convert, remove the haze and convert back,
-// encoding with metadata),
+// sparse solve, the bands that convert, remove the haze and convert back
+// with the encoder taking them as they are done, the encoding's end with the
+// metadata and the file),
 // with the resident memory and its peak after each, and the full-size passes
 // on an RGBA float picture against the memory bandwidth measured in the same
 // run.
@@ -212,7 +213,8 @@ struct Stage {
 // One run of the plug-in's road through the stages, timed stage by stage,
 // in a process of its own so that its memory figures are the run's own:
 // decode (with the refinement prepared beside it), the whole haze removal
-// into 8 bits (runHazeRemovalInto), encode.
+// into 8 bits (runHazeRemovalInto) with the encoder taking its bands, and
+// the end of the encoding with the metadata and the file.
 // Its first three stages are also timed on their own beforehand ("of
 // which"), their results dropped before the whole run; the bands that
 // follow them are the full-size pass measured apart.
@@ -258,11 +260,17 @@ int printStages(const char* in, const char* out, int threads) {
                 std::span<float>(map.get(), static_cast<std::size_t>(size.width) * size.height));
         });
     }
-    time("haze removal, all", [&] {
+    // As the plug-in does: the encoder is opened on the output before the
+    // bands and takes them as they are done.
+    std::optional<ZImageRowSave> save;
+    time("haze removal, encoding", [&] {
         const Quiet quiet;
-        runHazeRemovalInto(source, settings, output, ZImage::RGB, 8);
+        output.Create(source.Width(), source.Height(), ZImage::RGB, 8, false);
+        save.emplace(output, QString::fromLocal8Bit(out), QStringLiteral("jpg"), -1, path);
+        runHazeRemovalInto(source, settings, output, ZImage::RGB, 8,
+                           [&save](int rows) { save->rowsReady(rows); });
     });
-    // What encode+meta spends on reading the source's header and metadata
+    // What the encoding spends on reading the source's header and metadata
     // again, on its own.
     time(" of which: metadata read", [&] {
         IflLoadParams load;
@@ -274,8 +282,7 @@ int printStages(const char* in, const char* out, int threads) {
         const IflBitmapPtr owned(loaded);
         iflFreeFileInformation(&information);
     });
-    time("encode+meta",
-         [&] { output.Save(QString::fromLocal8Bit(out), QStringLiteral("jpg"), -1, path); });
+    time("encoding's end, file", [&] { save->finish(); });
 
     double total = 0.0;
     for (const Stage& s : stages)

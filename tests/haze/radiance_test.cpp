@@ -12,6 +12,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -202,8 +203,17 @@ TEST(RunHazeRemovalInto, SameBytesAsConvertingRemovingAndConvertingBack) {
         ZImage image, expected, output;
         source.CopyTo(image, ZImage::RGBA, 32);
         runHazeRemoval(image, theirs, DepthMap::Discard);
+        // The rows told complete are final when told, and all are told.
         image.CopyTo(expected, c.toType, c.toBits);
-        runHazeRemovalInto(source, mine, output, c.toType, c.toBits);
+        const std::size_t row = static_cast<std::size_t>(c.width) * expected.BytesPerPixel();
+        int told = 0;
+        runHazeRemovalInto(source, mine, output, c.toType, c.toBits, [&](int rows) {
+            EXPECT_GT(rows, told);
+            for (; told < rows; ++told)
+                EXPECT_EQ(0, std::memcmp(expected.PixelAt(0, told), output.PixelAt(0, told), row))
+                    << "row " << told;
+        });
+        EXPECT_EQ(c.height, told);
         EXPECT_EQ(theirs.airlight, mine.airlight);
         EXPECT_EQ(c.cachedMap, mine.airDepthMap != nullptr);
         EXPECT_EQ(bytesOf(expected), bytesOf(output));

@@ -4,6 +4,8 @@
 
 #include <OpenImageIO/imageio.h>
 
+#include <regex>
+
 using namespace ifltest;
 
 namespace {
@@ -20,6 +22,15 @@ struct RoundTrip {
 
 void PrintTo(const RoundTrip& r, std::ostream* os) {
     *os << r.name;
+}
+
+// The file's bytes with every date and time the writer stamped (TIFF's
+// DateTime is the moment of the save) made the same, so that two saves a
+// second apart compare equal.
+std::string withoutClock(const QString& path) {
+    const std::vector<std::uint8_t> bytes = readBytes(path.toStdString());
+    static const std::regex stamp(R"(\d{4}:\d\d:\d\d \d\d:\d\d:\d\d)");
+    return std::regex_replace(std::string(bytes.begin(), bytes.end()), stamp, "clock");
 }
 
 class RoundTripTest : public ::testing::TestWithParam<RoundTrip> {
@@ -57,7 +68,7 @@ TEST_P(RoundTripTest, KeepsLayoutAndValues) {
     for (const int rows : {1, 8, 8, 20, 99})
         save.rowsReady(rows);
     save.finish();
-    EXPECT_EQ(readBytes(path.toStdString()), readBytes(byRows.toStdString()));
+    EXPECT_EQ(withoutClock(path), withoutClock(byRows));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -123,6 +123,16 @@ public:
                static_cast<std::ptrdiff_t>(x) * bitmap->bytesPerPixel;
     }
 
+    // 8-bit RGB or RGBA, a photograph's usual form, which the float passes
+    // read through one row conversion instead of Copy's chains.
+    bool IsByteColour() const {
+        return BitsPerComponent() == 8 && (bitmap->type == RGB || bitmap->type == RGBA);
+    }
+    // Rows y0 .. y0 + rows - 1 of a byte-colour image as RGBA floats, `stride`
+    // bytes apart in `out`: the values Copy gives, alpha 1.0 where there is
+    // none (ZImage_Copy.cpp).
+    void ByteRowsToFloat(int y0, int rows, float* out, std::ptrdiff_t stride) const;
+
     // Component count of a type code, by the masks IFL uses for its wider
     // classes; 0 for a code in no class.
     static int ComponentsOfType(int typeCode);

@@ -263,25 +263,12 @@ void runHazeRemoval(ZImage& image, HazeSettings& settings, DepthMap depthMap) {
 
 namespace {
 
-// The band conversions of the common case, 8-bit RGB or RGBA on either side,
-// in one pass each instead of ZImage::Copy's chains with their scratch
-// images, and with the same values: a byte becomes byteToFloat of it, a
-// missing alpha 1.0; a float goes back through floatToByte, alpha dropped
-// first when the target has none.
-bool isByteColour(const ZImage& image) {
-    return image.BitsPerComponent() == 8 &&
-           (image.BitmapType() == ZImage::RGB || image.BitmapType() == ZImage::RGBA);
-}
-
-void bytesToBand(const ZImage& source, int y0, int rows, ZImage& band) {
-    const int channels = source.BitmapType() == ZImage::RGBA ? 4 : 3;
-    for (int r = 0; r < rows; ++r)
-        prim::bytesToFloatRgba(source.PixelAt(0, y0 + r), channels,
-                               reinterpret_cast<float*>(band.PixelAt(0, r)), source.Width());
-}
-
-// Writes over the band when the target has no alpha: its colours are packed
-// to the front of each row, which the band no longer needs.
+// The way back of the common case, to 8-bit RGB or RGBA, in one pass instead
+// of ZImage::Copy's chains with their scratch images and with the same
+// values: a float goes through floatToByte, alpha dropped first when the
+// target has none (the way in is ZImage::ByteRowsToFloat). Writes over the
+// band when the target has no alpha: its colours are packed to the front of
+// each row, which the band no longer needs.
 void bandToBytes(ZImage& band, int rows, ZImage& target, int y0) {
     const int w = target.Width();
     int channels = 4;
@@ -339,8 +326,8 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
     std::vector<ZImage> buffers(static_cast<std::size_t>(threads));
     for (ZImage& buffer : buffers)
         buffer.Create(w, bandRows, ZImage::RGBA, 32, false);
-    const bool bytesIn = isByteColour(source);
-    const bool bytesOut = isByteColour(target);
+    const bool bytesIn = source.IsByteColour();
+    const bool bytesOut = target.IsByteColour();
     const auto complete = std::make_unique<std::atomic<bool>[]>(static_cast<std::size_t>(bands));
     std::atomic<int> nextBand{0};
     std::mutex reporting;
@@ -369,7 +356,8 @@ void runHazeRemovalInto(const ZImage& source, HazeSettings& settings, ZImage& ta
                 const int y0 = band * bandRows;
                 const int rows = std::min(bandRows, h - y0);
                 if (bytesIn)
-                    bytesToBand(source, y0, rows, buffer);
+                    source.ByteRowsToFloat(y0, rows, reinterpret_cast<float*>(buffer.PixelAt(0, 0)),
+                                           buffer.BytesPerLine());
                 else
                     source.Copy(0, y0, w, rows, buffer, 0, 0);
                 if (settings.strength != 0)

@@ -492,3 +492,11 @@ void ZImage::ToQImage(QImage& image) const {
     prim::reorderChannels<std::uint8_t>({b.data, b.bytesPerLine, 4}, width, height, kScreenOrder,
                                         threadCount);
 }
+
+void ZImage::ByteRowsToFloat(int y0, int rows, float* out, std::ptrdiff_t stride) const {
+    const int channels = bitmap->type == RGBA ? 4 : 3;
+    for (int r = 0; r < rows; ++r)
+        prim::bytesToFloatRgba(PixelAt(0, y0 + r), channels,
+                               reinterpret_cast<float*>(reinterpret_cast<char*>(out) + r * stride),
+                               bitmap->width);
+}

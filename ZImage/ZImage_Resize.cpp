@@ -2,7 +2,6 @@
 // 8, 16, 32 bits) of one template in primitives/Resample.
 #include "ZImage/ThreadCount.h"
 #include "ZImage/ZImage.h"
-#include "primitives/DepthConvert.h"
 #include "primitives/Resample.h"
 
 #include <cstdint>
@@ -91,16 +90,10 @@ void ZImage::ResizeAsFloatTo(ZImage& target, int newWidth, int newHeight) const 
     std::mutex failureLock;
     // 8-bit colour, a photograph's usual form, is converted row by row
     // straight into the rows the resampling reads.
-    const bool bytes =
-        bitmap->bitsPerComponent == 8 && (bitmap->type == RGB || bitmap->type == RGBA);
-    const int channels = bitmap->type == RGBA ? 4 : 3;
+    const bool bytes = IsByteColour();
     const prim::FloatRowSource rows = [&](int first, int count, float* out, std::ptrdiff_t stride) {
         if (bytes) {
-            for (int r = 0; r < count; ++r)
-                prim::bytesToFloatRgba(
-                    bitmap->data + static_cast<std::ptrdiff_t>(first + r) * bitmap->bytesPerLine,
-                    channels, reinterpret_cast<float*>(reinterpret_cast<char*>(out) + r * stride),
-                    w);
+            ByteRowsToFloat(first, count, out, stride);
             return true;
         }
         try {

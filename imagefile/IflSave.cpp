@@ -509,10 +509,12 @@ IflError iflBeginSave(const char* path, const IflBitmap* bitmap, const IflSavePa
     IflSave& s = *made;
     s.run([&] { s.path = path ? path : ""; });
     if (s.code != IFL_OK) return s.tell(report);
-    if (!path || !*path || !bitmap || !save) {
-        s.fail(IFL_ERROR_BAD_PARAMETERS, "no file name or no bitmap");
+    auto refuse = [&](IflError code, std::string detail) {
+        s.fail(code, std::move(detail));
         return s.tell(report);
-    }
+    };
+    if (!path || !*path || !bitmap || !save)
+        return refuse(IFL_ERROR_BAD_PARAMETERS, "no file name or no bitmap");
 
     const IflBitmap& b = *bitmap;
     const int bits = b.bitsPerComponent;
@@ -520,22 +522,16 @@ IflError iflBeginSave(const char* path, const IflBitmap* bitmap, const IflSavePa
     if (!b.data || b.width <= 0 || b.height <= 0 || (bits != 8 && bits != 16 && bits != 32) ||
         (components != 1 && components != 3 && components != 4) ||
         b.bytesPerPixel != bits / 8 * components ||
-        std::int64_t{b.bytesPerLine} < std::int64_t{b.bytesPerPixel} * b.width) {
-        s.fail(IFL_ERROR_BAD_BITMAP, "the bitmap has no pixels or an inconsistent layout");
-        return s.tell(report);
-    }
+        std::int64_t{b.bytesPerLine} < std::int64_t{b.bytesPerPixel} * b.width)
+        return refuse(IFL_ERROR_BAD_BITMAP, "the bitmap has no pixels or an inconsistent layout");
 
     const ifl::FormatInfo* format = ifl::formatByIndex(params.formatIndex);
-    if (!format) {
-        s.fail(IFL_ERROR_BAD_FORMAT_INDEX,
-               "format index " + std::to_string(params.formatIndex) + " is not known");
-        return s.tell(report);
-    }
-    if (!(format->depths & ifl::depthBit(bits))) {
-        s.fail(IFL_ERROR_BAD_BITMAP, std::string(format->name) + " files do not hold " +
-                                         std::to_string(bits) + "-bit components");
-        return s.tell(report);
-    }
+    if (!format)
+        return refuse(IFL_ERROR_BAD_FORMAT_INDEX,
+                      "format index " + std::to_string(params.formatIndex) + " is not known");
+    if (!(format->depths & ifl::depthBit(bits)))
+        return refuse(IFL_ERROR_BAD_BITMAP, std::string(format->name) + " files do not hold " +
+                                                std::to_string(bits) + "-bit components");
 
     s.run([&] {
         s.target = std::filesystem::path(path);
